@@ -1,0 +1,18 @@
+# Builds the MATLAB MEX file through FindMatlab when MATLAB is installed.
+# Without MATLAB this does nothing. libstdc++ and libgcc are linked
+# statically: MATLAB ships an older libstdc++ than the system compiler's.
+option(SHAPEWIENER_BUILD_MATLAB "Build the MATLAB MEX file when MATLAB is found" ON)
+if(NOT SHAPEWIENER_BUILD_MATLAB OR SHAPEWIENER_SANITIZE)
+  return()
+endif()
+find_package(Matlab QUIET COMPONENTS MX_LIBRARY)
+if(NOT Matlab_FOUND)
+  message(STATUS "MATLAB not found: the MATLAB MEX file is not built")
+  return()
+endif()
+matlab_add_mex(NAME shapewiener_matlab SRC ${SHAPEWIENER_CORE_SOURCES}
+               OUTPUT_NAME shapewiener R2017b)
+target_include_directories(shapewiener_matlab PRIVATE ${PROJECT_SOURCE_DIR}/src)
+target_link_options(shapewiener_matlab PRIVATE -static-libstdc++ -static-libgcc)
+set_target_properties(shapewiener_matlab PROPERTIES LIBRARY_OUTPUT_DIRECTORY
+                                                   ${CMAKE_BINARY_DIR}/matlab)

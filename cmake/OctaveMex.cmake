@@ -1,0 +1,38 @@
+# Builds build/octave/shapewiener.mex from the core sources with Octave's
+# compiler driver, against Octave's own mex.h. Only mexFunction is exported.
+find_program(SHAPEWIENER_MKOCTFILE mkoctfile)
+if(NOT SHAPEWIENER_MKOCTFILE)
+  message(STATUS "mkoctfile not found: the Octave MEX file is not built "
+                 "(install Debian's liboctave-dev to build it)")
+  return()
+endif()
+if(SHAPEWIENER_SANITIZE)
+  message(STATUS "Sanitizer build: the Octave MEX file is not built")
+  return()
+endif()
+
+set(SHAPEWIENER_OCTAVE_DIR ${CMAKE_BINARY_DIR}/octave)
+set(SHAPEWIENER_OCTAVE_MEX ${SHAPEWIENER_OCTAVE_DIR}/shapewiener.mex)
+set(SHAPEWIENER_OCTAVE_CXXFLAGS
+    "-O2 -std=c++17 -ffp-contract=off -fno-fast-math -Wall -Wextra -Werror")
+set(_sources "")
+foreach(_s ${SHAPEWIENER_CORE_SOURCES})
+  list(APPEND _sources ${PROJECT_SOURCE_DIR}/${_s})
+endforeach()
+
+add_custom_command(
+  OUTPUT ${SHAPEWIENER_OCTAVE_MEX}
+  COMMAND ${CMAKE_COMMAND} -E make_directory ${SHAPEWIENER_OCTAVE_DIR}
+  COMMAND ${CMAKE_COMMAND} -E env "CXXFLAGS=${SHAPEWIENER_OCTAVE_CXXFLAGS}"
+          ${SHAPEWIENER_MKOCTFILE} --mex -I${PROJECT_SOURCE_DIR}/src ${_sources}
+          -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/mex_exports.map
+          -o ${SHAPEWIENER_OCTAVE_MEX}
+  # The help text and the build script sit beside the MEX file.
+  COMMAND ${CMAKE_COMMAND} -E copy ${PROJECT_SOURCE_DIR}/octave/shapewiener.m
+          ${SHAPEWIENER_OCTAVE_DIR}/shapewiener.m
+  DEPENDS ${_sources} ${SHAPEWIENER_CORE_HEADERS} ${PROJECT_SOURCE_DIR}/octave/shapewiener.m
+          ${PROJECT_SOURCE_DIR}/cmake/mex_exports.map
+  WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
+  COMMENT "Building the Octave MEX file octave/shapewiener.mex"
+  VERBATIM)
+add_custom_target(octave_mex ALL DEPENDS ${SHAPEWIENER_OCTAVE_MEX})

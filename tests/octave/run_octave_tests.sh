@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Runs the Octave test suite against the built MEX file.
+# Usage: run_octave_tests.sh <dir with shapewiener.mex> <dir with the test scripts>
+# Exit code 77 (reported by CTest as skipped) when Octave or the MEX file is missing.
+set -u
+mex_dir=$1
+test_dir=$2
+if ! command -v octave-cli >/dev/null 2>&1; then
+  echo "*****************************************************************"
+  echo "*** SKIPPED: octave-cli not found; the Octave suite did not run ***"
+  echo "*** (install Debian's octave and liboctave-dev to run it)       ***"
+  echo "*****************************************************************"
+  exit 77
+fi
+if [ ! -f "$mex_dir/shapewiener.mex" ]; then
+  echo "*****************************************************************"
+  echo "*** SKIPPED: $mex_dir/shapewiener.mex was not built             ***"
+  echo "*** (mkoctfile missing: install Debian's liboctave-dev)         ***"
+  echo "*****************************************************************"
+  exit 77
+fi
+exec octave-cli --norc --no-history --no-window-system --eval \
+  "addpath('$mex_dir'); addpath('$test_dir'); exit(run_all_tests());"
