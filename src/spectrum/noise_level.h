@@ -59,6 +59,26 @@ inline float spatial_block_level(const SpectrumContext& ctx) {
                           ctx.noise_level_factor);
 }
 
+// Writes a packed block into the (cleared) n x n SpatialBlock in the shape's
+// geometry: block column c becomes row c, the coordinate along the line the
+// column. Slot s of block column c goes to the s-th shape pixel of line c.
+template <class Box>
+void lay_out_packed(const Box& box, const float* packed, const int32_t* column_count,
+                    const uint8_t* shape_mask, bool by_columns, float* spatial, uint32_t n) {
+    const uint32_t w = box.W();
+    for (uint32_t c = 0; c < w; ++c) {
+        const uint32_t len = static_cast<uint32_t>(column_count[c]);
+        if (len == 0) continue;
+        uint32_t slot = 0;
+        for (uint32_t along = 0; along < w && slot < len; ++along) {
+            const uint32_t at = by_columns ? along + c * w : c + along * w;
+            if (shape_mask[at] == 0) continue;
+            spatial[c + static_cast<size_t>(n) * along] = packed[c * w + slot];
+            ++slot;
+        }
+    }
+}
+
 // Computes coefficient_noise_level at all W*W positions (0 wherever the
 // noisy coefficient is exactly 0) and returns the level of the shape mean.
 // Uses noisy_gather and row_cursor as scratch; both stay as the last
@@ -87,19 +107,7 @@ float noise_levels(const Box& box, const SpectrumContext& ctx, const float* nois
         inverse_transform(box, spatial, noisy_gather, column_count, row_count, row_cursor,
                           max_column_count, transform_table);
         std::memset(spatial, 0, spatial_bytes);
-        // Block column c becomes row c of SpatialBlock; the coordinate along
-        // the line becomes the column.
-        for (uint32_t c = 0; c < w; ++c) {
-            const uint32_t len = static_cast<uint32_t>(column_count[c]);
-            if (len == 0) continue;
-            uint32_t slot = 0;
-            for (uint32_t along = 0; along < w && slot < len; ++along) {
-                const uint32_t at = by_columns ? along + c * w : c + along * w;
-                if (shape_mask[at] == 0) continue;
-                spatial[c + static_cast<size_t>(n) * along] = noisy_gather[c * w + slot];
-                ++slot;
-            }
-        }
+        lay_out_packed(box, noisy_gather, column_count, shape_mask, by_columns, spatial, n);
         coefficient_noise_level[t] = spatial_block_level(ctx);
     }
 
