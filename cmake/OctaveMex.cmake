@@ -1,5 +1,9 @@
 # Builds build/octave/shapewiener.mex from the core sources with Octave's
 # compiler driver, against Octave's own mex.h. Only mexFunction is exported.
+
+# The package tarball needs no mkoctfile here: pkg install compiles it.
+include(${CMAKE_CURRENT_LIST_DIR}/OctavePackage.cmake)
+
 find_program(SHAPEWIENER_MKOCTFILE mkoctfile)
 if(NOT SHAPEWIENER_MKOCTFILE)
   message(STATUS "mkoctfile not found: the Octave MEX file is not built "
@@ -27,7 +31,8 @@ add_custom_command(
           ${SHAPEWIENER_MKOCTFILE} --mex -I${PROJECT_SOURCE_DIR}/src ${_sources}
           -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/mex_exports.map
           -o ${SHAPEWIENER_OCTAVE_MEX}
-  # The help text and the build script sit beside the MEX file.
+  # The help text sits beside the MEX file: Octave reads a MEX file's help
+  # from the .m file of the same name in its folder.
   COMMAND ${CMAKE_COMMAND} -E copy ${PROJECT_SOURCE_DIR}/octave/shapewiener.m
           ${SHAPEWIENER_OCTAVE_DIR}/shapewiener.m
   DEPENDS ${_sources} ${SHAPEWIENER_CORE_HEADERS} ${PROJECT_SOURCE_DIR}/octave/shapewiener.m

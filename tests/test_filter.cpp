@@ -11,6 +11,8 @@
 
 namespace {
 
+using swtest::same_bits;
+
 using swtest::CallSpec;
 using swtest::MexCall;
 
@@ -18,10 +20,6 @@ std::vector<double> run(const CallSpec& spec) {
     MexCall call = swtest::make_call(spec);
     call.run();
     return call.output();
-}
-
-bool same_bits(const std::vector<double>& a, const std::vector<double>& b) {
-    return a.size() == b.size() && std::memcmp(a.data(), b.data(), sizeof(double) * a.size()) == 0;
 }
 
 double mse(const std::vector<double>& a, const std::vector<double>& b) {

@@ -9,9 +9,7 @@
 
 namespace {
 
-bool same_bits(const std::vector<double>& a, const std::vector<double>& b) {
-    return a.size() == b.size() && std::memcmp(a.data(), b.data(), sizeof(double) * a.size()) == 0;
-}
+using swtest::same_bits;
 
 class VariantMatchesGeneralPath : public ::testing::TestWithParam<uint32_t> {};
 

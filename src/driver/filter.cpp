@@ -39,7 +39,7 @@ void run_filter(mxArray** plhs, const mxArray* const* prhs, uint32_t h) {
     Workspace ws;
     if (!workspace_create(WorkspaceSizes{a.m, a.k, w, a.n, a.l}, &ws)) {
         mexErrMsgIdAndTxt("shapewiener:memory:outOfMemory",
-                          "shapewiener: not enough memory for the working arrays of this call.");
+                          "not enough memory for the working arrays of this call.");
     }
     WorkspaceRelease release{&ws};
 

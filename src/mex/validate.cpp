@@ -1,5 +1,6 @@
 #include "mex/validate.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdarg>
 #include <cstdint>
@@ -37,7 +38,7 @@ void fail(const char* what, const char* reason, const char* fmt, ...) {
     va_start(args, fmt);
     std::vsnprintf(message, sizeof message, fmt, args);
     va_end(args);
-    mexErrMsgIdAndTxt(identifier, "shapewiener: %s", message);
+    mexErrMsgIdAndTxt(identifier, "%s", message);
     std::abort();  // not reached: the host leaves the call above
 }
 
@@ -145,7 +146,7 @@ double require_scalar(const Subject& s, bool finite) {
 
 void validate_arguments(int nlhs, int nrhs, const mxArray* const* prhs) {
     if (nrhs < kArgumentCount) {
-        fail("nrhs", "tooFew", "needs at least %d input arguments; got %d.", kArgumentCount, nrhs);
+        fail("nrhs", "tooFew", "expected at least %d input arguments; got %d.", kArgumentCount, nrhs);
     }
     if (nlhs > 1) {
         fail("nlhs", "tooMany", "returns one output; %d were requested.", nlhs);
@@ -198,12 +199,16 @@ void validate_arguments(int nlhs, int nrhs, const mxArray* const* prhs) {
     // ScaleSet fixes L.
     const Subject scales = argument(prhs, kArgScaleSet);
     require_numeric(scales, mxDOUBLE_CLASS, "a real double vector");
-    if (mxGetNumberOfDimensions(scales.array) != 2 ||
-        (mxGetM(scales.array) > 1 && mxGetN(scales.array) > 1)) {
-        fail(scales.what, "notVector", "%s must be a vector; got %s.", scales.label,
+    // The length read is the larger dimension: it must be the element count
+    // (a 0 x 5 array has none of its 5 elements).
+    const size_t l = std::max(mxGetM(scales.array), mxGetN(scales.array));
+    if (mxGetNumberOfDimensions(scales.array) != 2 || mxGetNumberOfElements(scales.array) != l) {
+        fail(scales.what, "notVector",
+             "%s must be a vector (its length, the larger of rows and columns, must be its "
+             "number of elements); got %s.",
+             scales.label,
              dims_text(scales.array, dims, sizeof dims));
     }
-    const size_t l = mxGetNumberOfElements(scales.array);
 
     // Everything the call allocates must be addressable in 32 bits.
     const WorkspaceSizes sizes{static_cast<uint32_t>(m), static_cast<uint32_t>(k),

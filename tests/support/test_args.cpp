@@ -74,6 +74,11 @@ MexCall make_call(const CallSpec& s) {
     return c;
 }
 
+bool same_bits(const std::vector<double>& a, const std::vector<double>& b) {
+    return a.size() == b.size() &&
+           (a.empty() || std::memcmp(a.data(), b.data(), sizeof(double) * a.size()) == 0);
+}
+
 void MexCall::run() { run_with(mexFunction); }
 
 void MexCall::run_with(void (*entry)(int, mxArray**, int, const mxArray**)) {
@@ -102,12 +107,14 @@ std::vector<double> MexCall::output() const {
 }
 
 std::vector<double> MexCall::noisy() const {
+    if (!mxIsDouble(args[8].get())) return {};
     const size_t count = mxGetNumberOfElements(args[8].get());
     const double* p = mxGetPr(args[8].get());
     return std::vector<double>(p, p + count);
 }
 
 std::vector<double> MexCall::pilot() const {
+    if (!mxIsDouble(args[13].get())) return {};
     const size_t count = mxGetNumberOfElements(args[13].get());
     const double* p = mxGetPr(args[13].get());
     return std::vector<double>(p, p + count);

@@ -46,11 +46,16 @@ struct MexCall {
     void run_general(uint32_t h);
 
     std::vector<double> output() const;
-    std::vector<double> noisy() const;  // after the in-place dither
+    // The images as they are now (after the in-place dither); empty when the
+    // argument is not a double array.
+    std::vector<double> noisy() const;
     std::vector<double> pilot() const;
 };
 
 MexCall make_call(const CallSpec& spec);
+
+// Equal sizes and equal bits (NaNs included).
+bool same_bits(const std::vector<double>& a, const std::vector<double>& b);
 
 // Orthonormal DCT-II of length len: entry (f, s) at f + s*len.
 std::vector<double> dct_matrix(uint32_t len);

@@ -1,0 +1,109 @@
+function mexfile = build_shapewiener(outdir)
+% BUILD_SHAPEWIENER  Compile the shapewiener MEX file in Octave or MATLAB.
+%
+%   build_shapewiener           builds into the folder of this script
+%   build_shapewiener(OUTDIR)   builds into OUTDIR (created if needed)
+%   MEXFILE = build_shapewiener(...) returns the path of the built file.
+%
+%   Compiles the filter sources of this source tree (src/) into one MEX
+%   file and puts the help file shapewiener.m beside it; add OUTDIR to the
+%   path to use the function.
+%
+%   In Octave the host's compiler driver (mkoctfile --mex) is used; in
+%   MATLAB the mex command, with the R2017b matrix API. Both compile as
+%   C++17 without floating-point contraction and without fast-math, so the
+%   results do not depend on the host. On Linux under MATLAB, libstdc++
+%   and libgcc are linked statically, since MATLAB ships its own (older)
+%   libstdc++.
+
+  here = fileparts(mfilename('fullpath'));
+  root = fileparts(here);
+  srcdir = fullfile(root, 'src');
+  if nargin < 1 || isempty(outdir)
+    outdir = here;
+  end
+  if ~exist(fullfile(srcdir, 'mex', 'gateway.cpp'), 'file')
+    error('build_shapewiener:noSources', ...
+          'build_shapewiener: the filter sources were not found under %s.', srcdir);
+  end
+  if ~exist(outdir, 'dir')
+    [ok, msg] = mkdir(outdir);
+    if ~ok
+      error('build_shapewiener:outdir', ...
+            'build_shapewiener: cannot create %s: %s', outdir, msg);
+    end
+  end
+
+  names = {'mex/gateway.cpp', 'mex/validate.cpp', 'driver/filter.cpp', ...
+           'driver/workspace.cpp', 'spectrum/fft32.cpp', ...
+           'spectrum/block_spectrum.cpp'};
+  sources = cell(size(names));
+  for i = 1:numel(names)
+    sources{i} = fullfile(srcdir, names{i});
+  end
+  % The filter's own headers are included as "mex/...", "driver/..." from
+  % src/; src/mx (a standalone mex.h for builds without a host) must stay
+  % off the include path so that the host's mex.h is used.
+  include = ['-I' srcdir];
+
+  if exist('OCTAVE_VERSION', 'builtin')
+    mexfile = fullfile(outdir, 'shapewiener.mex');
+    args = [{'--mex', include}, sources];
+    map = fullfile(root, 'cmake', 'mex_exports.map');
+    if isunix() && ~ismac() && exist(map, 'file')
+      % Export nothing but the gateway.
+      args{end + 1} = ['-Wl,--version-script=' map];
+    end
+    args = [args, {'-o', mexfile}];
+    old_flags = getenv('CXXFLAGS');
+    setenv('CXXFLAGS', '-O2 -std=c++17 -ffp-contract=off -fno-fast-math -Wall');
+    try
+      [output, status] = mkoctfile(args{:});
+    catch err
+      setenv('CXXFLAGS', old_flags);
+      rethrow(err);
+    end
+    setenv('CXXFLAGS', old_flags);
+    if status ~= 0
+      error('build_shapewiener:compile', ...
+            'build_shapewiener: mkoctfile failed:\n%s', output);
+    end
+  else
+    args = {'-R2017b', include};
+    if ispc()
+      % MSVC reads COMPFLAGS, MinGW CXXFLAGS; each ignores the other.
+      args = [args, {'COMPFLAGS=$COMPFLAGS /std:c++17 /fp:precise', ...
+                     'CXXFLAGS=$CXXFLAGS -std=c++17 -ffp-contract=off -fno-fast-math'}];
+    else
+      args = [args, {'CXXFLAGS=$CXXFLAGS -std=c++17 -ffp-contract=off -fno-fast-math'}];
+    end
+    if isunix() && ~ismac()
+      args{end + 1} = 'LDFLAGS=$LDFLAGS -static-libstdc++ -static-libgcc';
+    end
+    args = [args, sources, {'-outdir', outdir, '-output', 'shapewiener'}];
+    mex(args{:});
+    mexfile = fullfile(outdir, ['shapewiener.' mexext()]);
+  end
+
+  % The help text sits beside the compiled file.
+  help_file = fullfile(here, 'shapewiener.m');
+  if ~strcmp(absolute_folder(outdir), absolute_folder(here))
+    [ok, msg] = copyfile(help_file, outdir);
+    if ~ok
+      error('build_shapewiener:copy', ...
+            'build_shapewiener: cannot copy the help file: %s', msg);
+    end
+  end
+  if nargout == 0
+    fprintf('Built %s\n', mexfile);
+    clear mexfile;
+  end
+end
+
+function folder = absolute_folder(folder)
+  % The absolute form of an existing folder, as the host resolves it.
+  previous = pwd();
+  cd(folder);
+  folder = pwd();
+  cd(previous);
+end

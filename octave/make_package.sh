@@ -1,0 +1,88 @@
+#!/usr/bin/env bash
+# Builds the Octave package shapewiener-<version>.tar.gz.
+#
+# Usage: make_package.sh <outdir> [<version> [<source>...]]
+#   <outdir>   folder that receives the tarball (created if needed)
+#   <version>  package version; default: the VERSION of project() in the
+#              top-level CMakeLists.txt
+#   <source>   filter sources, relative to the repository root; default: the
+#              six sources of the filter core
+#
+# Install and use in Octave:
+#   pkg install <outdir>/shapewiener-<version>.tar.gz
+#   pkg load shapewiener
+#   help shapewiener
+#
+# The package holds DESCRIPTION, COPYING, INDEX, inst/shapewiener.m (the
+# help text) and src/ with the filter sources and a Makefile, which `pkg
+# install` runs to compile shapewiener.mex with the installing Octave's
+# mkoctfile. Set SOURCE_DATE_EPOCH to fix the Date field and the file times.
+set -euo pipefail
+
+if [ $# -lt 1 ]; then
+  echo "usage: $0 <outdir> [<version> [<source>...]]" >&2
+  exit 2
+fi
+here=$(cd "$(dirname "$0")" && pwd)
+root=$(dirname "$here")
+outdir=$1
+shift
+if [ $# -ge 1 ]; then
+  version=$1
+  shift
+else
+  version=$(sed -n 's/^project(shapewiener[[:space:]]\{1,\}VERSION[[:space:]]\{1,\}\([0-9.]\{1,\}\).*/\1/p' \
+            "$root/CMakeLists.txt")
+fi
+if ! [[ $version =~ ^[0-9]+(\.[0-9]+)*$ ]]; then
+  echo "$0: no usable version ('$version'); pass it as the second argument" >&2
+  exit 2
+fi
+if [ $# -ge 1 ]; then
+  sources=("$@")
+else
+  sources=(src/mex/gateway.cpp src/mex/validate.cpp src/driver/filter.cpp
+           src/driver/workspace.cpp src/spectrum/fft32.cpp src/spectrum/block_spectrum.cpp)
+fi
+
+epoch=${SOURCE_DATE_EPOCH:-$(date +%s)}
+date=$(date -u -d "@$epoch" +%Y-%m-%d)
+name=shapewiener-$version
+mkdir -p "$outdir"
+outdir=$(cd "$outdir" && pwd)
+stage=$(mktemp -d "${TMPDIR:-/tmp}/shapewiener-package.XXXXXX")
+trap 'rm -rf "$stage"' EXIT
+pkg=$stage/$name
+mkdir -p "$pkg/inst" "$pkg/src"
+
+sed -e "s/@VERSION@/$version/" -e "s/@DATE@/$date/" "$here/package/DESCRIPTION.in" \
+  > "$pkg/DESCRIPTION"
+cp "$root/LICENSE" "$pkg/COPYING"
+cp "$here/package/INDEX" "$pkg/INDEX"
+cp "$here/shapewiener.m" "$pkg/inst/shapewiener.m"
+
+# The sources keep their folders under src/, as they include each other by
+# those paths. Every header of the filter comes along; the standalone host
+# layer (src/mx, with its own mex.h) does not: the host's mex.h is used.
+package_sources=()
+for s in "${sources[@]}"; do
+  case $s in
+    src/mx/*) echo "$0: $s belongs to the standalone host layer" >&2; exit 2 ;;
+    src/*) ;;
+    *) echo "$0: $s is not under src/" >&2; exit 2 ;;
+  esac
+  mkdir -p "$pkg/$(dirname "$s")"
+  cp "$root/$s" "$pkg/$s"
+  package_sources+=("${s#src/}")
+done
+(cd "$root" && find src -name '*.h' -not -path 'src/mx/*') | while read -r h; do
+  mkdir -p "$pkg/$(dirname "$h")"
+  cp "$root/$h" "$pkg/$h"
+done
+cp "$root/cmake/mex_exports.map" "$pkg/src/mex_exports.map"
+sed -e "s|@SOURCES@|${package_sources[*]}|" "$here/package/Makefile" > "$pkg/src/Makefile"
+
+tarball=$outdir/$name.tar.gz
+tar -C "$stage" --sort=name --owner=0 --group=0 --numeric-owner \
+    --mtime="@$epoch" -cf - "$name" | gzip -n -9 > "$tarball"
+echo "$tarball"

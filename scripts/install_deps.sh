@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Installs what building and testing need, from Debian's packages. Packages
+# already present are left alone; nothing is installed when all are there.
+set -euo pipefail
+packages=(cmake g++ make googletest libgtest-dev libgmock-dev libbenchmark-dev libpng-dev
+          pkg-config octave liboctave-dev clang libclang-rt-dev)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -eq 0 ]; then
+  echo "All build and test dependencies are installed."
+  exit 0
+fi
+echo "Installing: ${missing[*]}"
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+$sudo apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
