@@ -1,9 +1,13 @@
 #!/usr/bin/env bash
 # Installs what building and testing need, from Debian's packages. Packages
 # already present are left alone; nothing is installed when all are there.
+#   scripts/install_deps.sh          everything: build, tests, Octave, fuzzing
+#   scripts/install_deps.sh --demo   only what the demo program needs
 set -euo pipefail
-packages=(cmake g++ make googletest libgtest-dev libgmock-dev libbenchmark-dev libpng-dev
-          pkg-config octave liboctave-dev clang libclang-rt-dev)
+packages=(cmake g++ make pkg-config libpng-dev)
+if [ "${1:-}" != "--demo" ]; then
+  packages+=(googletest libgtest-dev libgmock-dev octave liboctave-dev clang libclang-rt-dev)
+fi
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -1,0 +1,95 @@
+#include "workload.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+
+#include "caller/coloured_noise.h"
+#include "driver/filter.h"
+#include "png_io.h"
+
+namespace swbench {
+
+Workload make_workload(const std::string& image_path, uint32_t h) {
+    Workload w;
+    w.image_path = image_path;
+    w.sigma = swcaller::kDefaultNoiseSigma;
+    w.seed = swcaller::kDefaultNoiseSeed;
+    w.clean = swtools::read_grey_png(image_path);
+    const swcaller::NoiseKernel kernel = swcaller::binomial_kernel();
+    w.noisy = swcaller::add(
+        w.clean, swcaller::coloured_noise(w.clean.rows, w.clean.cols, kernel, w.sigma, w.seed));
+    w.psd = swcaller::noise_psd(kernel, w.sigma, swcaller::kSpectrumGrid);
+    w.shapes = swcaller::fixed_square_shapes(w.clean.rows, w.clean.cols, h, h);
+    return w;
+}
+
+Workload crop_workload(const Workload& full, uint32_t side, uint32_t h) {
+    Workload w;
+    w.image_path = full.image_path;
+    w.sigma = full.sigma;
+    w.seed = full.seed;
+    w.clean = swcaller::centre_crop(full.clean, side, side);
+    w.noisy = swcaller::centre_crop(full.noisy, side, side);
+    w.psd = full.psd;
+    w.shapes = swcaller::fixed_square_shapes(w.clean.rows, w.clean.cols, h, h);
+    return w;
+}
+
+swcaller::PassSettings first_pass_settings() {
+    swcaller::PassSettings s;
+    s.wiener_variance_factor = swcaller::kFirstPassFactor;
+    return s;
+}
+
+swcaller::PassSettings second_pass_settings() {
+    swcaller::PassSettings s;
+    s.wiener_variance_factor = swcaller::kSecondPassFactor;
+    return s;
+}
+
+TimedCall time_call(swcaller::ModuleCall& call, swcaller::ModuleCall::Entry entry,
+                    uint32_t general_h) {
+    call.restore_images();
+    mxArray* plhs[1] = {nullptr};
+    const auto start = std::chrono::steady_clock::now();
+    if (entry != nullptr) {
+        entry(1, plhs, call.nrhs(), const_cast<const mxArray**>(call.prhs()));
+    } else {
+        sw::run_filter<0>(plhs, call.prhs(), general_h);
+    }
+    const auto stop = std::chrono::steady_clock::now();
+    mx_host::ArrayPtr out(plhs[0]);
+    TimedCall t;
+    t.seconds = std::chrono::duration<double>(stop - start).count();
+    t.output = swcaller::Image(static_cast<uint32_t>(mxGetM(out.get())),
+                               static_cast<uint32_t>(mxGetN(out.get())));
+    if (t.output.size() > 0) {
+        std::memcpy(t.output.pixels.data(), mxGetPr(out.get()), sizeof(double) * t.output.size());
+    }
+    return t;
+}
+
+uint64_t checksum(const swcaller::Image& image) {
+    uint64_t hash = 14695981039346656037ull;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(image.pixels.data());
+    for (size_t i = 0; i < image.size() * sizeof(double); ++i) {
+        hash ^= bytes[i];
+        hash *= 1099511628211ull;
+    }
+    return hash;
+}
+
+bool bit_identical(const swcaller::Image& a, const swcaller::Image& b) {
+    return a.rows == b.rows && a.cols == b.cols &&
+           std::memcmp(a.pixels.data(), b.pixels.data(), sizeof(double) * a.size()) == 0;
+}
+
+double median(std::vector<double> values) {
+    if (values.empty()) return 0.0;
+    std::sort(values.begin(), values.end());
+    const size_t mid = values.size() / 2;
+    return values.size() % 2 ? values[mid] : 0.5 * (values[mid - 1] + values[mid]);
+}
+
+}  // namespace swbench
