@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "shape/gather.h"
 #include "shape/shape.h"
 
 namespace sw {
@@ -24,15 +25,8 @@ void aggregate_shape(const Box& box, uint32_t row, uint32_t col, const ClippedBo
     const uint32_t reach = box.H() - 1;
     std::memset(reconstruction, 0, sizeof(float) * w * w);
     for (uint32_t b = 0; b < w; ++b) {
-        const uint32_t len = static_cast<uint32_t>(column_count[b]);
-        if (len == 0) continue;
-        uint32_t slot = 0;
-        for (uint32_t along = 0; along < w && slot < len; ++along) {
-            const uint32_t at = by_columns ? along + b * w : b + along * w;
-            if (shape_mask[at] == 0) continue;
-            reconstruction[at] = packed[b * w + slot];
-            ++slot;
-        }
+        walk_line(w, b, static_cast<uint32_t>(column_count[b]), by_columns, shape_mask,
+                  [&](uint32_t slot, uint32_t, uint32_t at) { reconstruction[at] = packed[b * w + slot]; });
     }
 
     const double weight = 1.0 / (static_cast<double>(estimate_variance) * shape_size);

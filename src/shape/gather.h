@@ -35,6 +35,23 @@ inline void dither_images(double* noisy, double* pilot, uint32_t pixel_count) {
     }
 }
 
+// Visits the first `len` shape pixels of line `line` in packing order (box
+// column `line` by increasing row when by_columns, box row `line` by
+// increasing column otherwise): visit(slot, along, position) with the
+// pixel's slot in its block column, its coordinate along the line and its
+// box position i + j*W. This is the inverse of the packing of gather_shape.
+template <class Visit>
+inline void walk_line(uint32_t w, uint32_t line, uint32_t len, bool by_columns,
+                      const uint8_t* shape_mask, Visit visit) {
+    uint32_t slot = 0;
+    for (uint32_t along = 0; along < w && slot < len; ++along) {
+        const uint32_t at = by_columns ? along + line * w : line + along * w;
+        if (shape_mask[at] == 0) continue;
+        visit(slot, along, at);
+        ++slot;
+    }
+}
+
 // Clears the per-entry arrays, forms the shape mask as the OR of the eight
 // sector masks inside the clipped box, and packs the noisy and pilot values
 // of the shape's pixels. `box` supplies H and W; (row, col) is the pixel.

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "shape/gather.h"
 #include "spectrum/block_spectrum.h"
 #include "transform/shape_transform.h"
 
@@ -67,15 +68,10 @@ void lay_out_packed(const Box& box, const float* packed, const int32_t* column_c
                     const uint8_t* shape_mask, bool by_columns, float* spatial, uint32_t n) {
     const uint32_t w = box.W();
     for (uint32_t c = 0; c < w; ++c) {
-        const uint32_t len = static_cast<uint32_t>(column_count[c]);
-        if (len == 0) continue;
-        uint32_t slot = 0;
-        for (uint32_t along = 0; along < w && slot < len; ++along) {
-            const uint32_t at = by_columns ? along + c * w : c + along * w;
-            if (shape_mask[at] == 0) continue;
-            spatial[c + static_cast<size_t>(n) * along] = packed[c * w + slot];
-            ++slot;
-        }
+        walk_line(w, c, static_cast<uint32_t>(column_count[c]), by_columns, shape_mask,
+                  [&](uint32_t slot, uint32_t along, uint32_t) {
+                      spatial[c + static_cast<size_t>(n) * along] = packed[c * w + slot];
+                  });
     }
 }
 
