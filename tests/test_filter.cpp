@@ -13,11 +13,11 @@ namespace {
 
 using swtest::same_bits;
 
-using swtest::CallSpec;
+using swtest::CallPlan;
 using swtest::MexCall;
 
-std::vector<double> run(const CallSpec& spec) {
-    MexCall call = swtest::make_call(spec);
+std::vector<double> run(const CallPlan& plan) {
+    MexCall call = swtest::make_call(plan);
     call.run();
     return call.output();
 }
@@ -36,8 +36,8 @@ std::vector<double> with_noise(std::vector<double> img, double sigma, uint32_t s
 }
 
 // A 1 x 4 image whose every shape is its pixel and the right neighbour.
-CallSpec pairs_spec(std::vector<int32_t> pixels, double threshold) {
-    CallSpec s;
+CallPlan pairs_plan(std::vector<int32_t> pixels, double threshold) {
+    CallPlan s;
     s.m = 1;
     s.k = 4;
     s.h = 2;
@@ -59,26 +59,26 @@ CallSpec pairs_spec(std::vector<int32_t> pixels, double threshold) {
 TEST(Coverage, ThresholdDecidesWhichEntriesRun) {
     const double never = 1e9;
     // Threshold 0: pixels 2 and 4 are covered by the time their entries come.
-    const auto skipping = run(pairs_spec({1, 2, 3, 4}, 0));
+    const auto skipping = run(pairs_plan({1, 2, 3, 4}, 0));
     // The same entries run when the skipped ones are replaced by entries of
     // an already covered pixel.
-    EXPECT_TRUE(same_bits(skipping, run(pairs_spec({1, 1, 3, 1}, 0))));
-    const auto all = run(pairs_spec({1, 2, 3, 4}, never));
+    EXPECT_TRUE(same_bits(skipping, run(pairs_plan({1, 1, 3, 1}, 0))));
+    const auto all = run(pairs_plan({1, 2, 3, 4}, never));
     EXPECT_FALSE(same_bits(skipping, all));
     // Threshold 1: every pixel is covered at most once before its entry.
-    EXPECT_TRUE(same_bits(all, run(pairs_spec({1, 2, 3, 4}, 1))));
+    EXPECT_TRUE(same_bits(all, run(pairs_plan({1, 2, 3, 4}, 1))));
     // NaN and anything from 65535 up never skip: the count is 16 bits.
-    EXPECT_TRUE(same_bits(all, run(pairs_spec({1, 2, 3, 4}, std::nan("")))));
-    EXPECT_TRUE(same_bits(all, run(pairs_spec({1, 2, 3, 4}, 65535))));
+    EXPECT_TRUE(same_bits(all, run(pairs_plan({1, 2, 3, 4}, std::nan("")))));
+    EXPECT_TRUE(same_bits(all, run(pairs_plan({1, 2, 3, 4}, 65535))));
 }
 
 // A 5 x 5 image, H = 2, scales {1, 2}: scale 1 is the pixel alone, scale 2
 // the 3 x 3 square. The centre pixel (1-based 13) has scale 2, and so do
 // `second` and 25 when large_followers; the list starts with 13, `second`
 // and 25, with the given keys.
-CallSpec reuse_spec(int32_t second, const std::vector<int32_t>& first_keys, bool large_followers,
+CallPlan reuse_plan(int32_t second, const std::vector<int32_t>& first_keys, bool large_followers,
                     double threshold) {
-    CallSpec s;
+    CallPlan s;
     s.m = 5;
     s.k = 5;
     s.h = 2;
@@ -113,42 +113,42 @@ TEST(ShapeKeys, EqualKeysReuseShapeAndLevelsWhateverThePixelHolds) {
     const double never = 1e9;
     // Keys 5, 5, 5: pixels 1 and 25 take the centre's scales and levels, so
     // their own scale indices do not matter.
-    const auto reused = run(reuse_spec(1, {5, 5, 5}, false, never));
-    EXPECT_TRUE(same_bits(reused, run(reuse_spec(1, {5, 5, 5}, true, never))));
+    const auto reused = run(reuse_plan(1, {5, 5, 5}, false, never));
+    EXPECT_TRUE(same_bits(reused, run(reuse_plan(1, {5, 5, 5}, true, never))));
     // Keys 5, 7, 5: three key changes, every entry uses its own scales.
-    const auto changed = run(reuse_spec(1, {5, 7, 5}, false, never));
+    const auto changed = run(reuse_plan(1, {5, 7, 5}, false, never));
     EXPECT_FALSE(same_bits(reused, changed));
 }
 
 TEST(ShapeKeys, SkippedEntriesAreInvisibleToKeyReuse) {
     // Pixel 7 lies in the centre's 3 x 3 shape: with threshold 0 its entry is
     // skipped, and keys 5, 7, 5 then behave as 5, 5, 5.
-    const auto skipped = run(reuse_spec(7, {5, 7, 5}, false, 0));
-    EXPECT_TRUE(same_bits(skipped, run(reuse_spec(7, {5, 5, 5}, false, 0))));
-    EXPECT_FALSE(same_bits(skipped, run(reuse_spec(7, {5, 8, 9}, false, 0))));
+    const auto skipped = run(reuse_plan(7, {5, 7, 5}, false, 0));
+    EXPECT_TRUE(same_bits(skipped, run(reuse_plan(7, {5, 5, 5}, false, 0))));
+    EXPECT_FALSE(same_bits(skipped, run(reuse_plan(7, {5, 8, 9}, false, 0))));
 }
 
 TEST(ShapeKeys, KeyZeroOnTheFirstEntryIsAKeyChange) {
-    CallSpec spec = swtest::square_spec(9, 8, 3, 32);
-    spec.noisy = with_noise(spec.noisy, 0.05, 1);
-    const auto reference = run(spec);
-    const int32_t first = spec.keys[0];
-    for (auto& key : spec.keys) {
+    CallPlan plan = swtest::square_plan(9, 8, 3, 32);
+    plan.noisy = with_noise(plan.noisy, 0.05, 1);
+    const auto reference = run(plan);
+    const int32_t first = plan.keys[0];
+    for (auto& key : plan.keys) {
         if (key == first) key = 0;
     }
-    EXPECT_TRUE(same_bits(reference, run(spec)));
+    EXPECT_TRUE(same_bits(reference, run(plan)));
 }
 
 TEST(Filter, PixelsThatNoShapeCoversAreNan) {
     // Every shape is its own pixel; the list names only the first 6 pixels.
-    CallSpec spec = swtest::square_spec(4, 3, 2, 4);
-    spec.direction_scale_map.assign(12 * 8, 1);
-    spec.scale_set = {1};
+    CallPlan plan = swtest::square_plan(4, 3, 2, 4);
+    plan.direction_scale_map.assign(12 * 8, 1);
+    plan.scale_set = {1};
     for (uint32_t i = 0; i < 12; ++i) {
-        spec.pixels[i] = static_cast<int32_t>(i % 6 + 1);
-        spec.keys[i] = static_cast<int32_t>(i + 1);
+        plan.pixels[i] = static_cast<int32_t>(i % 6 + 1);
+        plan.keys[i] = static_cast<int32_t>(i + 1);
     }
-    const auto out = run(spec);
+    const auto out = run(plan);
     for (uint32_t q = 0; q < 12; ++q) {
         EXPECT_EQ(std::isnan(out[q]), q >= 6) << q;
     }
@@ -159,13 +159,13 @@ TEST(Filter, UnitWienerFactorsReproduceTheClippedNoisyImage) {
     // so each shape returns its own values and the output is the noisy image
     // clipped to [0, 1], up to float rounding.
     for (uint32_t n : {32u, 12u}) {
-        CallSpec spec = swtest::square_spec(16, 13, 3, n);
-        spec.noisy = with_noise(spec.noisy, 0.2, 5);  // some values leave [0, 1]
-        spec.pilot = spec.noisy;
-        spec.wiener_variance_factor = 0.0;
-        const auto out = run(spec);
+        CallPlan plan = swtest::square_plan(16, 13, 3, n);
+        plan.noisy = with_noise(plan.noisy, 0.2, 5);  // some values leave [0, 1]
+        plan.pilot = plan.noisy;
+        plan.wiener_variance_factor = 0.0;
+        const auto out = run(plan);
         for (size_t q = 0; q < out.size(); ++q) {
-            const double clipped = std::min(1.0, std::max(0.0, spec.noisy[q]));
+            const double clipped = std::min(1.0, std::max(0.0, plan.noisy[q]));
             ASSERT_NEAR(out[q], clipped, 1e-6) << q;
         }
     }
@@ -174,27 +174,27 @@ TEST(Filter, UnitWienerFactorsReproduceTheClippedNoisyImage) {
 TEST(Filter, ZeroNoiseLevelFactorGivesZeroVarianceAndNan) {
     // Every level is 0, so every estimate has variance 0 and infinite
     // weight: the weighted means are infinity over infinity.
-    CallSpec spec = swtest::square_spec(6, 6, 2, 32);
-    spec.noise_level_factor = 0.0;
-    for (double v : run(spec)) EXPECT_TRUE(std::isnan(v));
+    CallPlan plan = swtest::square_plan(6, 6, 2, 32);
+    plan.noise_level_factor = 0.0;
+    for (double v : run(plan)) EXPECT_TRUE(std::isnan(v));
 }
 
 TEST(Filter, TwoPassesRemoveMostOfTheNoise) {
     const uint32_t m = 48;
     const uint32_t k = 40;
-    CallSpec spec = swtest::square_spec(m, k, 4, 32);
-    const std::vector<double> clean = spec.noisy;
+    CallPlan plan = swtest::square_plan(m, k, 4, 32);
+    const std::vector<double> clean = plan.noisy;
     const double sigma = 0.1;
     const std::vector<double> noisy = with_noise(clean, sigma, 11);
-    spec.psd.assign(32 * 32, sigma * sigma);
-    spec.noisy = noisy;
-    spec.pilot = noisy;
-    spec.wiener_variance_factor = 9.0;
-    const auto first = run(spec);
-    spec.noisy = noisy;
-    spec.pilot = first;
-    spec.wiener_variance_factor = 1.5;
-    const auto second = run(spec);
+    plan.psd.assign(32 * 32, sigma * sigma);
+    plan.noisy = noisy;
+    plan.pilot = noisy;
+    plan.wiener_variance_factor = 9.0;
+    const auto first = run(plan);
+    plan.noisy = noisy;
+    plan.pilot = first;
+    plan.wiener_variance_factor = 1.5;
+    const auto second = run(plan);
     const double before = mse(noisy, clean);
     EXPECT_LT(mse(first, clean), before / 4);
     EXPECT_LT(mse(second, clean), mse(first, clean));
@@ -205,9 +205,9 @@ TEST(Filter, RepeatedCallsAreDeterministic) {
     swtest::RandomOptions options;
     options.repeat_pixels = true;
     options.coverage_threshold = 2;
-    const CallSpec spec = swtest::random_spec(42, options);
-    const auto a = run(spec);
-    const auto b = run(spec);
+    const CallPlan plan = swtest::random_plan(42, options);
+    const auto a = run(plan);
+    const auto b = run(plan);
     EXPECT_TRUE(same_bits(a, b));
 }
 

@@ -13,7 +13,7 @@
 
 namespace {
 
-using swtest::CallSpec;
+using swtest::CallPlan;
 using swtest::MexCall;
 
 TEST(RoundToUnsigned, RoundsHalvesUpAndSaturates) {
@@ -43,13 +43,13 @@ TEST(Dispatch, VariantsServeFourToElevenOnly) {
 
 TEST(Dispatch, FractionalMaxScaleSelectsTheRoundedSize) {
     // 3.5 rounds to 4: arguments built for H = 4 are accepted.
-    CallSpec spec = swtest::square_spec(6, 5, 4, 32);
-    spec.h_argument = 3.5;
-    MexCall call = swtest::make_call(spec);
+    CallPlan plan = swtest::square_plan(6, 5, 4, 32);
+    plan.h_argument = 3.5;
+    MexCall call = swtest::make_call(plan);
     EXPECT_NO_THROW(call.run());
     // 3.49 rounds to 3, and the H = 4 mask bank no longer fits.
-    spec.h_argument = 3.49;
-    MexCall wrong = swtest::make_call(spec);
+    plan.h_argument = 3.49;
+    MexCall wrong = swtest::make_call(plan);
     try {
         wrong.run();
         FAIL() << "expected an error";
@@ -61,15 +61,15 @@ TEST(Dispatch, FractionalMaxScaleSelectsTheRoundedSize) {
 TEST(Gateway, EmptyImageGivesEmptyOutputAndReleasesEverything) {
     const long before = mx_host::live_array_count();
     {
-        CallSpec spec = swtest::square_spec(0, 0, 2, 32);
-        MexCall call = swtest::make_call(spec);
+        CallPlan plan = swtest::square_plan(0, 0, 2, 32);
+        MexCall call = swtest::make_call(plan);
         call.run();
         ASSERT_NE(call.out.get(), nullptr);
         EXPECT_EQ(mxGetM(call.out.get()), 0u);
         EXPECT_EQ(mxGetN(call.out.get()), 0u);
         // A 0 x 7 image too.
-        spec = swtest::square_spec(0, 7, 2, 16);
-        MexCall wide = swtest::make_call(spec);
+        plan = swtest::square_plan(0, 7, 2, 16);
+        MexCall wide = swtest::make_call(plan);
         wide.run();
         EXPECT_EQ(mxGetN(wide.out.get()), 7u);
         EXPECT_EQ(mxGetNumberOfElements(wide.out.get()), 0u);
@@ -78,7 +78,7 @@ TEST(Gateway, EmptyImageGivesEmptyOutputAndReleasesEverything) {
 }
 
 TEST(Gateway, OutputIsCreatedEvenWithoutRequestedOutputs) {
-    MexCall call = swtest::make_call(swtest::square_spec(5, 4, 2, 32));
+    MexCall call = swtest::make_call(swtest::square_plan(5, 4, 2, 32));
     mxArray* plhs[1] = {nullptr};
     mexFunction(0, plhs, 16, call.prhs.data());
     call.out.reset(plhs[0]);
@@ -88,10 +88,10 @@ TEST(Gateway, OutputIsCreatedEvenWithoutRequestedOutputs) {
 }
 
 TEST(Gateway, IgnoredArgumentsDoNotChangeTheResult) {
-    const CallSpec spec = swtest::square_spec(7, 6, 3, 32);
-    MexCall a = swtest::make_call(spec);
+    const CallPlan plan = swtest::square_plan(7, 6, 3, 32);
+    MexCall a = swtest::make_call(plan);
     a.run();
-    MexCall b = swtest::make_call(spec);
+    MexCall b = swtest::make_call(plan);
     b.args[4].reset(mxCreateString("anything"));
     b.args[5].reset(mxCreateCellMatrix(2, 2));
     b.args[11].reset(mxCreateNumericMatrix(3, 3, mxINT16_CLASS, mxREAL));
@@ -104,10 +104,10 @@ TEST(Gateway, IgnoredArgumentsDoNotChangeTheResult) {
 }
 
 TEST(Dither, TwoByTwoAmountsStayInTheCallersArrays) {
-    CallSpec spec = swtest::square_spec(2, 2, 1, 2);
-    spec.noisy = {0.0, 0.0, 0.0, 0.0};
-    spec.pilot = {0.0, 0.0, 0.0, 0.0};
-    MexCall call = swtest::make_call(spec);
+    CallPlan plan = swtest::square_plan(2, 2, 1, 2);
+    plan.noisy = {0.0, 0.0, 0.0, 0.0};
+    plan.pilot = {0.0, 0.0, 0.0, 0.0};
+    MexCall call = swtest::make_call(plan);
     call.run();
     const auto noisy = call.noisy();
     const auto pilot = call.pilot();
@@ -123,10 +123,10 @@ TEST(Dither, TwoByTwoAmountsStayInTheCallersArrays) {
 }
 
 TEST(Dither, StepWrapsEvery256Pixels) {
-    CallSpec spec = swtest::square_spec(300, 1, 1, 2);
-    spec.noisy.assign(300, 0.0);
-    spec.pilot.assign(300, 0.0);
-    MexCall call = swtest::make_call(spec);
+    CallPlan plan = swtest::square_plan(300, 1, 1, 2);
+    plan.noisy.assign(300, 0.0);
+    plan.pilot.assign(300, 0.0);
+    MexCall call = swtest::make_call(plan);
     call.run();
     const auto noisy = call.noisy();
     // Pixel q gets ((300 - 1 - q) mod 256) * 3e-17.

@@ -19,11 +19,11 @@ namespace {
 
 using swtest::same_bits;
 
-using swtest::CallSpec;
+using swtest::CallPlan;
 using swtest::MexCall;
 
 // A small valid call: 6 x 5 image, H = 2, N = 4.
-CallSpec valid_spec() { return swtest::square_spec(6, 5, 2, 4); }
+CallPlan valid_plan() { return swtest::square_plan(6, 5, 2, 4); }
 
 mxArray* scalar(double x) {
     mxArray* a = mxCreateDoubleMatrix(1, 1, mxREAL);
@@ -133,14 +133,14 @@ TEST(Validation, EveryRuleRaisesItsIdentifierAndChangesNothing) {
         {"shapewiener:sizes:tooLarge", [](MexCall& c) { replace(c, 6, scalar(1e9)); }},
     };
     for (const Case& k : cases) {
-        MexCall call = swtest::make_call(valid_spec());
+        MexCall call = swtest::make_call(valid_plan());
         k.mutate(call);
         EXPECT_EQ(error_of(call), k.identifier);
     }
 }
 
 TEST(Validation, ArgumentCounts) {
-    MexCall call = swtest::make_call(valid_spec());
+    MexCall call = swtest::make_call(valid_plan());
     EXPECT_EQ(error_of(call, 1, 15), "shapewiener:nrhs:tooFew");
     EXPECT_EQ(error_of(call, 1, 0), "shapewiener:nrhs:tooFew");
     EXPECT_EQ(error_of(call, 2, 16), "shapewiener:nlhs:tooMany");
@@ -151,7 +151,7 @@ TEST(Validation, ArgumentCounts) {
 }
 
 TEST(Validation, MessagesNameTheArgumentAsTheUserCountsIt) {
-    MexCall call = swtest::make_call(valid_spec());
+    MexCall call = swtest::make_call(valid_plan());
     replace(call, 8, mxCreateNumericMatrix(6, 5, mxUINT8_CLASS, mxREAL));
     try {
         call.run();
@@ -163,33 +163,33 @@ TEST(Validation, MessagesNameTheArgumentAsTheUserCountsIt) {
 }
 
 TEST(Validation, CallsInsideTheContractAreAccepted) {
-    const std::vector<std::function<void(CallSpec&)>> allowed = {
-        [](CallSpec& s) { s.coverage_threshold = std::nan(""); },
-        [](CallSpec& s) { s.coverage_threshold = 1e300; },
-        [](CallSpec& s) { s.coverage_threshold = -5; },
-        [](CallSpec& s) { s.noise_level_factor = -1; },
-        [](CallSpec& s) { s.noise_level_factor = std::nan(""); },
-        [](CallSpec& s) { s.wiener_variance_factor = 0; },
-        [](CallSpec& s) { s.wiener_variance_factor = -INFINITY; },
-        [](CallSpec& s) { s.noisy[3] = std::nan(""); s.pilot[7] = -40; },
-        [](CallSpec& s) { s.scale_set = {2.4, 99, std::nan("")}; },  // only element 1 selected
-        [](CallSpec& s) { s.transforms.push_back(std::vector<double>(16, 0.0)); },
-        [](CallSpec& s) { s.keys.assign(s.keys.size(), 0); },
-        [](CallSpec& s) { s.pixels.assign(s.pixels.size(), 4); },
-        [](CallSpec& s) { s.h_argument = 2.2; },
-        [](CallSpec& s) { s.n = 6; s.psd.assign(36, 0.01); },
+    const std::vector<std::function<void(CallPlan&)>> allowed = {
+        [](CallPlan& s) { s.coverage_threshold = std::nan(""); },
+        [](CallPlan& s) { s.coverage_threshold = 1e300; },
+        [](CallPlan& s) { s.coverage_threshold = -5; },
+        [](CallPlan& s) { s.noise_level_factor = -1; },
+        [](CallPlan& s) { s.noise_level_factor = std::nan(""); },
+        [](CallPlan& s) { s.wiener_variance_factor = 0; },
+        [](CallPlan& s) { s.wiener_variance_factor = -INFINITY; },
+        [](CallPlan& s) { s.noisy[3] = std::nan(""); s.pilot[7] = -40; },
+        [](CallPlan& s) { s.scale_set = {2.4, 99, std::nan("")}; },  // only element 1 selected
+        [](CallPlan& s) { s.transforms.push_back(std::vector<double>(16, 0.0)); },
+        [](CallPlan& s) { s.keys.assign(s.keys.size(), 0); },
+        [](CallPlan& s) { s.pixels.assign(s.pixels.size(), 4); },
+        [](CallPlan& s) { s.h_argument = 2.2; },
+        [](CallPlan& s) { s.n = 6; s.psd.assign(36, 0.01); },
     };
     for (size_t i = 0; i < allowed.size(); ++i) {
-        CallSpec spec = valid_spec();
-        allowed[i](spec);
-        MexCall call = swtest::make_call(spec);
+        CallPlan plan = valid_plan();
+        allowed[i](plan);
+        MexCall call = swtest::make_call(plan);
         EXPECT_EQ(error_of(call), "") << "case " << i;
         EXPECT_NE(call.out.get(), nullptr);
     }
 }
 
 TEST(Validation, FailedAllocationIsAnErrorAndChangesNothing) {
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || SHAPEWIENER_HAS_ADDRESS_SANITIZER
     GTEST_SKIP() << "address space limits do not mix with the address sanitizer";
 #else
     // In a child process: a call whose workspace and twiddle table need about
@@ -197,13 +197,13 @@ TEST(Validation, FailedAllocationIsAnErrorAndChangesNothing) {
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        CallSpec spec = swtest::square_spec(3, 3, 1, 2);
+        CallPlan plan = swtest::square_plan(3, 3, 1, 2);
         const uint32_t n = 4096;
-        spec.n = n;
-        spec.psd.assign(static_cast<size_t>(n) * n, 0.01);
-        MexCall call = swtest::make_call(spec);
-        spec.psd.clear();
-        spec.psd.shrink_to_fit();
+        plan.n = n;
+        plan.psd.assign(static_cast<size_t>(n) * n, 0.01);
+        MexCall call = swtest::make_call(plan);
+        plan.psd.clear();
+        plan.psd.shrink_to_fit();
         long pages = 0;
         FILE* f = std::fopen("/proc/self/statm", "r");
         if (f == nullptr || std::fscanf(f, "%ld", &pages) != 1) _exit(3);

@@ -29,11 +29,11 @@ TEST_P(VariantMatchesGeneralPath, OnRandomCalls) {
         o.random_matrices = seed == 3;
         o.repeat_pixels = seed >= 2;
         o.coverage_threshold = seed == 2 ? 1 : 1e9;
-        const swtest::CallSpec spec = swtest::random_spec(1000 * h + seed, o);
+        const swtest::CallPlan plan = swtest::random_plan(1000 * h + seed, o);
 
-        swtest::MexCall variant = swtest::make_call(spec);
+        swtest::MexCall variant = swtest::make_call(plan);
         variant.run();  // dispatches to the variant for h
-        swtest::MexCall general = swtest::make_call(spec);
+        swtest::MexCall general = swtest::make_call(plan);
         general.run_general(h);
 
         EXPECT_TRUE(same_bits(variant.output(), general.output())) << "h " << h << " seed " << seed;
@@ -56,10 +56,10 @@ TEST(GeneralPath, MatchesTheGatewayForSizesWithoutVariant) {
         o.n = h == 12 ? 24 : 32;
         o.m = 5;
         o.k = 4;
-        const swtest::CallSpec spec = swtest::random_spec(77 + h, o);
-        swtest::MexCall a = swtest::make_call(spec);
+        const swtest::CallPlan plan = swtest::random_plan(77 + h, o);
+        swtest::MexCall a = swtest::make_call(plan);
         a.run();
-        swtest::MexCall b = swtest::make_call(spec);
+        swtest::MexCall b = swtest::make_call(plan);
         b.run_general(h);
         EXPECT_TRUE(same_bits(a.output(), b.output())) << h;
     }

@@ -21,7 +21,7 @@ mxArray* scalar(double x) { return doubles({x}, 1, 1); }
 
 }  // namespace
 
-MexCall make_call(const CallSpec& s) {
+MexCall make_call(const CallPlan& s) {
     MexCall c;
     const uint32_t w = s.w();
     const size_t mk = static_cast<size_t>(s.m) * s.k;
@@ -193,9 +193,9 @@ std::vector<double> smooth_image(uint32_t m, uint32_t k) {
     return img;
 }
 
-CallSpec random_spec(uint32_t seed, const RandomOptions& o) {
+CallPlan random_plan(uint32_t seed, const RandomOptions& o) {
     std::mt19937 rng(seed);
-    CallSpec s;
+    CallPlan s;
     s.m = o.m;
     s.k = o.k;
     s.h = o.h;
@@ -258,8 +258,8 @@ CallSpec random_spec(uint32_t seed, const RandomOptions& o) {
     return s;
 }
 
-CallSpec square_spec(uint32_t m, uint32_t k, uint32_t h, uint32_t n) {
-    CallSpec s;
+CallPlan square_plan(uint32_t m, uint32_t k, uint32_t h, uint32_t n) {
+    CallPlan s;
     s.m = m;
     s.k = k;
     s.h = h;

@@ -1,4 +1,4 @@
-// Argument lists for tests: a plain description of one call (CallSpec), the
+// Argument lists for tests: a plain description of one call (CallPlan), the
 // sixteen mxArrays built from it (MexCall), and generators of valid calls.
 #ifndef SHAPEWIENER_TESTS_SUPPORT_TEST_ARGS_H
 #define SHAPEWIENER_TESTS_SUPPORT_TEST_ARGS_H
@@ -11,7 +11,7 @@
 
 namespace swtest {
 
-struct CallSpec {
+struct CallPlan {
     uint32_t m = 0;
     uint32_t k = 0;
     uint32_t h = 1;
@@ -52,7 +52,7 @@ struct MexCall {
     std::vector<double> pilot() const;
 };
 
-MexCall make_call(const CallSpec& spec);
+MexCall make_call(const CallPlan& plan);
 
 // Equal sizes and equal bits (NaNs included).
 bool same_bits(const std::vector<double>& a, const std::vector<double>& b);
@@ -86,12 +86,12 @@ struct RandomOptions {
 
 // A random contract-valid call: random scales, masks, spectrum and images;
 // every entry gets its own key unless its shape equals the previous one.
-CallSpec random_spec(uint32_t seed, const RandomOptions& options);
+CallPlan random_plan(uint32_t seed, const RandomOptions& options);
 
 // Fixed-scale call over a whole image with square shapes of side 2h - 1 and
 // keys that group pixels by their clipping at the image border (the list is
 // ordered so that equal keys are consecutive).
-CallSpec square_spec(uint32_t m, uint32_t k, uint32_t h, uint32_t n);
+CallPlan square_plan(uint32_t m, uint32_t k, uint32_t h, uint32_t n);
 
 }  // namespace swtest
 
