@@ -1,0 +1,86 @@
+// shapewiener: the complete denoiser. An image and a description of its
+// noise in, the estimate of the clean image out; every argument of the
+// filter module (scales, shapes, transforms, processing list, noise
+// spectrum, pilot) is built here.
+#ifndef SHAPEWIENER_DENOISE_H
+#define SHAPEWIENER_DENOISE_H
+
+#include <cstdint>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "shapewiener/filter.h"
+
+namespace sw {
+
+// The noise, in the image's own units. Three forms:
+// - white: sigma > 0 is the per-pixel standard deviation;
+// - kernel: noise = sigma * (k (*) w) / ||k||_2 with w standard white noise,
+//   so sigma is again the per-pixel standard deviation; k is
+//   kernel_rows x kernel_cols, column-major, centred at ((rows-1)/2, (cols-1)/2);
+// - psd: a full-size power spectrum, image rows x image cols, column-major,
+//   DC at (0, 0), unshifted, scaled so that white noise of variance s^2 has
+//   PSD == s^2 (its mean is the per-pixel variance).
+struct NoiseModel {
+    enum class Kind { kWhite, kKernel, kPsd };
+    Kind kind = Kind::kWhite;
+    double sigma = 0.0;
+    std::vector<double> kernel;
+    uint32_t kernel_rows = 0;
+    uint32_t kernel_cols = 0;
+    std::vector<double> psd;
+
+    static NoiseModel white(double sigma);
+    static NoiseModel from_kernel(std::vector<double> kernel, uint32_t rows, uint32_t cols,
+                                  double sigma);
+    static NoiseModel from_psd(std::vector<double> psd);
+};
+
+// A grey-scale image, rows x cols doubles, column-major.
+struct Image {
+    uint32_t rows = 0;
+    uint32_t cols = 0;
+    std::vector<double> pixels;
+};
+
+struct DenoiseOptions {
+    // "fast" (fixed squares, one pass), "default", or "best".
+    std::string preset = "default";
+    // Worker threads as in RunOptions (0: SHAPEWIENER_THREADS or all).
+    unsigned threads = 0;
+};
+
+// What a call did.
+struct DenoiseReport {
+    int passes = 0;
+    uint64_t accepted_entries = 0;  // over all passes
+    uint64_t key_changes = 0;       // over all passes
+    double seconds = 0.0;
+};
+
+// Progress: fraction of the whole call done (0..1) and the phase's name
+// ("scales", "pass 1", ...). Return false to cancel the call.
+using Progress = std::function<bool(double fraction, const char* phase)>;
+
+// A rejected input or a cancelled call; error() holds the identifier
+// ("shapewiener:<what>:<reason>") and the message.
+class DenoiseError : public std::runtime_error {
+public:
+    explicit DenoiseError(const Error& e) : std::runtime_error(e.message), error_(e) {}
+    const Error& error() const { return error_; }
+
+private:
+    Error error_;
+};
+
+// Denoises `image` (any size of at least 1 x 1, NaN-free, any value range).
+// Returns the estimate: same size, double, not clipped. Throws DenoiseError.
+Image denoise(const Image& image, const NoiseModel& noise,
+              const DenoiseOptions& options = DenoiseOptions(),
+              const Progress& progress = Progress(), DenoiseReport* report = nullptr);
+
+}  // namespace sw
+
+#endif  // SHAPEWIENER_DENOISE_H
