@@ -67,7 +67,12 @@ Error run_filter(const FilterCall& call, double* output, const RunOptions& optio
         std::memset(cs.weight_sum, 0, sizeof(float) * pixel_count);
         std::memset(cs.coverage_count, 0, sizeof(uint16_t) * pixel_count);
     }
-    dither_images(noisy_image, pilot_image, pixel_count);
+    if (call.frame.rows > 0) {
+        dither_window(noisy_image, pilot_image, m, k, call.frame.row0, call.frame.col0,
+                      call.frame.rows, call.frame.cols);
+    } else {
+        dither_images(noisy_image, pilot_image, pixel_count);
+    }
 
     const SpectrumContext spectrum{n,           cs.twiddle, sc.spatial_block, sc.row_spectrum,
                                    sc.block_spectrum, call.noise_psd.data, call.noise_level_factor};
