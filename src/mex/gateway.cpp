@@ -42,12 +42,16 @@ Dims dims_of(const mxArray* a) {
     return dims;
 }
 
+// A view of a numeric array; of a cell (or unset) array only its dimensions,
+// which is all the library looks at of cells that it does not read.
 template <class T>
 ArrayView<T> view_of(const mxArray* a) {
     ArrayView<T> v;
     if (a == nullptr) return v;
-    v.data = static_cast<const T*>(mxGetData(a));
     v.dims = dims_of(a);
+    if (!mxIsCell(a) && mxGetClassID(a) != mxSTRUCT_CLASS) {
+        v.data = static_cast<const T*>(mxGetData(a));
+    }
     return v;
 }
 
