@@ -116,7 +116,8 @@ function mexfile = compile_gateway(name, sources, include, root, outdir)
     if isunix() && ~ismac()
       args{end + 1} = 'LDFLAGS=$LDFLAGS -static-libstdc++ -static-libgcc';
     end
-    args = [args, sources, {'-outdir', outdir, '-output', name}];
+    % libut answers whether the user pressed Ctrl-C.
+    args = [args, sources, {'-lut', '-outdir', outdir, '-output', name}];
     mex(args{:});
     mexfile = fullfile(outdir, [name '.' mexext()]);
   end

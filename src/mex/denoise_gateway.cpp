@@ -18,6 +18,9 @@
 
 #if defined(octave_mex_h)
 #include <octave/quit.h>
+#elif defined(MATLAB_MEX_FILE) && !defined(SHAPEWIENER_NO_MATLAB_INTERRUPT)
+// MATLAB's query for a pending Ctrl-C, in libut, which the build links.
+extern "C" bool utIsInterruptPending(void);
 #endif
 
 namespace {
@@ -34,6 +37,8 @@ sw::Error make(const char* identifier, const std::string& message,
 bool interrupt_requested() {
 #if defined(octave_mex_h)
     return octave_signal_caught != 0;
+#elif defined(MATLAB_MEX_FILE) && !defined(SHAPEWIENER_NO_MATLAB_INTERRUPT)
+    return utIsInterruptPending();
 #else
     return false;
 #endif
