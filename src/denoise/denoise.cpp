@@ -65,9 +65,11 @@ swcaller::ShapeArguments adaptive_shapes(const double* image, uint32_t rows, uin
 RangeMap working_range(const sw::Image& image, bool normalise) {
     RangeMap m;
     if (!normalise || image.pixels.empty()) return m;
+    // [min, max] onto [0.1, 0.9]: the module clips every estimate to [0, 1]
+    // and an estimate of exactly 0 everywhere on a shape gets weight 1/0.
     const auto [lo, hi] = std::minmax_element(image.pixels.begin(), image.pixels.end());
-    m.offset = *lo;
-    m.scale = *hi > *lo ? *hi - *lo : 1.0;
+    m.scale = *hi > *lo ? (*hi - *lo) / 0.8 : 1.0;
+    m.offset = *lo - 0.1 * m.scale;
     return m;
 }
 
@@ -133,7 +135,7 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
         noisy.pixels[p] = (image.pixels[p] - range.offset) / range.scale;
     }
     const Autocovariance r = raw.scaled(1.0 / (range.scale * range.scale));
-    const std::vector<double> psd = block_psd(r);
+    const std::vector<double> psd = block_psd(r, settings.weighted_psd);
     const bool white = is_white(r);
 
     step(0.02, "shapes");

@@ -156,14 +156,14 @@ Autocovariance noise_autocovariance(const sw::NoiseModel& noise, uint32_t rows, 
     fail("shapewiener:noise:kind", "unknown kind of noise description.");
 }
 
-std::vector<double> block_psd(const Autocovariance& r) {
+std::vector<double> block_psd(const Autocovariance& r, bool weighted) {
     const int n = static_cast<int>(kBlockSide);
     // Fold the weighted lags onto the grid: lag i lands on i mod 32.
     std::vector<double> folded(static_cast<size_t>(n) * n, 0.0);
     for (int j = -kLagReach; j <= kLagReach; ++j) {
-        const double wj = 1.0 - std::abs(j) / 32.0;
+        const double wj = weighted ? 1.0 - std::abs(j) / 32.0 : 1.0;
         for (int i = -kLagReach; i <= kLagReach; ++i) {
-            const double wi = 1.0 - std::abs(i) / 32.0;
+            const double wi = weighted ? 1.0 - std::abs(i) / 32.0 : 1.0;
             const size_t at = static_cast<size_t>((i + n) % n) + static_cast<size_t>((j + n) % n) * n;
             folded[at] += r.at(i, j) * (wi * wj);
         }

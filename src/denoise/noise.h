@@ -45,8 +45,10 @@ Autocovariance noise_autocovariance(const sw::NoiseModel& noise, uint32_t rows, 
 // weighted by (1 - |i|/32)(1 - |j|/32), folded onto the 32 x 32 grid and
 // transformed, B(u, v) = sum_{i,j} r(i, j) w(i) w(j) cos(2 pi (u i + v j) / 32),
 // element (u, v) at u + 32 v, u the vertical frequency; values that come
-// out below 0 by rounding are set to 0. Its mean is r(0, 0).
-std::vector<double> block_psd(const Autocovariance& r);
+// out below 0 by rounding are set to 0. Its mean is r(0, 0). Without
+// `weighted`, w = 1: for a kernel shorter than 32 that is the kernel's
+// spectrum sampled on the grid.
+std::vector<double> block_psd(const Autocovariance& r, bool weighted = true);
 
 // Whether a 32 x 32 spectrum is unchanged by transposition (to 1e-12 of its
 // largest value): then the module's packing orientation does not matter.

@@ -31,6 +31,9 @@ struct Settings {
     // Map the image affinely onto [0, 1] before filtering (see denoise.h);
     // off: filter the values as they are.
     bool normalise_range = true;
+    // NoisePsd: the block spectrum with the window's lag weights (true) or
+    // the plain folded autocovariance (see block_psd).
+    bool weighted_psd = true;
 };
 
 // The settings of a preset: "fast", "default" or "best". Throws DenoiseError
@@ -44,7 +47,9 @@ swcaller::ShapeArguments adaptive_shapes(const double* image, uint32_t rows, uin
                                          const Autocovariance& r, const ScaleRule& rule,
                                          bool rows_only);
 
-// The affine map onto the filter's working range: working = (x - offset) / scale.
+// The affine map onto the filter's working range: working = (x - offset) /
+// scale takes the image's [min, max] onto [0.1, 0.9] (a constant image onto
+// 0.1 with scale 1); without `normalise` the identity.
 struct RangeMap {
     double offset = 0.0;
     double scale = 1.0;
