@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <string>
 
 #include "denoise/fail.h"
@@ -15,9 +16,10 @@ bool finite(double v) { return std::isfinite(v); }
 
 void check_sigma(double sigma) {
     if (!finite(sigma) || !(sigma > 0.0)) {
-        fail("shapewiener:noise:sigma",
-             "the noise standard deviation must be a finite number above 0, got " +
-                 std::to_string(sigma) + ".");
+        char text[160];
+        std::snprintf(text, sizeof text,
+                      "the noise standard deviation must be a finite number above 0, got %g.", sigma);
+        fail("shapewiener:noise:sigma", text);
     }
 }
 

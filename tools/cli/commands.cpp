@@ -178,4 +178,13 @@ int run_compare(const CompareArgs& a) {
     return 0;
 }
 
+int run_convert(const ConvertArgs& a) {
+    check_output_name(a.output);
+    const swio::ImageFile input = swio::read_image(a.input);
+    write_atomically(a.output, [&](const std::string& temp) {
+        swio::write_image(temp, a.output, input.image, swio::output_kind(a.output, input.kind));
+    });
+    return 0;
+}
+
 }  // namespace swcli

@@ -34,6 +34,11 @@ struct CompareArgs {
 };
 int run_compare(const CompareArgs& a);
 
+struct ConvertArgs {
+    std::string input, output;
+};
+int run_convert(const ConvertArgs& a);
+
 struct FilterArgs {
     std::string folder, output, noisy, psd, pilot;
     uint32_t rows = 0;

@@ -59,6 +59,12 @@ int main(int argc, char** argv) {
     compare->add_option("B", c.b, "reference image")->required();
     compare->add_option("--peak", c.peak, "peak value of the PSNR")->capture_default_str();
 
+    swcli::ConvertArgs v;
+    CLI::App* convert = app.add_subcommand(
+        "convert", "convert an image between formats (integer formats round and clip to [0, 1])");
+    convert->add_option("INPUT", v.input, "image")->required();
+    convert->add_option("OUTPUT", v.output, "image (.png, .tif, .npy)")->required();
+
     swcli::FilterArgs f;
     CLI::App* filter = app.add_subcommand(
         "filter",
@@ -78,10 +84,13 @@ int main(int argc, char** argv) {
         ->capture_default_str();
     filter->add_option("--threads", f.threads, "worker threads (0: all)")->capture_default_str();
 
+    app.failure_message([](const CLI::App*, const CLI::Error& e) {
+        return std::string("shapewiener: error: ") + e.what() + " (see --help)\n";
+    });
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
-        return app.exit(e);
+        return app.exit(e) == 0 ? 0 : 2;
     }
     try {
         if (denoise->parsed()) {
@@ -94,6 +103,7 @@ int main(int argc, char** argv) {
         }
         if (simulate->parsed()) return swcli::run_simulate(s);
         if (compare->parsed()) return swcli::run_compare(c);
+        if (convert->parsed()) return swcli::run_convert(v);
         if (filter->parsed()) return swcli::run_filter(f);
     } catch (const sw::DenoiseError& e) {
         std::fprintf(stderr, "shapewiener: error: %s (%s)\n", e.what(), e.error().identifier);
