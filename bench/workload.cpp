@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "caller/coloured_noise.h"
-#include "driver/filter.h"
 #include "image_io.h"
+#include "mex/gateway.h"
 
 namespace swbench {
 
@@ -59,7 +59,7 @@ TimedCall time_call(swcaller::ModuleCall& call, swcaller::ModuleCall::Entry entr
     if (entry != nullptr) {
         entry(1, plhs, call.nrhs(), const_cast<const mxArray**>(call.prhs()));
     } else {
-        sw::run_filter<0>(plhs, call.prhs(), general_h);
+        sw::mex_run_general(plhs, call.prhs(), general_h);
     }
     const auto stop = std::chrono::steady_clock::now();
     mx_host::ArrayPtr out(plhs[0]);

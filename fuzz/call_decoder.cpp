@@ -12,7 +12,7 @@
 #include <random>
 #include <utility>
 
-#include "mex/arguments.h"
+#include "shapewiener/filter.h"
 #include "support/test_args.h"
 
 namespace swfuzz {

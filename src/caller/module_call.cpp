@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "driver/filter.h"
+#include "mex/gateway.h"
 
 namespace swcaller {
 namespace {
@@ -147,7 +147,7 @@ Image ModuleCall::run_general(uint32_t h) {
     restore_images();
     mxArray* plhs[1] = {nullptr};
     try {
-        sw::run_filter<0>(plhs, prhs_.data(), h);
+        sw::mex_run_general(plhs, prhs_.data(), h);
     } catch (...) {
         mx_host::ArrayPtr discard(plhs[0]);
         throw;

@@ -32,8 +32,10 @@ private:
     std::vector<int32_t> list_;
 };
 
-// Checks and runs `call` into `output`; a rejected or cancelled call throws
-// sw::DenoiseError with the module's identifier and message.
+// Checks and runs `call` into `output` (sw::check, then sw::run with
+// `threads` and `progress`); a rejected call throws sw::DenoiseError with the
+// module's identifier and message, a cancelled one with
+// "shapewiener:denoise:interrupted".
 void run_module(const sw::FilterCall& call, double* output, unsigned threads,
                 const std::function<bool(double)>& progress);
 

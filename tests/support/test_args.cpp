@@ -6,7 +6,7 @@
 #include <map>
 #include <tuple>
 
-#include "driver/filter.h"
+#include "mex/gateway.h"
 
 namespace swtest {
 namespace {
@@ -96,7 +96,7 @@ void MexCall::run_with(void (*entry)(int, mxArray**, int, const mxArray**)) {
 void MexCall::run_general(uint32_t h) {
     mxArray* plhs[1] = {nullptr};
     out.reset();
-    sw::run_filter<0>(plhs, prhs.data(), h);
+    sw::mex_run_general(plhs, prhs.data(), h);
     out.reset(plhs[0]);
 }
 
