@@ -33,7 +33,7 @@ struct Settings {
     bool normalise_range = true;
     // NoisePsd: the block spectrum with the window's lag weights (true) or
     // the plain folded autocovariance (see block_psd).
-    bool weighted_psd = true;
+    bool weighted_psd = false;
 };
 
 // The settings of a preset: "fast", "default" or "best". Throws DenoiseError
