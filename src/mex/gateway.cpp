@@ -18,6 +18,10 @@
 
 #if defined(octave_mex_h)
 #include <octave/quit.h>
+#elif defined(MATLAB_MEX_FILE) && !defined(SHAPEWIENER_NO_MATLAB_INTERRUPT)
+// MATLAB's (undocumented but long-standing) query for a pending Ctrl-C, in
+// libut, which the build links.
+extern "C" bool utIsInterruptPending(void);
 #endif
 
 namespace sw {
@@ -253,6 +257,8 @@ void describe(const mxArray* const* prhs, HostCall* hc) {
 bool interrupt_requested() {
 #if defined(octave_mex_h)
     return octave_signal_caught != 0;
+#elif defined(MATLAB_MEX_FILE) && !defined(SHAPEWIENER_NO_MATLAB_INTERRUPT)
+    return utIsInterruptPending();
 #else
     return false;
 #endif
