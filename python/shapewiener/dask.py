@@ -20,18 +20,11 @@ import numpy as np
 
 from ._denoise import denoise as _denoise_image
 
-# Passes and largest scale of each preset.
-_PRESETS = {"fast": (1, 4), "default": (2, 7), "best": (2, 9)}
-
-
 def tile_halo(preset="default"):
-    """The border in pixels a tile needs around the pixels it keeps."""
-    if preset not in _PRESETS:
-        from .errors import Error
-        raise Error("shapewiener:options:preset",
-                    f"unknown preset '{preset}'; the presets are fast, default and best.")
-    passes, h = _PRESETS[preset]
-    return passes * 2 * (h - 1)
+    """The border in pixels a tile needs around the pixels it keeps (the
+    library's sw::tile_halo)."""
+    from . import _core
+    return _core.tile_halo(str(preset))
 
 
 def _denoise_tile(tile, frame, noise, preset, threads, crop):

@@ -248,6 +248,13 @@ PYBIND11_MODULE(_core, m) {
     m.def("filter", &filter_call, "The raw sixteen-argument filter (arrays prepared by shapewiener.filter).");
 #if defined(SHAPEWIENER_HAVE_DENOISE)
     m.def("denoise", &denoise_call, "sw::denoise on a column-major float64 matrix.");
+    m.def("tile_halo", [](const std::string& preset) {
+        try {
+            return sw::tile_halo(preset);
+        } catch (const sw::DenoiseError& e) {
+            raise_error(e.error().identifier, e.error().message);
+        }
+    }, "The border a tile needs around the pixels it keeps, for a preset.");
     m.attr("have_denoise") = true;
 #else
     m.attr("have_denoise") = false;
