@@ -54,7 +54,7 @@ def main():
     results = {}
     for workers in a.workers:
         with LocalCluster(host="127.0.0.1", protocol="tcp://", n_workers=workers,
-                          threads_per_worker=1, processes=True, dashboard_address=None) as cluster, \
+                          threads_per_worker=1, processes=True, dashboard_address="127.0.0.1:0") as cluster, \
                 Client(cluster) as client:
             array = da.from_array(z, chunks=a.chunk)
             array = client.persist(array)          # the input on the workers, not timed

@@ -98,7 +98,7 @@ def run(pattern, outdir, noise, preset="default", threads=1, scheduler=None, wor
     if scheduler is None:
         cluster = LocalCluster(host="127.0.0.1", protocol="tcp://", n_workers=workers,
                                threads_per_worker=1,
-                               processes=processes, dashboard_address=None)
+                               processes=processes, dashboard_address="127.0.0.1:0")
         client = Client(cluster)
     else:
         client = Client(scheduler)

@@ -19,7 +19,7 @@ def client():
         need(False, "python3-distributed")
     cluster = LocalCluster(host="127.0.0.1", protocol="tcp://", n_workers=2, threads_per_worker=1,
                            processes=False,
-                           dashboard_address=None)
+                           dashboard_address="127.0.0.1:0")
     with Client(cluster) as c:
         yield c
     cluster.close()
