@@ -45,7 +45,7 @@ Dims dims_of(const mxArray* a) {
 template <class T>
 ArrayView<T> view_of(const mxArray* a) {
     ArrayView<T> v;
-    if (a == nullptr) return v;
+    if (a == nullptr || mxIsCell(a)) return v;  // a cell the call does not read may hold anything
     v.data = static_cast<const T*>(mxGetData(a));
     v.dims = dims_of(a);
     return v;
