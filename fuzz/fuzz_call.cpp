@@ -66,7 +66,9 @@ Result run_input(const uint8_t* data, size_t size) {
         const swtest::Fault& f = table[in.u8() % table.size()];
         const uint32_t r = in.u32();
         if (f.needs_pixels && plan.pixel_count() == 0) continue;
-        const int group = f.outcome == swtest::Fault::kSuccess ? 0 : f.outcome == swtest::Fault::kError ? 1 : 2;
+        const int group = f.outcome == swtest::Fault::kSuccess ? 0
+                          : f.outcome == swtest::Fault::kError ? 1
+                                                               : 2;
         if (group == 1 && !chosen[1].empty()) continue;
         chosen[group].push_back({&f, r});
     }
@@ -74,14 +76,15 @@ Result run_input(const uint8_t* data, size_t size) {
     for (const auto& group : chosen) {
         for (const auto& c : group) {
             c.first->apply(call, plan, c.second);
-            result.description += std::string("; ") + c.first->name + " (r = " + std::to_string(c.second) + ")";
+            result.description +=
+                std::string("; ") + c.first->name + " (r = " + std::to_string(c.second) + ")";
         }
     }
-    const char* expected = nrhs < 16                ? "shapewiener:nrhs:tooFew"
-                           : nlhs > 1               ? "shapewiener:nlhs:tooMany"
-                           : !chosen[2].empty()     ? nullptr
-                           : !chosen[1].empty()     ? chosen[1][0].first->identifier.c_str()
-                                                    : "";
+    const char* expected = nrhs < 16            ? "shapewiener:nrhs:tooFew"
+                           : nlhs > 1           ? "shapewiener:nlhs:tooMany"
+                           : !chosen[2].empty() ? nullptr
+                           : !chosen[1].empty() ? chosen[1][0].first->identifier.c_str()
+                                                : "";
     result.problem = swtest::check_call(call, nlhs, nrhs, expected, &result.error);
     return result;
 }

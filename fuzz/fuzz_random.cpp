@@ -29,7 +29,9 @@
 #include <sanitizer/common_interface_defs.h>
 // Leaks fail the run even where the environment does not ask for it.
 extern "C" const char* __asan_default_options() { return "detect_leaks=1"; }
-extern "C" const char* __ubsan_default_options() { return "print_stacktrace=1:halt_on_error=1:abort_on_error=1"; }
+extern "C" const char* __ubsan_default_options() {
+    return "print_stacktrace=1:halt_on_error=1:abort_on_error=1";
+}
 #endif
 
 namespace {
@@ -41,8 +43,9 @@ long long g_input = -1;  // the input being run, -1 outside the loop
 void name_failing_input() {
     if (g_input < 0) return;
     char text[128];
-    const int len = std::snprintf(text, sizeof text, "fuzz_random: failing input: rerun with --seed %llu --replay %lld\n",
-                                  g_seed, g_input);
+    const int len =
+        std::snprintf(text, sizeof text, "fuzz_random: failing input: rerun with --seed %llu --replay %lld\n",
+                      g_seed, g_input);
     if (len > 0 && write(STDERR_FILENO, text, static_cast<size_t>(len)) < 0) return;
 }
 
@@ -54,8 +57,8 @@ void on_fatal_signal(int sig) {
 
 // Input i of a seed: 0 to 63 random bytes.
 std::vector<uint8_t> input_for(unsigned long long seed, unsigned long long i) {
-    std::seed_seq seq{static_cast<uint32_t>(seed), static_cast<uint32_t>(seed >> 32), static_cast<uint32_t>(i),
-                      static_cast<uint32_t>(i >> 32)};
+    std::seed_seq seq{static_cast<uint32_t>(seed), static_cast<uint32_t>(seed >> 32),
+                      static_cast<uint32_t>(i), static_cast<uint32_t>(i >> 32)};
     std::mt19937_64 rng(seq);
     std::vector<uint8_t> bytes(rng() % 64);
     for (auto& b : bytes) b = static_cast<uint8_t>(rng());
@@ -65,7 +68,8 @@ std::vector<uint8_t> input_for(unsigned long long seed, unsigned long long i) {
 swfuzz::Result run(const std::vector<uint8_t>& bytes, bool describe) {
     const swfuzz::Result r = swfuzz::run_input(bytes.data(), bytes.size());
     if (describe || !r.problem.empty()) {
-        std::printf("  %s\n  outcome: %s\n", r.description.c_str(), r.error.empty() ? "success" : r.error.c_str());
+        std::printf("  %s\n  outcome: %s\n", r.description.c_str(),
+                    r.error.empty() ? "success" : r.error.c_str());
     }
     if (!r.problem.empty()) {
         std::fflush(stdout);
@@ -76,9 +80,10 @@ swfuzz::Result run(const std::vector<uint8_t>& bytes, bool describe) {
 }
 
 [[noreturn]] void usage() {
-    std::fprintf(stderr, "usage: fuzz_random [--seed S] [--iterations N] [--max-seconds T] [--verbose]\n"
-                         "       fuzz_random [--seed S] --replay I\n"
-                         "       fuzz_random --input FILE\n");
+    std::fprintf(stderr,
+                 "usage: fuzz_random [--seed S] [--iterations N] [--max-seconds T] [--verbose]\n"
+                 "       fuzz_random [--seed S] --replay I\n"
+                 "       fuzz_random --input FILE\n");
     std::exit(2);
 }
 
@@ -136,7 +141,9 @@ int main(int argc, char** argv) {
         return 0;
     }
     const auto start = std::chrono::steady_clock::now();
-    const auto seconds = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(); };
+    const auto seconds = [&] {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    };
     unsigned long long done = 0, succeeded = 0;
     std::map<std::string, unsigned long long> errors;
     for (; done < iterations && (max_seconds <= 0.0 || done % 16 != 0 || seconds() <= max_seconds); ++done) {
@@ -149,10 +156,11 @@ int main(int argc, char** argv) {
         }
     }
     g_input = -1;
-    std::printf("fuzz_random: seed %llu: %llu calls in %.1f s, %llu succeeded, %llu rejected with %zu distinct "
-                "identifiers%s\n",
-                g_seed, done, seconds(), succeeded, done - succeeded, errors.size(),
-                done < iterations ? " (stopped by the time limit)" : "");
+    std::printf(
+        "fuzz_random: seed %llu: %llu calls in %.1f s, %llu succeeded, %llu rejected with %zu distinct "
+        "identifiers%s\n",
+        g_seed, done, seconds(), succeeded, done - succeeded, errors.size(),
+        done < iterations ? " (stopped by the time limit)" : "");
     if (verbose) {
         for (const auto& e : errors) std::printf("  %8llu  %s\n", e.second, e.first.c_str());
     }

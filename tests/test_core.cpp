@@ -28,9 +28,18 @@ constexpr double kPi = 3.14159265358979323846;
 
 TEST(RoundToUnsigned, RoundsHalvesUpAndSaturates) {
     const double inf = std::numeric_limits<double>::infinity();
-    const std::pair<double, uint32_t> cases[] = {
-        {-7.2, 0}, {-0.5, 0}, {-0.0, 0}, {0.49999999999999994, 1}, {2.5, 3}, {3.49, 3}, {3.5, 4},
-        {4294967294.4, 4294967294u}, {1e10, 4294967295u}, {inf, 4294967295u}, {-inf, 0}, {std::nan(""), 2147483648u}};
+    const std::pair<double, uint32_t> cases[] = {{-7.2, 0},
+                                                 {-0.5, 0},
+                                                 {-0.0, 0},
+                                                 {0.49999999999999994, 1},
+                                                 {2.5, 3},
+                                                 {3.49, 3},
+                                                 {3.5, 4},
+                                                 {4294967294.4, 4294967294u},
+                                                 {1e10, 4294967295u},
+                                                 {inf, 4294967295u},
+                                                 {-inf, 0},
+                                                 {std::nan(""), 2147483648u}};
     for (const auto& c : cases) EXPECT_EQ(sw::round_to_unsigned(c.first), c.second) << c.first;
 }
 
@@ -75,7 +84,8 @@ TEST(Fft32, MatchesTheDftAndWorksInPlace) {
 
 // Spectra of one n x n block by the table path (and the fast path for 32).
 struct Spectra {
-    explicit Spectra(uint32_t n_in) : n(n_in), spatial(n * n, 0.0f), row(2 * n * (n / 2 + 1)), block(row.size()), table(2 * n * n) {
+    explicit Spectra(uint32_t n_in)
+        : n(n_in), spatial(n * n, 0.0f), row(2 * n * (n / 2 + 1)), block(row.size()), table(2 * n * n) {
         sw::twiddle_fill(table.data(), n);
     }
     std::vector<float> run(bool fast) {
@@ -96,7 +106,8 @@ TEST(BlockSpectrum, BothPathsComputeTheTwoDimensionalDft) {
         const uint32_t used = std::min(n, 13u);  // a W x W corner holds the data
         double scale = 0.0;
         for (uint32_t b = 0; b < used; ++b) {
-            for (uint32_t a = 0; a < used; ++a) scale += std::fabs(s.spatial[a + n * b] = static_cast<float>(swtest::unit(rng) - 0.5));
+            for (uint32_t a = 0; a < used; ++a)
+                scale += std::fabs(s.spatial[a + n * b] = static_cast<float>(swtest::unit(rng) - 0.5));
         }
         const double bound = 4e-6 * scale;
         const std::vector<float> table = s.run(false);
@@ -106,7 +117,8 @@ TEST(BlockSpectrum, BothPathsComputeTheTwoDimensionalDft) {
                 std::complex<double> want = 0.0;
                 for (uint32_t b = 0; b < n; ++b) {
                     for (uint32_t a = 0; a < n; ++a) {
-                        want += static_cast<double>(s.spatial[a + n * b]) * std::polar(1.0, 2 * kPi * ((u * a + v * b) % n) / n);
+                        want += static_cast<double>(s.spatial[a + n * b]) *
+                                std::polar(1.0, 2 * kPi * ((u * a + v * b) % n) / n);
                     }
                 }
                 const size_t i = 2 * (u * n + v);
@@ -122,8 +134,10 @@ TEST(BlockSpectrum, BothPathsComputeTheTwoDimensionalDft) {
 // A random shape (random masks, both orientations, W up to 21, DCT or random
 // orthogonal bank), gathered, centred and transformed.
 struct RandomShape {
-    RandomShape(std::mt19937& rng, uint32_t max_h, bool random_bank) : box{static_cast<uint32_t>(1 + rng() % max_h)}, w(box.W()) {
-        for (uint32_t len = 1; len <= w; ++len) bank.push_back(random_bank ? swtest::random_orthogonal(len, rng) : swtest::dct_matrix(len));
+    RandomShape(std::mt19937& rng, uint32_t max_h, bool random_bank)
+        : box{static_cast<uint32_t>(1 + rng() % max_h)}, w(box.W()) {
+        for (uint32_t len = 1; len <= w; ++len)
+            bank.push_back(random_bank ? swtest::random_orthogonal(len, rng) : swtest::dct_matrix(len));
         for (const auto& t : bank) table.push_back(t.data());
         m = w + 2;
         std::vector<double> img(m * m);
@@ -146,12 +160,13 @@ struct RandomShape {
         cc.resize(w);
         rc.resize(w);
         cursor.resize(w);
-        g = sw::gather_shape(box, row, col, sw::clipped_box(row, col, m, m, box.H()), ptrs, by_columns, img.data(),
-                             img.data(), m, shape.data(), ng.data(), pg.data(), cc.data(), rc.data(), cursor.data());
+        g = sw::gather_shape(box, row, col, sw::clipped_box(row, col, m, m, box.H()), ptrs, by_columns,
+                             img.data(), img.data(), m, shape.data(), ng.data(), pg.data(), cc.data(),
+                             rc.data(), cursor.data());
         sw::remove_mean(box, g.noisy_mean, ng.data(), pg.data(), nc.data(), pc.data());
         centred = ng;
-        sw::forward_transform(box, ng.data(), pg.data(), nc.data(), pc.data(), cc.data(), rc.data(), g.max_column_count,
-                              table.data());
+        sw::forward_transform(box, ng.data(), pg.data(), nc.data(), pc.data(), cc.data(), rc.data(),
+                              g.max_column_count, table.data());
     }
     sw::RuntimeBox box;
     uint32_t w, m;
@@ -178,7 +193,8 @@ TEST(ShapeTransform, RoundTripKeepsValuesAndEnergyOnRandomShapes) {
         uint32_t support = 0;
         for (uint32_t r = 0; r < w; ++r) {
             for (uint32_t k = 0; k < w; ++k) {
-                const bool inside = static_cast<int32_t>(r) < s.g.max_column_count && static_cast<int32_t>(k) < s.rc[r];
+                const bool inside =
+                    static_cast<int32_t>(r) < s.g.max_column_count && static_cast<int32_t>(k) < s.rc[r];
                 support += inside;
                 energy_out += static_cast<double>(s.nc[r * w + k]) * s.nc[r * w + k];
                 if (!inside) {
@@ -192,7 +208,8 @@ TEST(ShapeTransform, RoundTripKeepsValuesAndEnergyOnRandomShapes) {
         sw::inverse_transform(s.box, s.nc.data(), s.ng.data(), s.cc.data(), s.rc.data(), s.cursor.data(),
                               s.g.max_column_count, s.table.data());
         const float tolerance = 8.0f * std::numeric_limits<float>::epsilon() * std::max(largest, 1e-30f);
-        for (uint32_t t = 0; t < w * w; ++t) ASSERT_NEAR(s.ng[t], s.centred[t], tolerance) << trial << " " << t;
+        for (uint32_t t = 0; t < w * w; ++t)
+            ASSERT_NEAR(s.ng[t], s.centred[t], tolerance) << trial << " " << t;
         for (uint32_t r = 0; r < w; ++r) ASSERT_EQ(s.cursor[r], s.rc[r]);
     }
 }
@@ -206,12 +223,17 @@ TEST(NoiseLevels, WhiteSpectrumGivesSigmaForEveryCoefficientAndTheMean) {
         const double sigma = 0.05 + swtest::unit(rng);
         const std::vector<double> psd(n * n, sigma * sigma);
         const double factor = 0.5 + swtest::unit(rng);
-        const sw::SpectrumContext ctx{n, n == 32 ? nullptr : sp.table.data(), sp.spatial.data(), sp.row.data(),
-                                      sp.block.data(), psd.data(), factor};
+        const sw::SpectrumContext ctx{n,
+                                      n == 32 ? nullptr : sp.table.data(),
+                                      sp.spatial.data(),
+                                      sp.row.data(),
+                                      sp.block.data(),
+                                      psd.data(),
+                                      factor};
         std::vector<float> levels(s.w * s.w, -1.0f);
-        const float dc = sw::noise_levels(s.box, ctx, s.nc.data(), s.ng.data(), s.cc.data(), s.rc.data(), s.cursor.data(),
-                                          s.g.max_column_count, s.table.data(), s.shape.data(), s.by_columns,
-                                          s.g.shape_size, levels.data());
+        const float dc = sw::noise_levels(s.box, ctx, s.nc.data(), s.ng.data(), s.cc.data(), s.rc.data(),
+                                          s.cursor.data(), s.g.max_column_count, s.table.data(),
+                                          s.shape.data(), s.by_columns, s.g.shape_size, levels.data());
         const double want = sigma * factor;
         EXPECT_NEAR(dc, want, 2e-5 * want) << trial;
         for (uint32_t t = 0; t < s.w * s.w; ++t) {

@@ -52,18 +52,21 @@ TEST(Coverage, ThresholdDecidesWhichEntriesRun) {
     EXPECT_FALSE(same_bits(skipping, all));
     // Threshold 1: every pixel is covered at most once before its entry; NaN
     // and anything from 65535 up never skip (the count has 16 bits).
-    for (double never : {1.0, std::nan(""), 65535.0}) EXPECT_TRUE(same_bits(all, run(pairs_plan({1, 2, 3, 4}, never))));
+    for (double never : {1.0, std::nan(""), 65535.0})
+        EXPECT_TRUE(same_bits(all, run(pairs_plan({1, 2, 3, 4}, never))));
 }
 
 // A 5 x 5 image, H = 2, scales {1, 2}: scale 1 is the pixel alone, scale 2
 // the 3 x 3 square. The centre pixel 13 has scale 2, and so do `second` and
 // 25 when large_followers; the list starts 13, `second`, 25 with the given keys.
-CallPlan reuse_plan(int32_t second, const std::vector<int32_t>& keys, bool large_followers, double threshold) {
+CallPlan reuse_plan(int32_t second, const std::vector<int32_t>& keys, bool large_followers,
+                    double threshold) {
     CallPlan s = swtest::square_plan(5, 5, 2, 4);
     s.scale_set = {1, 2};
     for (uint32_t d = 0; d < 8; ++d) {
         s.direction_scale_map[12 + 25 * d] = 2;
-        if (large_followers) s.direction_scale_map[(second - 1) + 25 * d] = s.direction_scale_map[24 + 25 * d] = 2;
+        if (large_followers)
+            s.direction_scale_map[(second - 1) + 25 * d] = s.direction_scale_map[24 + 25 * d] = 2;
     }
     s.psd.assign(16, 0.02);
     s.noisy = with_noise(s.pilot, 0.1, 3);
@@ -119,7 +122,8 @@ TEST(Filter, UnitWienerFactorsReproduceTheClippedNoisyImage) {
         plan.noisy = plan.pilot = with_noise(plan.noisy, 0.2, 5);
         plan.wiener_variance_factor = 0.0;
         const auto out = run(plan);
-        for (size_t q = 0; q < out.size(); ++q) ASSERT_NEAR(out[q], std::clamp(plan.noisy[q], 0.0, 1.0), 1e-6) << q;
+        for (size_t q = 0; q < out.size(); ++q)
+            ASSERT_NEAR(out[q], std::clamp(plan.noisy[q], 0.0, 1.0), 1e-6) << q;
     }
 }
 

@@ -29,12 +29,19 @@ namespace {
 
 using swtest::CallPlan;
 
-swtest::RandomOptions options(uint32_t h, uint32_t n, uint32_t m, uint32_t k) {
+enum : unsigned { kRandomMatrices = 1, kSquareMasks = 2, kRepeatPixels = 4 };
+
+swtest::RandomOptions options(uint32_t h, uint32_t n, uint32_t m, uint32_t k, unsigned flags = 0,
+                              double coverage_threshold = 1e9) {
     swtest::RandomOptions o;
     o.h = h;
     o.n = n;
     o.m = m;
     o.k = k;
+    o.random_matrices = flags & kRandomMatrices;
+    o.random_masks = !(flags & kSquareMasks);
+    o.repeat_pixels = flags & kRepeatPixels;
+    o.coverage_threshold = coverage_threshold;
     return o;
 }
 
@@ -66,81 +73,64 @@ const Golden kGolden[] = {
      },
      false, "d5bbe04e4e2c08a439527c70ee24e88cb157407044848bc7c2da70dd4b462210"},
     {"table path N = 12, H = 3, random matrices",
-     [] {
-         swtest::RandomOptions o = options(3, 12, 9, 11);
-         o.random_matrices = true;
-         return swtest::random_plan(102, o);
-     },
-     false, "7287b5755a6b60c3c33dc0de75b9af138c96ff68c1a2284ddffe088221d9d9d0"},
-    {"table path N = 10, H = 5 (variant)", [] { return swtest::random_plan(103, options(5, 10, 7, 6)); }, false, "04ac630670407a449b9ee072884110a33651b7ca4332a803d6255d8d0b567e5f"},
-    {"odd N = 9, H = 2, general path", [] { return swtest::random_plan(104, options(2, 9, 8, 7)); }, true, "022088a72ff2868f89beb2368497a568c2336e29390a91c907b99373a14c7c2c"},
-    {"odd N = 7, H = 4, general path", [] { return noisy(swtest::square_plan(9, 8, 4, 7), 5, 0.2); }, true, "0f2e36193922aaf2f080b9a61c73c86eba1d4d9cddb752382330e9c8c5b8b052"},
-    {"H = 1", [] { return swtest::random_plan(105, options(1, 32, 7, 6)); }, false, "21e6c209aead6eeac52fc08dcb508739bbd6ccc1d784f3a65a93d19abb7ae218"},
+     [] { return swtest::random_plan(102, options(3, 12, 9, 11, kRandomMatrices)); }, false,
+     "7287b5755a6b60c3c33dc0de75b9af138c96ff68c1a2284ddffe088221d9d9d0"},
+    {"table path N = 10, H = 5 (variant)", [] { return swtest::random_plan(103, options(5, 10, 7, 6)); },
+     false, "04ac630670407a449b9ee072884110a33651b7ca4332a803d6255d8d0b567e5f"},
+    {"odd N = 9, H = 2, general path", [] { return swtest::random_plan(104, options(2, 9, 8, 7)); }, true,
+     "022088a72ff2868f89beb2368497a568c2336e29390a91c907b99373a14c7c2c"},
+    {"odd N = 7, H = 4, general path", [] { return noisy(swtest::square_plan(9, 8, 4, 7), 5, 0.2); }, true,
+     "0f2e36193922aaf2f080b9a61c73c86eba1d4d9cddb752382330e9c8c5b8b052"},
+    {"H = 1", [] { return swtest::random_plan(105, options(1, 32, 7, 6)); }, false,
+     "21e6c209aead6eeac52fc08dcb508739bbd6ccc1d784f3a65a93d19abb7ae218"},
     {"H = 2, random matrices, square masks",
-     [] {
-         swtest::RandomOptions o = options(2, 32, 8, 9);
-         o.random_matrices = true;
-         o.random_masks = false;
-         return swtest::random_plan(106, o);
-     },
-     false, "a5930e107edcc8d943348d5655a7da3280b2312defc6fbd585cb659aa2e37a08"},
-    {"H = 3, repeated pixels", [] {
-         swtest::RandomOptions o = options(3, 32, 10, 7);
-         o.repeat_pixels = true;
-         return swtest::random_plan(107, o);
-     },
+     [] { return swtest::random_plan(106, options(2, 32, 8, 9, kRandomMatrices | kSquareMasks)); }, false,
+     "a5930e107edcc8d943348d5655a7da3280b2312defc6fbd585cb659aa2e37a08"},
+    {"H = 3, repeated pixels", [] { return swtest::random_plan(107, options(3, 32, 10, 7, kRepeatPixels)); },
      false, "706dd70b8d0738cda8fb493ae8e3f84d5b01271551f450f28bf031572e71f7d4"},
-    {"coverage threshold 0", [] {
-         swtest::RandomOptions o = options(3, 32, 10, 9);
-         o.coverage_threshold = 0;
-         o.random_masks = false;
-         return swtest::random_plan(108, o);
-     },
+    {"coverage threshold 0", [] { return swtest::random_plan(108, options(3, 32, 10, 9, kSquareMasks, 0)); },
      false, "22e3a965c05bdd5deca037331ac53b10f63b28b9b3172efab627aec3796dabc9"},
-    {"coverage threshold 1, repeated pixels", [] {
-         swtest::RandomOptions o = options(2, 16, 9, 9);
-         o.coverage_threshold = 1;
-         o.repeat_pixels = true;
-         return swtest::random_plan(109, o);
-     },
-     false, "b891aa240771af56d814e73385c114e747ddb63050058b6cf85a23a30d49294c"},
-    {"NaN pixels in both images", [] {
+    {"coverage threshold 1, repeated pixels",
+     [] { return swtest::random_plan(109, options(2, 16, 9, 9, kRepeatPixels, 1)); }, false,
+     "b891aa240771af56d814e73385c114e747ddb63050058b6cf85a23a30d49294c"},
+    {"NaN pixels in both images",
+     [] {
          CallPlan s = swtest::random_plan(110, options(3, 32, 8, 8));
          s.noisy[9] = std::nan("");
          s.pilot[40] = std::nan("");
          return s;
      },
      false, "c22074380532ada699ffe15c7adcf27f7f96f9d091ec993fb781c3136c79cdab"},
-    {"H = 4, squares with noise, threshold 1", [] {
+    {"H = 4, squares with noise, threshold 1",
+     [] {
          CallPlan s = noisy(swtest::square_plan(9, 7, 4, 32), 4, 0.1);
          s.coverage_threshold = 1;
          return s;
      },
      false, "d3ac0595cdda44e781c837b5e7cc0a36e9c1543a8765d6967382d8a8fc681229"},
-    {"H = 5, random masks, image smaller than the box", [] { return swtest::random_plan(205, options(5, 32, 4, 7)); },
-     false, "17f9fcd0274358f65e5b3e6cd1db7ce2acb07182367b6c39f303d83ff7a49bdf"},
-    {"H = 6, squares with noise", [] { return noisy(swtest::square_plan(13, 11, 6, 32), 6, 0.1); }, false, "c731aba3e148f956879dae55139739c7ffcd2d0cc70b58074736559114ac42e2"},
-    {"H = 7, random masks and matrices, N = 14", [] {
-         swtest::RandomOptions o = options(7, 14, 6, 8);
-         o.random_matrices = true;
-         return swtest::random_plan(207, o);
-     },
-     false, "6cd66a2b66126146525c7f1548488b1b0a3dec9755b49e87ffd82cfaed5c4720"},
-    {"H = 8, squares with noise", [] { return noisy(swtest::square_plan(10, 9, 8, 32), 8, 0.1); }, false, "903603bcb635a00af7831e178486667397fbca7840eb1f4a0daf2e7fcfa71bfc"},
-    {"H = 9, random masks, repeated pixels", [] {
-         swtest::RandomOptions o = options(9, 32, 8, 5);
-         o.repeat_pixels = true;
-         return swtest::random_plan(209, o);
-     },
-     false, "2c074539f3b016c67317d4b9e0bf4879ee0afd761cab6c9c5ecbd524426c2209"},
-    {"H = 10, squares with noise, N = 20", [] { return noisy(swtest::square_plan(6, 7, 10, 20), 10, 0.1); }, false,
-     "eb428ed9769c80eac9017d7df3e02960fef432b8e54de597fa60cc8afdcc523c"},
-    {"H = 11, random masks", [] { return swtest::random_plan(211, options(11, 32, 5, 6)); }, false, "34f8f960fa39283d8c89620046bf6086ebee0fb2425d9fa3f5e55594d5a1a411"},
+    {"H = 5, random masks, image smaller than the box",
+     [] { return swtest::random_plan(205, options(5, 32, 4, 7)); }, false,
+     "17f9fcd0274358f65e5b3e6cd1db7ce2acb07182367b6c39f303d83ff7a49bdf"},
+    {"H = 6, squares with noise", [] { return noisy(swtest::square_plan(13, 11, 6, 32), 6, 0.1); }, false,
+     "c731aba3e148f956879dae55139739c7ffcd2d0cc70b58074736559114ac42e2"},
+    {"H = 7, random masks and matrices, N = 14",
+     [] { return swtest::random_plan(207, options(7, 14, 6, 8, kRandomMatrices)); }, false,
+     "6cd66a2b66126146525c7f1548488b1b0a3dec9755b49e87ffd82cfaed5c4720"},
+    {"H = 8, squares with noise", [] { return noisy(swtest::square_plan(10, 9, 8, 32), 8, 0.1); }, false,
+     "903603bcb635a00af7831e178486667397fbca7840eb1f4a0daf2e7fcfa71bfc"},
+    {"H = 9, random masks, repeated pixels",
+     [] { return swtest::random_plan(209, options(9, 32, 8, 5, kRepeatPixels)); }, false,
+     "2c074539f3b016c67317d4b9e0bf4879ee0afd761cab6c9c5ecbd524426c2209"},
+    {"H = 10, squares with noise, N = 20", [] { return noisy(swtest::square_plan(6, 7, 10, 20), 10, 0.1); },
+     false, "eb428ed9769c80eac9017d7df3e02960fef432b8e54de597fa60cc8afdcc523c"},
+    {"H = 11, random masks", [] { return swtest::random_plan(211, options(11, 32, 5, 6)); }, false,
+     "34f8f960fa39283d8c89620046bf6086ebee0fb2425d9fa3f5e55594d5a1a411"},
 };
 
 std::string hash_of(const swtest::MexCall& call) {
     std::vector<double> bytes = call.output();
-    for (const auto& image : {call.noisy(), call.pilot()}) bytes.insert(bytes.end(), image.begin(), image.end());
+    for (const auto& image : {call.noisy(), call.pilot()})
+        bytes.insert(bytes.end(), image.begin(), image.end());
     return swtest::sha256_hex(bytes.data(), sizeof(double) * bytes.size());
 }
 
@@ -151,7 +141,8 @@ TEST(Golden, EveryCallGivesItsBits) {
         swtest::MexCall call = swtest::make_call(plan);
         g.general_path ? call.run_general(plan.h) : call.run();
         const std::string actual = hash_of(call);
-        if (print) std::printf("    {\"%s\", ... \"%s\"},\n", g.description, actual.c_str()), std::fflush(stdout);
+        if (print)
+            std::printf("    {\"%s\", ... \"%s\"},\n", g.description, actual.c_str()), std::fflush(stdout);
         EXPECT_EQ(actual, g.sha256) << g.description;
         // The size-specialised variants compute what the general path does.
         if (!g.general_path && sw::variant_for(plan.h) != nullptr) {
@@ -232,7 +223,8 @@ TEST(Workload, AdaptiveH9) { run_workload("adaptive_h9", 9); }
 TEST(Sha256, KnownDigests) {
     EXPECT_EQ(swtest::sha256_hex("", 0), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
     const std::string two_blocks(119, 'a');  // the length pads into a second block
-    EXPECT_EQ(swtest::sha256_hex("abc", 3), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    EXPECT_EQ(swtest::sha256_hex("abc", 3),
+              "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
     EXPECT_EQ(swtest::sha256_hex(two_blocks.data(), two_blocks.size()),
               "31eba51c313a5c08226adf18d4a359cfdfd8d2e816b13f4af952f7ea6584dcfb");
 }

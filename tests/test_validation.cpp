@@ -3,7 +3,6 @@
 // of faults (support/test_args.h, shared with the fuzz driver) runs on a few
 // base calls, each fault with several of its variants.
 #include <gtest/gtest.h>
-
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -62,23 +61,29 @@ TEST(Validation, MessagesNameTheArgumentAsTheUserCountsIt) {
     static_cast<int32_t*>(mxGetData(call.args[9].get()))[16] = 0;
     std::string text;
     EXPECT_EQ(swtest::check_call(call, 1, 16, "shapewiener:ProcessingList:pixelOutOfRange", &text), "");
-    EXPECT_EQ(text, "shapewiener:ProcessingList:pixelOutOfRange: argument 10 (ProcessingList): entry 17 "
-                    "has pixel index 0; pixel indices must lie in 1..4096.");
+    EXPECT_EQ(text,
+              "shapewiener:ProcessingList:pixelOutOfRange: argument 10 (ProcessingList): entry 17 "
+              "has pixel index 0; pixel indices must lie in 1..4096.");
 }
 
 TEST(Validation, ArgumentCountsAndEmptyImages) {
     for (const CallPlan& plan : base_plans()) {
         for (const auto& c : {std::make_pair(1, 15), {1, 0}, {2, 16}, {3, 16}, {0, 16}, {1, 17}, {1, 20}}) {
             MexCall call = swtest::make_call(plan);
-            const char* expected = c.second < 16 ? "shapewiener:nrhs:tooFew" : c.first > 1 ? "shapewiener:nlhs:tooMany" : "";
-            EXPECT_EQ(swtest::check_call(call, c.first, c.second, expected), "") << c.first << " " << c.second;
+            const char* expected = c.second < 16 ? "shapewiener:nrhs:tooFew"
+                                   : c.first > 1 ? "shapewiener:nlhs:tooMany"
+                                                 : "";
+            EXPECT_EQ(swtest::check_call(call, c.first, c.second, expected), "")
+                << c.first << " " << c.second;
         }
     }
 }
 
 TEST(Validation, FractionalMaxScaleSelectsTheRoundedSize) {
     CallPlan plan = swtest::square_plan(6, 5, 4, 32);
-    for (const auto& c : {std::make_pair(3.5, ""), {4.49, ""}, {3.49, "shapewiener:SectorMaskBank:cellCount"},
+    for (const auto& c : {std::make_pair(3.5, ""),
+                          {4.49, ""},
+                          {3.49, "shapewiener:SectorMaskBank:cellCount"},
                           {4.5, "shapewiener:TransformBank:tooFewCells"}}) {
         plan.h_argument = c.first;
         MexCall call = swtest::make_call(plan);
@@ -113,7 +118,9 @@ TEST(Validation, FailedAllocationIsAnErrorAndChangesNothing) {
             mexFunction(1, plhs, 16, call.prhs.data());
         } catch (const mx_host::MexError& e) {
             _exit(e.identifier() == "shapewiener:memory:outOfMemory" && plhs[0] == nullptr &&
-                          swtest::same_bits(before, call.noisy()) ? 0 : 5);
+                          swtest::same_bits(before, call.noisy())
+                      ? 0
+                      : 5);
         }
         _exit(6);
     }
