@@ -76,8 +76,8 @@ Result run_input(const uint8_t* data, size_t size) {
     for (const auto& group : chosen) {
         for (const auto& c : group) {
             c.first->apply(call, plan, c.second);
-            result.description +=
-                std::string("; ") + c.first->name + " (r = " + std::to_string(c.second) + ")";
+            result.description += std::string("; ") + c.first->name + " " + c.first->identifier +
+                                  " (r = " + std::to_string(c.second) + ")";
         }
     }
     const char* expected = nrhs < 16            ? "shapewiener:nrhs:tooFew"

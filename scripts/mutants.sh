@@ -17,12 +17,12 @@ git -C "$root" ls-files -co --exclude-standard | tar -C "$root" -cf - -T - | tar
 # file @@ original text @@ mutated text (each original must occur exactly once)
 mutants=$(cat <<'LIST'
 src/estimate/wiener.h @@ variance + sigma * ((factor * factor) * sigma) @@ variance + (sigma * sigma) * (factor * factor)
-src/estimate/wiener.h @@ static_cast<float>(de / (static_cast<double>(noise) * lambda + de)) @@ energy / (static_cast<float>(static_cast<double>(noise) * lambda) + energy)
-src/estimate/wiener.h @@ (static_cast<double>(dc_noise) * lambda) / shape_size @@ static_cast<double>(dc_noise) * (lambda / shape_size)
+src/estimate/wiener.h @@ static_cast<float>(de / (static_cast<double>(noise) * lambda + de)) @@ static_cast<float>(de / static_cast<float>(static_cast<double>(noise) * lambda + de))
+src/estimate/wiener.h @@ (static_cast<double>(dc_noise) * lambda) / shape_size @@ static_cast<double>(dc_noise) * lambda
 src/estimate/wiener.h @@ ((dc_factor * dc_factor) * dc_noise_level) * dc_noise_level @@ (dc_factor * dc_factor) * (dc_noise_level * dc_noise_level)
 src/shape/gather.h @@ ((td + 2.0) * 1e-17 + mean) @@ ((td + 1.0) * 1e-17 + mean)
 src/shape/gather.h @@ static_cast<double>(step + 13) * 3e-17 @@ static_cast<double>(step + 12) * 3e-17
-src/shape/gather.h @@ static_cast<float>(static_cast<double>(sum_noisy) / size) @@ sum_noisy / static_cast<float>(n)
+src/shape/gather.h @@ const double size = static_cast<double>(n); @@ const double size = static_cast<double>(n + 1);
 src/shape/shape.h @@ return diff < 0; @@ return diff <= 0;
 src/shape/shape.h @@ direction_scale[(d + 5) % 8] @@ direction_scale[(d + 3) % 8]
 src/estimate/aggregate.h @@ clipped = 1.0f > v ? @@ clipped = 1.0f < v ?
@@ -35,7 +35,7 @@ src/transform/shape_transform.h @@ for (uint32_t s = 1; s < len; ++s) { @@ for (
 src/transform/shape_transform.h @@ static_cast<double>(acc) + static_cast<double>(c[f]) * col[f] @@ static_cast<double>(acc) + static_cast<double>(c[f] * static_cast<float>(col[f]))
 src/spectrum/block_spectrum.cpp @@ re = re + (p * c - q * s); @@ re = (re + p * c) - q * s;
 src/spectrum/fft32.cpp @@ return {fl(v.re * c) + fl(v.im * s), fl(v.im * c) - fl(v.re * s)}; @@ return {fl(v.re * c + v.im * s), fl(v.im * c) - fl(v.re * s)};
-src/driver/workspace.cpp @@ (static_cast<double>(j) * 6.283185307179586) * inv_n @@ static_cast<double>(j) * (6.283185307179586 * inv_n)
+src/driver/workspace.cpp @@ re = next_re; @@ re = static_cast<float>(next_re);
 src/driver/filter.cpp @@ if (cs.coverage_count[q] > coverage_threshold) continue; @@ if (cs.coverage_count[q] >= coverage_threshold) continue;
 src/driver/check.cpp @@ if (p < 1 || static_cast<uint64_t>(p) > pixels) { @@ if (p < 1 || static_cast<uint64_t>(p) >= pixels) {
 LIST

@@ -44,7 +44,8 @@ TEST(Validation, EveryFaultRaisesItsIdentifierAndChangesNothing) {
                                                                           : nullptr;
                 std::string text;
                 EXPECT_EQ(swtest::check_call(call, 1, 16, expected, &text), "")
-                    << fault.name << ", r = " << r << ", " << plan.m << "x" << plan.k << " H = " << plan.h;
+                    << fault.name << " " << fault.identifier << ", r = " << r << ", " << plan.m << "x"
+                    << plan.k << " H = " << plan.h;
                 if (fault.outcome == Fault::kError) {
                     EXPECT_NE(text.find(fault.message), std::string::npos) << fault.name << ": " << text;
                     identifiers.insert(fault.identifier);

@@ -223,6 +223,8 @@ CallPlan random_plan(uint32_t seed, const RandomOptions& o) {
         s.keys[i] = (i > 0 && s.pixels[i] == s.pixels[i - 1]) ? s.keys[i - 1] : static_cast<int32_t>(i + 1);
     }
     s.coverage_threshold = o.coverage_threshold;
+    s.noise_level_factor = 0.5 + unit(rng);
+    s.wiener_variance_factor = 8.0 * unit(rng);
     return s;
 }
 

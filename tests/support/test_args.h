@@ -101,8 +101,8 @@ struct RandomOptions {
     double coverage_threshold = 1e9;  // never skip
 };
 
-// A random contract-valid call: random scales, masks, spectrum (symmetric)
-// and images (a few exact zeros); every entry its own key unless it repeats
+// A random contract-valid call: random scales, masks, spectrum, images (a
+// few exact zeros) and factors; every entry its own key unless it repeats
 // the previous pixel.
 CallPlan random_plan(uint32_t seed, const RandomOptions& options);
 
