@@ -24,8 +24,9 @@
 #include <vector>
 
 #include "fuzz_call.h"
+#include "support/test_args.h"
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(SWTEST_ASAN)
 #include <sanitizer/common_interface_defs.h>
 // Leaks fail the run even where the environment does not ask for it.
 extern "C" const char* __asan_default_options() { return "detect_leaks=1"; }
@@ -122,7 +123,7 @@ int main(int argc, char** argv) {
         }
         ++i;
     }
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(SWTEST_ASAN)
     __sanitizer_set_death_callback(name_failing_input);
     std::signal(SIGABRT, on_fatal_signal);  // the sanitizer handles the other fatal signals
 #else

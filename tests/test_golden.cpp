@@ -194,7 +194,7 @@ void run_workload(const char* name, uint32_t h) {
         if (ci != nullptr && std::string(ci) == "true") FAIL() << "no workload at " << dir << " (CI=true)";
         GTEST_SKIP() << "no workload at " << dir << " (set SHAPEWIENER_WORKLOADS to its folder); not checked";
     }
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(SWTEST_ASAN)
     GTEST_SKIP() << "the workloads' bits are checked in the plain build";
 #endif
     CallPlan s;

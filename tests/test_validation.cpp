@@ -93,7 +93,7 @@ TEST(Validation, FractionalMaxScaleSelectsTheRoundedSize) {
 }
 
 TEST(Validation, FailedAllocationIsAnErrorAndChangesNothing) {
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(SWTEST_ASAN)
     GTEST_SKIP() << "address space limits do not mix with the address sanitizer";
 #else
     // In a child process: a call whose workspace and twiddle table need about

@@ -18,6 +18,15 @@
 
 #include "mx_host.h"
 
+// Defined in builds with AddressSanitizer (gcc and clang spell it differently).
+#if defined(__SANITIZE_ADDRESS__)
+#define SWTEST_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define SWTEST_ASAN 1
+#endif
+#endif
+
 namespace swtest {
 
 struct CallPlan {
