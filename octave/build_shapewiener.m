@@ -83,7 +83,8 @@ function mexfile = build_shapewiener(outdir)
     if isunix() && ~ismac()
       args{end + 1} = 'LDFLAGS=$LDFLAGS -static-libstdc++ -static-libgcc';
     end
-    args = [args, sources, {'-outdir', outdir, '-output', 'shapewiener'}];
+    % libut answers whether the user pressed Ctrl-C.
+    args = [args, sources, {'-lut', '-outdir', outdir, '-output', 'shapewiener'}];
     mex(args{:});
     mexfile = fullfile(outdir, ['shapewiener.' mexext()]);
   end

@@ -18,6 +18,10 @@
 
 #if defined(octave_mex_h)
 #include <octave/quit.h>
+#elif defined(MATLAB_MEX_FILE) && !defined(SHAPEWIENER_NO_MATLAB_INTERRUPT)
+// MATLAB's (undocumented but long-standing) query for a pending Ctrl-C, in
+// libut, which the build links.
+extern "C" bool utIsInterruptPending(void);
 #endif
 
 namespace sw {
@@ -42,12 +46,16 @@ Dims dims_of(const mxArray* a) {
     return dims;
 }
 
+// A view of a numeric array; of a cell (or unset) array only its dimensions,
+// which is all the library looks at of cells that it does not read.
 template <class T>
 ArrayView<T> view_of(const mxArray* a) {
     ArrayView<T> v;
     if (a == nullptr) return v;
-    v.data = static_cast<const T*>(mxGetData(a));
     v.dims = dims_of(a);
+    if (!mxIsCell(a) && mxGetClassID(a) != mxSTRUCT_CLASS) {
+        v.data = static_cast<const T*>(mxGetData(a));
+    }
     return v;
 }
 
@@ -249,6 +257,8 @@ void describe(const mxArray* const* prhs, HostCall* hc) {
 bool interrupt_requested() {
 #if defined(octave_mex_h)
     return octave_signal_caught != 0;
+#elif defined(MATLAB_MEX_FILE) && !defined(SHAPEWIENER_NO_MATLAB_INTERRUPT)
+    return utIsInterruptPending();
 #else
     return false;
 #endif
