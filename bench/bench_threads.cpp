@@ -48,6 +48,7 @@ struct ChildReport {
 struct Sample {
     ChildReport report;
     long max_rss_kb = 0;
+    double cpu_seconds = 0.0;  // the child's user + system time, loading included
 };
 
 // Runs `mode` on the workload in a child process.
@@ -94,6 +95,8 @@ Sample measure(const std::string& folder, const Mode& mode) {
         throw std::runtime_error("the child for " + std::string(mode.name) + " failed");
     }
     s.max_rss_kb = usage.ru_maxrss;
+    s.cpu_seconds = usage.ru_utime.tv_sec + usage.ru_stime.tv_sec +
+                    1e-6 * (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
     return s;
 }
 
@@ -217,14 +220,16 @@ int main(int argc, char** argv) {
             const std::string folder = root + "/" + name;
             swtest::SharedWorkload workload(folder);
             const Counts counts = count_work(workload);
-            const long baseline_kb = measure(folder, load_only).max_rss_kb;
-            std::vector<double> seconds[3];
+            const Sample baseline = measure(folder, load_only);
+            const long baseline_kb = baseline.max_rss_kb;
+            std::vector<double> seconds[3], cpu[3];
             long rss_kb[3] = {0, 0, 0};
             bool match[3] = {true, true, true};
             for (uint32_t r = 0; r < reps; ++r) {
                 for (int mi = 0; mi < 3; ++mi) {
                     const Sample s = measure(folder, modes[mi]);
                     seconds[mi].push_back(s.report.seconds);
+                    cpu[mi].push_back(s.cpu_seconds - baseline.cpu_seconds);
                     rss_kb[mi] = std::max(rss_kb[mi], s.max_rss_kb);
                     match[mi] = match[mi] && workload.expected_sha256() == s.report.sha256;
                 }
@@ -232,16 +237,20 @@ int main(int argc, char** argv) {
             std::printf("\n%s: %" PRIu64 " accepted entries, %" PRIu64 " key changes, %" PRIu64
                         " coefficient spectra\n",
                         name, counts.accepted, counts.key_changes, counts.spectra);
+            double load[3] = {0, 0, 0};
+            getloadavg(load, 3);
+            std::printf("(load average after the runs: %.1f)\n", load[0]);
             std::printf("| mode | best s | median s | vs reference | us / entry | us / spectrum |"
-                        " peak RSS MiB (load only %.1f) | SHA-256 |\n",
+                        " CPU s (best) | peak RSS MiB (load only %.1f) | SHA-256 |\n",
                         baseline_kb / 1024.0);
-            std::printf("|---|---:|---:|---:|---:|---:|---:|---|\n");
+            std::printf("|---|---:|---:|---:|---:|---:|---:|---:|---|\n");
             const double ref = best(seconds[0]);
             for (int mi = 0; mi < 3; ++mi) {
                 const double b = best(seconds[mi]);
-                std::printf("| %s | %.3f | %.3f | %.2fx | %.2f | %.3f | %.1f | %s |\n", modes[mi].name,
-                            b, median(seconds[mi]), ref / b, 1e6 * b / counts.accepted,
-                            1e6 * b / counts.spectra, rss_kb[mi] / 1024.0,
+                std::printf("| %s | %.3f | %.3f | %.2fx | %.2f | %.3f | %.2f | %.1f | %s |\n",
+                            modes[mi].name, b, median(seconds[mi]), ref / b,
+                            1e6 * b / counts.accepted, 1e6 * b / counts.spectra, best(cpu[mi]),
+                            rss_kb[mi] / 1024.0,
                             match[mi] ? "matches" : "DIFFERS");
                 all_match = all_match && match[mi];
             }
