@@ -167,7 +167,8 @@ void usage(const char* program) {
         "../shared/workloads beside the repository) on the reference path, the\n"
         "optimised path on one thread and on T threads (default: all hardware\n"
         "threads), N repetitions each (default 3), and checks every output against\n"
-        "the workload's out.sha256.\n",
+        "the workload's out.sha256. --single T runs one call of the --only workload\n"
+        "on T threads (0: the reference path) in this process, for profilers.\n",
         program);
 }
 
@@ -178,6 +179,7 @@ int main(int argc, char** argv) {
     uint32_t reps = 3;
     unsigned threads = std::max(1u, std::thread::hardware_concurrency());
     std::string only;
+    int single = -1;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         if (a == "--help" || a == "-h") {
@@ -195,6 +197,8 @@ int main(int argc, char** argv) {
             reps = static_cast<uint32_t>(std::max(1, std::atoi(v.c_str())));
         } else if (a == "--threads") {
             threads = static_cast<unsigned>(std::max(1, std::atoi(v.c_str())));
+        } else if (a == "--single") {
+            single = std::atoi(v.c_str());
         } else if (a == "--only") {
             only = v;
         } else {
@@ -206,6 +210,20 @@ int main(int argc, char** argv) {
     if (root.empty()) {
         std::fprintf(stderr, "shared workloads not found; give --workloads DIR\n");
         return 1;
+    }
+    if (single >= 0) {
+        swtest::SharedWorkload workload(root + "/" + (only.empty() ? "adaptive_h7" : only));
+        std::vector<double> out(workload.pixels());
+        sw::RunOptions options;
+        options.reference = single == 0;
+        options.threads = single == 0 ? 1 : static_cast<unsigned>(single);
+        const auto t0 = std::chrono::steady_clock::now();
+        const sw::Error e = sw::run(workload.fresh_call(), out.data(), options);
+        const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+        const bool match = swtest::sha256_hex(out.data(), out.size() * sizeof(double)) ==
+                           workload.expected_sha256();
+        std::printf("%.3f s, output %s\n", s, e ? e.message : match ? "matches" : "DIFFERS");
+        return match ? 0 : 1;
     }
     const std::string many = std::to_string(threads) + " threads";
     const Mode modes[] = {{"reference", true, 1, false},
