@@ -7,8 +7,8 @@ function interrupt_session(step)
   switch step
     case 'long'
       % H = 11, every entry its own key: noise levels at every entry.
-      args = make_valid_args(160, 160, 11, 32);
-      args{10}(:, 2) = int32(1:160 * 160)';
+      args = make_valid_args(224, 224, 11, 32);
+      args{10}(:, 2) = int32(1:224 * 224)';
       small = make_valid_args(6, 7, 3, 32);
       expected = shapewiener(small{:});
       small = make_valid_args(6, 7, 3, 32);
