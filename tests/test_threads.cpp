@@ -95,7 +95,10 @@ struct Case {
 
 TEST(Threads, EveryThreadCountGivesTheReferenceBits) {
     const Case cases[] = {
-        // Several chunks (more than 512 accepted entries), specialised H.
+        // Chunks end at the entry, key-change and value limits (256 entries,
+        // 99 keys or 148 full boxes at H = 11).
+        {"H 11, a key per entry", 11, 32, 12, 12, true, false, false, 1e9},
+        {"H 11, key runs", 11, 32, 24, 24, true, false, true, 1e9},
         {"large list", 4, 32, 36, 30, true, false, false, 1e9},
         {"threshold 0", 4, 32, 30, 30, true, false, false, 0},
         {"threshold 1, repeated pixels", 5, 32, 24, 26, true, true, false, 1},

@@ -28,10 +28,10 @@ namespace {
 // flight: the workers compute one while the calling thread commits an older
 // one and plans the next. Key states live in a ring that holds the keys of
 // every chunk in flight and the one carried into the oldest.
-constexpr uint32_t kChunkEntries = 512;
+constexpr uint32_t kChunkEntries = 256;
 constexpr uint32_t kChunkSlots = 3;
-constexpr uint64_t kArenaFloats = uint64_t{1} << 18;
-constexpr uint64_t kLevelFloats = uint64_t{1} << 18;
+constexpr uint64_t kArenaFloats = uint64_t{1} << 16;
+constexpr uint64_t kLevelFloats = uint64_t{1} << 17;
 // The calling thread offers the progress callback a turn after every
 // kProgressInterval list entries and while it waits, at least this often.
 constexpr uint32_t kProgressInterval = 4096;
