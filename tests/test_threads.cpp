@@ -96,9 +96,10 @@ struct Case {
 TEST(Threads, EveryThreadCountGivesTheReferenceBits) {
     const Case cases[] = {
         // Chunks end at the entry, key-change and value limits (256 entries,
-        // 99 keys or 148 full boxes at H = 11).
+        // 99 key changes at H = 11, or values of about 240 boxes clipped to
+        // a 20 x 20 image).
         {"H 11, a key per entry", 11, 32, 12, 12, true, false, false, 1e9},
-        {"H 11, key runs", 11, 32, 24, 24, true, false, true, 1e9},
+        {"H 11, key runs", 11, 32, 20, 20, true, false, true, 1e9},
         {"large list", 4, 32, 36, 30, true, false, false, 1e9},
         {"threshold 0", 4, 32, 30, 30, true, false, false, 0},
         {"threshold 1, repeated pixels", 5, 32, 24, 26, true, true, false, 1},
