@@ -257,7 +257,7 @@ int main(int argc, char** argv) {
                         name, counts.accepted, counts.key_changes, counts.spectra);
             double load[3] = {0, 0, 0};
             getloadavg(load, 3);
-            std::printf("(load average after the runs: %.1f)\n", load[0]);
+            std::printf("(load average after the runs: %.1f)\n\n", load[0]);
             std::printf("| mode | best s | median s | vs reference | us / entry | us / spectrum |"
                         " CPU s (best) | peak RSS MiB (load only %.1f) | SHA-256 |\n",
                         baseline_kb / 1024.0);
@@ -272,7 +272,7 @@ int main(int argc, char** argv) {
                             match[mi] ? "matches" : "DIFFERS");
                 all_match = all_match && match[mi];
             }
-            std::printf("%s / 1 thread: %.2fx\n", many.c_str(), best(seconds[1]) / best(seconds[2]));
+            std::printf("\n%s / 1 thread: %.2fx\n", many.c_str(), best(seconds[1]) / best(seconds[2]));
         }
     } catch (const std::exception& e) {
         std::fprintf(stderr, "%s\n", e.what());
