@@ -73,7 +73,7 @@ Sample measure(const std::string& folder, const Mode& mode) {
                 const auto t1 = std::chrono::steady_clock::now();
                 r.seconds = std::chrono::duration<double>(t1 - t0).count();
                 r.ok = !e;
-                const std::string sha = swtest::sha256_hex(out.data(), out.size() * sizeof(double));
+                const std::string sha = swtest::output_sha256(out);
                 std::snprintf(r.sha256, sizeof r.sha256, "%s", sha.c_str());
             } else {
                 r.ok = 1;
@@ -220,7 +220,7 @@ int main(int argc, char** argv) {
         const auto t0 = std::chrono::steady_clock::now();
         const sw::Error e = sw::run(workload.fresh_call(), out.data(), options);
         const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-        const bool match = swtest::sha256_hex(out.data(), out.size() * sizeof(double)) ==
+        const bool match = swtest::output_sha256(out) ==
                            workload.expected_sha256();
         std::printf("%.3f s, output %s\n", s, e ? e.message : match ? "matches" : "DIFFERS");
         return match ? 0 : 1;

@@ -208,7 +208,7 @@ TEST(Threads, SharedWorkloadsKeepTheirBits) {
             std::vector<double> out(workload.pixels());
             const sw::Error e = sw::run(workload.fresh_call(), out.data(), with_threads(threads));
             ASSERT_FALSE(e) << e.message;
-            EXPECT_EQ(swtest::sha256_hex(out.data(), out.size() * sizeof(double)),
+            EXPECT_EQ(swtest::output_sha256(out),
                       workload.expected_sha256())
                 << run.name << ", " << threads << " threads";
         }

@@ -115,7 +115,9 @@ std::string shared_workload_root(const std::string& fallback) {
 }
 
 // SHA-256 (FIPS 180-4).
-std::string sha256_hex(const void* data, size_t size) {
+std::string output_sha256(const std::vector<double>& output) {
+    const void* data = output.data();
+    const size_t size = output.size() * sizeof(double);
     static const uint32_t k[64] = {
         0x428a2f98, 0x71374491, 0xb5c0fbcf, 0xe9b5dba5, 0x3956c25b, 0x59f111f1, 0x923f82a4,
         0xab1c5ed5, 0xd807aa98, 0x12835b01, 0x243185be, 0x550c7dc3, 0x72be5d74, 0x80deb1fe,

@@ -45,8 +45,8 @@ private:
     sw::FilterCall call_;
 };
 
-// Lower-case hex SHA-256 of the raw bytes.
-std::string sha256_hex(const void* data, size_t size);
+// Lower-case hex SHA-256 of the output's raw bytes (as out.sha256 holds it).
+std::string output_sha256(const std::vector<double>& output);
 
 // The folder of the shared workloads: $SHAPEWIENER_WORKLOADS, else
 // `fallback` (../shared/workloads beside the repository); empty when the
