@@ -8,6 +8,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "support/sha256.h"
+
 namespace swtest {
 namespace {
 
@@ -114,58 +116,8 @@ std::string shared_workload_root(const std::string& fallback) {
     return root;
 }
 
-// SHA-256 (FIPS 180-4).
 std::string output_sha256(const std::vector<double>& output) {
-    const void* data = output.data();
-    const size_t size = output.size() * sizeof(double);
-    static const uint32_t k[64] = {
-        0x428a2f98, 0x71374491, 0xb5c0fbcf, 0xe9b5dba5, 0x3956c25b, 0x59f111f1, 0x923f82a4,
-        0xab1c5ed5, 0xd807aa98, 0x12835b01, 0x243185be, 0x550c7dc3, 0x72be5d74, 0x80deb1fe,
-        0x9bdc06a7, 0xc19bf174, 0xe49b69c1, 0xefbe4786, 0x0fc19dc6, 0x240ca1cc, 0x2de92c6f,
-        0x4a7484aa, 0x5cb0a9dc, 0x76f988da, 0x983e5152, 0xa831c66d, 0xb00327c8, 0xbf597fc7,
-        0xc6e00bf3, 0xd5a79147, 0x06ca6351, 0x14292967, 0x27b70a85, 0x2e1b2138, 0x4d2c6dfc,
-        0x53380d13, 0x650a7354, 0x766a0abb, 0x81c2c92e, 0x92722c85, 0xa2bfe8a1, 0xa81a664b,
-        0xc24b8b70, 0xc76c51a3, 0xd192e819, 0xd6990624, 0xf40e3585, 0x106aa070, 0x19a4c116,
-        0x1e376c08, 0x2748774c, 0x34b0bcb5, 0x391c0cb3, 0x4ed8aa4a, 0x5b9cca4f, 0x682e6ff3,
-        0x748f82ee, 0x78a5636f, 0x84c87814, 0x8cc70208, 0x90befffa, 0xa4506ceb, 0xbef9a3f7,
-        0xc67178f2};
-    uint32_t hash[8] = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
-                        0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19};
-    std::vector<uint8_t> msg(static_cast<const uint8_t*>(data), static_cast<const uint8_t*>(data) + size);
-    const uint64_t bits = static_cast<uint64_t>(size) * 8;
-    msg.push_back(0x80);
-    while (msg.size() % 64 != 56) msg.push_back(0);
-    for (int i = 7; i >= 0; --i) msg.push_back(static_cast<uint8_t>(bits >> (8 * i)));
-    auto rotr = [](uint32_t x, int n) { return (x >> n) | (x << (32 - n)); };
-    for (size_t block = 0; block < msg.size(); block += 64) {
-        uint32_t w[64];
-        for (int t = 0; t < 16; ++t) {
-            const uint8_t* b = &msg[block + 4 * t];
-            w[t] = uint32_t{b[0]} << 24 | uint32_t{b[1]} << 16 | uint32_t{b[2]} << 8 | b[3];
-        }
-        for (int t = 16; t < 64; ++t) {
-            const uint32_t s0 = rotr(w[t - 15], 7) ^ rotr(w[t - 15], 18) ^ (w[t - 15] >> 3);
-            const uint32_t s1 = rotr(w[t - 2], 17) ^ rotr(w[t - 2], 19) ^ (w[t - 2] >> 10);
-            w[t] = w[t - 16] + s0 + w[t - 7] + s1;
-        }
-        uint32_t a[8];
-        std::memcpy(a, hash, sizeof a);
-        for (int t = 0; t < 64; ++t) {
-            const uint32_t s1 = rotr(a[4], 6) ^ rotr(a[4], 11) ^ rotr(a[4], 25);
-            const uint32_t ch = (a[4] & a[5]) ^ (~a[4] & a[6]);
-            const uint32_t t1 = a[7] + s1 + ch + k[t] + w[t];
-            const uint32_t s0 = rotr(a[0], 2) ^ rotr(a[0], 13) ^ rotr(a[0], 22);
-            const uint32_t maj = (a[0] & a[1]) ^ (a[0] & a[2]) ^ (a[1] & a[2]);
-            const uint32_t t2 = s0 + maj;
-            for (int i = 7; i > 0; --i) a[i] = a[i - 1];
-            a[4] += t1;
-            a[0] = t1 + t2;
-        }
-        for (int i = 0; i < 8; ++i) hash[i] += a[i];
-    }
-    char hex[65];
-    for (int i = 0; i < 8; ++i) std::snprintf(hex + 8 * i, 9, "%08x", hash[i]);
-    return std::string(hex, 64);
+    return sha256_hex(output.data(), output.size() * sizeof(double));
 }
 
 }  // namespace swtest
