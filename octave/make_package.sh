@@ -6,7 +6,7 @@
 #   <version>  package version; default: the VERSION of project() in the
 #              top-level CMakeLists.txt
 #   <source>   filter sources, relative to the repository root; default: the
-#              six sources of the filter core
+#              sources of the filter core
 #
 # Install and use in Octave:
 #   pkg install <outdir>/shapewiener-<version>.tar.gz
@@ -42,7 +42,9 @@ if [ $# -ge 1 ]; then
   sources=("$@")
 else
   sources=(src/mex/gateway.cpp src/mex/validate.cpp src/driver/filter.cpp
-           src/driver/workspace.cpp src/spectrum/fft32.cpp src/spectrum/block_spectrum.cpp)
+           src/driver/workspace.cpp src/spectrum/fft32.cpp src/spectrum/block_spectrum.cpp
+           src/simd/simd.cpp src/spectrum/levels_fast.cpp src/spectrum/spectrum_kernels.cpp
+           src/transform/transform_fast.cpp src/transform/transform_kernels.cpp)
 fi
 
 epoch=${SOURCE_DATE_EPOCH:-$(date +%s)}
