@@ -11,8 +11,10 @@
 #include "mex/arguments.h"
 #include "shape/gather.h"
 #include "shape/shape.h"
+#include "spectrum/levels_fast.h"
 #include "spectrum/noise_level.h"
 #include "transform/shape_transform.h"
+#include "transform/transform_fast.h"
 
 namespace sw {
 namespace {
@@ -97,13 +99,13 @@ void run_filter(mxArray** plhs, const mxArray* const* prhs, uint32_t h) {
                     pilot_coefficients);
 
         SW_PHASE_MARK(kPhaseForward);
-        forward_transform(box, noisy_gather, pilot_gather, noisy_coefficients,
+        forward_transform_fast(box, noisy_gather, pilot_gather, noisy_coefficients,
                           pilot_coefficients, ws.column_count, ws.row_count,
                           g.max_column_count, table);
 
         if (key_changed) {
             SW_PHASE_MARK(kPhaseNoiseLevel);
-            dc_noise_level = noise_levels(box, spectrum, noisy_coefficients, noisy_gather,
+            dc_noise_level = noise_levels_fast(box, spectrum, noisy_coefficients, noisy_gather,
                                           ws.column_count, ws.row_count, ws.row_cursor,
                                           g.max_column_count, table, ws.shape_mask, by_columns,
                                           g.shape_size, ws.coefficient_noise_level);
@@ -118,7 +120,7 @@ void run_filter(mxArray** plhs, const mxArray* const* prhs, uint32_t h) {
             noisy_gather, pilot_gather);
 
         SW_PHASE_MARK(kPhaseInverse);
-        inverse_transform(box, noisy_coefficients, noisy_gather, ws.column_count, ws.row_count,
+        inverse_transform_fast(box, noisy_coefficients, noisy_gather, ws.column_count, ws.row_count,
                           ws.row_cursor, g.max_column_count, table);
 
         SW_PHASE_MARK(kPhaseAggregate);
