@@ -246,4 +246,56 @@ TEST(FastTransforms, MatchReferenceOnRandomShapes) {
     }
 }
 
+// Whole calls (variants, general path, both spectrum paths, skipped and
+// repeated pixels) give the reference's bits at every level.
+TEST(FastPaths, WholeCallsMatchTheReference) {
+    LevelGuard guard;
+    const std::vector<Level> levels = levels_here();
+    for (uint32_t seed = 0; seed < 12; ++seed) {
+        swtest::RandomOptions o;
+        o.h = 1 + seed % 9;
+        const uint32_t w = 2 * o.h - 1;
+        o.n = seed % 3 == 0 ? w + 1 + (w + 1) % 2 : 32;
+        o.m = w + 2;
+        o.k = seed % 2 == 0 ? w : 3;
+        o.random_matrices = seed % 2 == 1;
+        o.repeat_pixels = seed % 4 == 2;
+        o.coverage_threshold = seed % 4 == 3 ? 2 : 1e9;
+        const swtest::CallPlan plan = swtest::random_plan(500 + seed, o);
+        ASSERT_TRUE(sw::simd::set_level(Level::reference));
+        swtest::MexCall want = swtest::make_call(plan);
+        want.run();
+        for (Level level : levels) {
+            ASSERT_TRUE(sw::simd::set_level(level));
+            swtest::MexCall got = swtest::make_call(plan);
+            if (seed % 2 == 0) {
+                got.run();
+            } else {
+                got.run_general(o.h);
+            }
+            EXPECT_TRUE(swtest::same_bits(want.output(), got.output()))
+                << "seed " << seed << " level " << sw::simd::name(level);
+        }
+    }
+}
+
+// The level can be forced by name, and only to a level this machine has.
+TEST(SimdLevel, NamesAndSupport) {
+    LevelGuard guard;
+    for (int i = 0; i < sw::simd::kLevelCount; ++i) {
+        const Level level = static_cast<Level>(i);
+        Level parsed;
+        ASSERT_TRUE(sw::simd::parse(sw::simd::name(level), &parsed));
+        EXPECT_EQ(parsed, level);
+        EXPECT_EQ(sw::simd::set_level(level), sw::simd::supported(level));
+        if (sw::simd::supported(level)) {
+            EXPECT_EQ(sw::simd::active(), level);
+        }
+    }
+    Level parsed;
+    EXPECT_FALSE(sw::simd::parse("avx1024", &parsed));
+    EXPECT_TRUE(sw::simd::supported(Level::scalar));
+    EXPECT_TRUE(sw::simd::supported(sw::simd::best()));
+}
+
 }  // namespace
