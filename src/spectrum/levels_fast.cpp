@@ -12,27 +12,27 @@
 namespace sw {
 namespace {
 
-using SumsFunction = void (*)(const SpectrumSumsJob&, double*);
-
 struct Kernel {
-    SumsFunction sums;
+    void (*sums)(const SpectrumSumsJob&, double*);
+    void (*lay_out)(const ResponseLayout&, const ResponseRun*, uint32_t, float*);
+    void (*clear_out)(const ResponseLayout&, const ResponseRun*, uint32_t, float*);
     uint32_t lanes;
 };
+
+#define SHAPEWIENER_KERNEL(ns) {ns::spectrum_sums, ns::lay_out, ns::clear_out, ns::kLanes}
 
 Kernel kernel_for(simd::Level level) {
     switch (level) {
 #if SHAPEWIENER_X86_SIMD
-        case simd::Level::sse2:
-            return {spectrum_sse2::spectrum_sums, spectrum_sse2::kLanes};
-        case simd::Level::avx2:
-            return {spectrum_avx2::spectrum_sums, spectrum_avx2::kLanes};
-        case simd::Level::avx512:
-            return {spectrum_avx512::spectrum_sums, spectrum_avx512::kLanes};
+        case simd::Level::sse2: return SHAPEWIENER_KERNEL(spectrum_sse2);
+        case simd::Level::avx2: return SHAPEWIENER_KERNEL(spectrum_avx2);
+        case simd::Level::avx512: return SHAPEWIENER_KERNEL(spectrum_avx512);
 #endif
-        default:
-            return {spectrum_scalar::spectrum_sums, spectrum_scalar::kLanes};
+        default: return SHAPEWIENER_KERNEL(spectrum_scalar);
     }
 }
+
+#undef SHAPEWIENER_KERNEL
 
 bool all_finite(const double* m, uint32_t len) {
     const size_t count = static_cast<size_t>(len) * len;
@@ -41,13 +41,6 @@ bool all_finite(const double* m, uint32_t len) {
     }
     return true;
 }
-
-// Where the impulse response of one coefficient lives: block column j
-// (one of the columns feeding row group r) holds a * T_{L_j}(f, s) at slot s.
-struct Feed {
-    uint32_t column;  // j
-    uint32_t index;   // f, the column's first-stage index in the row group
-};
 
 }  // namespace
 
@@ -72,11 +65,14 @@ bool noise_levels_lanes(const ShapeLevelsInput& in, simd::Level level,
         double* weight = carve.take<double>(static_cast<size_t>(rows) * n);
         float* blocks = carve.take<float>(static_cast<size_t>(w) * n * lanes);
         float* scratch = carve.take<float>(spectrum_scratch_floats(n, w, lanes));
-        uint32_t* along = carve.take<uint32_t>(area);      // along[c * w + s]
-        uint32_t* line_length = carve.take<uint32_t>(w);   // values laid out per line
-        Feed* feeds = carve.take<Feed>(area);              // feeds of row group r from r * w
+        uint32_t* along = carve.take<uint32_t>(area);        // along[j * w + s]
+        uint32_t* line_length = carve.take<uint32_t>(w);     // slots laid out per line
+        uint32_t* feed_column = carve.take<uint32_t>(area);  // feeds of row group r from r * w
+        uint32_t* feed_index = carve.take<uint32_t>(area);
         uint32_t* feed_count = carve.take<uint32_t>(w);
-        uint32_t* targets = carve.take<uint32_t>(area);    // coefficient positions with a level
+        uint32_t* targets = carve.take<uint32_t>(area);      // coefficient positions with a level
+        uint32_t* target_index = carve.take<uint32_t>(area);  // their index k in the row group
+        ResponseRun* runs = carve.take<ResponseRun>(lanes);
         double* sums = carve.take<double>(lanes);
         if (pass == 0) {
             base = buffer.get(carve.used());
@@ -95,7 +91,8 @@ bool noise_levels_lanes(const ShapeLevelsInput& in, simd::Level level,
             }
             for (int32_t f = 0; f < len; ++f) {
                 const uint32_t r = row_group(mcc, f, len);
-                feeds[r * w + feed_count[r]] = {j, static_cast<uint32_t>(f)};
+                feed_column[r * w + feed_count[r]] = j;
+                feed_index[r * w + feed_count[r]] = static_cast<uint32_t>(f);
                 feed_count[r] = feed_count[r] + 1;
             }
             uint32_t laid = 0;
@@ -113,6 +110,9 @@ bool noise_levels_lanes(const ShapeLevelsInput& in, simd::Level level,
                 return false;
             }
         }
+        const ResponseLayout layout{w,           n,           in.transform_table, in.column_count,
+                                    in.row_count, feed_column, feed_index,         along,
+                                    line_length};
 
         // Weights of the half-plane sum, per column v.
         const uint32_t half = n / 2;
@@ -130,54 +130,53 @@ bool noise_levels_lanes(const ShapeLevelsInput& in, simd::Level level,
             if (in.noisy_coefficients[t] == 0.0f) {
                 coefficient_noise_level[t] = 0.0f;
             } else {
-                targets[target_count++] = t;
+                targets[target_count] = t;
+                target_index[target_count] = t % w;
+                ++target_count;
             }
         }
 
         const SpectrumSumsJob job{n, w, in.ctx->twiddle, weight, blocks, scratch};
-        const size_t block_floats = static_cast<size_t>(w) * n * lanes;
         const size_t column_stride = static_cast<size_t>(n) * lanes;
-        // The DC block rides in the lane after the last coefficient.
-        for (uint32_t first = 0; first <= target_count; first += lanes) {
-            std::memset(blocks, 0, sizeof(float) * block_floats);
-            const uint32_t count = target_count + 1 - first < lanes ? target_count + 1 - first : lanes;
-            for (uint32_t i = 0; i < count; ++i) {
-                float* lane = blocks + i;
-                if (first + i == target_count) {
-                    const float z = static_cast<float>(1.0 / std::sqrt(static_cast<double>(in.shape_size)));
-                    for (uint32_t j = 0; j < w; ++j) {
-                        for (uint32_t ii = 0; ii < w; ++ii) {
-                            if (in.shape_mask[ii + j * w] == 0) continue;
-                            const uint32_t a = in.by_columns ? j : ii;
-                            const uint32_t b = in.by_columns ? ii : j;
-                            lane[b * column_stride + static_cast<size_t>(a) * lanes] = z;
-                        }
-                    }
-                    continue;
-                }
-                const uint32_t t = targets[first + i];
-                const uint32_t r = t / w;
-                const uint32_t k = t - r * w;
-                if (r >= static_cast<uint32_t>(mcc) || k >= static_cast<uint32_t>(in.row_count[r])) {
-                    continue;  // outside the support: the response is zero
-                }
-                const uint32_t len_r = static_cast<uint32_t>(in.row_count[r]);
-                const double* t_r = in.transform_table[len_r - 1];
-                for (uint32_t p = 0; p < len_r; ++p) {
-                    const Feed feed = feeds[r * w + p];
-                    const uint32_t j = feed.column;
-                    const uint32_t len = static_cast<uint32_t>(in.column_count[j]);
-                    const double* t_j = in.transform_table[len - 1];
-                    const double value = static_cast<double>(static_cast<float>(t_r[p * len_r + k]));
-                    const uint32_t* coordinate = along + j * w;
-                    float* row = lane + static_cast<size_t>(j) * lanes;
-                    for (uint32_t s = 0; s < line_length[j]; ++s) {
-                        row[coordinate[s] * column_stride] =
-                            static_cast<float>(value * t_j[feed.index + s * len]);
-                    }
+        std::memset(blocks, 0, sizeof(float) * w * column_stride);
+        // The DC block: 1/sqrt(n) on every shape pixel, in the lane after
+        // the last coefficient.
+        const float z = static_cast<float>(1.0 / std::sqrt(static_cast<double>(in.shape_size)));
+        auto dc_block = [&](float* lane, float value) {
+            for (uint32_t j = 0; j < w; ++j) {
+                for (uint32_t i = 0; i < w; ++i) {
+                    if (in.shape_mask[i + j * w] == 0) continue;
+                    const uint32_t a = in.by_columns ? j : i;
+                    const uint32_t b = in.by_columns ? i : j;
+                    lane[b * column_stride + static_cast<size_t>(a) * lanes] = value;
                 }
             }
+        };
+        for (uint32_t first = 0; first <= target_count; first += lanes) {
+            const uint32_t count = target_count + 1 - first < lanes ? target_count + 1 - first : lanes;
+            // Runs of lanes whose coefficients share a row group (targets
+            // come in order of position); coefficients outside the support
+            // have a zero response and stay in no run.
+            uint32_t run_count = 0;
+            for (uint32_t i = 0; i < count && first + i < target_count; ++i) {
+                const uint32_t r = targets[first + i] / w;
+                if (r >= static_cast<uint32_t>(mcc) ||
+                    target_index[first + i] >= static_cast<uint32_t>(in.row_count[r])) {
+                    continue;
+                }
+                if (run_count > 0 && runs[run_count - 1].row == r &&
+                    runs[run_count - 1].first + runs[run_count - 1].count == i) {
+                    runs[run_count - 1].count += 1;
+                } else {
+                    runs[run_count++] = {r, i, 1, target_index + first + i};
+                }
+            }
+            const bool with_dc = first + count > target_count;
+            kernel.lay_out(layout, runs, run_count, blocks);
+            if (with_dc) dc_block(blocks + (target_count - first), z);
             kernel.sums(job, sums);
+            kernel.clear_out(layout, runs, run_count, blocks);
+            if (with_dc) dc_block(blocks + (target_count - first), 0.0f);
             for (uint32_t i = 0; i < count; ++i) {
                 const float level_value = level_from_sum(sums[i], n, in.ctx->noise_level_factor);
                 if (first + i == target_count) {

@@ -309,6 +309,56 @@ void sums_table(const SpectrumSumsJob& job, double* sums) {
 
 }  // namespace
 
+// Walks every (column, slot) of every run's feeds with its lanes' values.
+template <class Visit>
+inline void each_response(const ResponseLayout& layout, const ResponseRun* runs, uint32_t run_count,
+                          float* blocks, Visit visit) {
+    const uint32_t w = layout.w;
+    F* x = reinterpret_cast<F*>(blocks);
+    for (uint32_t q = 0; q < run_count; ++q) {
+        const ResponseRun& run = runs[q];
+        const uint32_t len_r = static_cast<uint32_t>(layout.row_count[run.row]);
+        const double* t_r = layout.table[len_r - 1];
+        for (uint32_t p = 0; p < len_r; ++p) {
+            const uint32_t j = layout.feed_column[run.row * w + p];
+            const uint32_t f = layout.feed_index[run.row * w + p];
+            const uint32_t len = static_cast<uint32_t>(layout.column_count[j]);
+            // T_{L'}(k, p) of each lane as a float, widened; 0 in other lanes.
+            alignas(64) double a[kLanes] = {};
+            for (uint32_t i = 0; i < run.count; ++i) {
+                a[run.first + i] = static_cast<float>(t_r[p * len_r + run.index[i]]);
+            }
+            D av;
+            __builtin_memcpy(&av, a, sizeof av);
+            visit(av, layout.table[len - 1] + f, len, x + j, layout.along + j * w,
+                  layout.line_length[j]);
+        }
+    }
+}
+
+void lay_out(const ResponseLayout& layout, const ResponseRun* runs, uint32_t run_count,
+             float* blocks) {
+    const size_t stride = layout.n;
+    each_response(layout, runs, run_count, blocks,
+                  [&](D a, const double* t, uint32_t len, F* column, const uint32_t* along,
+                      uint32_t slots) {
+                      for (uint32_t s = 0; s < slots; ++s) {
+                          F& cell = column[along[s] * stride];
+                          cell = cell + LT::narrow(a * t[s * len]);
+                      }
+                  });
+}
+
+void clear_out(const ResponseLayout& layout, const ResponseRun* runs, uint32_t run_count,
+               float* blocks) {
+    const size_t stride = layout.n;
+    const F zero = LT::splat(0.0f);
+    each_response(layout, runs, run_count, blocks,
+                  [&](D, const double*, uint32_t, F* column, const uint32_t* along, uint32_t slots) {
+                      for (uint32_t s = 0; s < slots; ++s) column[along[s] * stride] = zero;
+                  });
+}
+
 void spectrum_sums(const SpectrumSumsJob& job, double* sums) {
     if (job.n != 32) {
         sums_table(job, sums);
