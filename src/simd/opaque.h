@@ -3,32 +3,21 @@
 // running sums (the pair of conversions is treated as an identity); passing
 // the rounded float through an empty assembler statement keeps the
 // conversions. The statement emits no instruction.
+//
+// SHAPEWIENER_KEEP(v) is a statement on a variable v. It is a macro so that
+// it takes the instruction set of the function it is written in (a vector
+// operand needs the registers of that instruction set).
 #ifndef SHAPEWIENER_SIMD_OPAQUE_H
 #define SHAPEWIENER_SIMD_OPAQUE_H
 
-namespace sw {
-namespace simd {
-
-#if defined(__GNUC__)
-template <class T>
-__attribute__((always_inline)) inline T opaque(T v) {
-#if defined(__x86_64__) || defined(__i386__)
-    __asm__("" : "+v"(v));
-#elif defined(__aarch64__)
-    __asm__("" : "+w"(v));
+#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#define SHAPEWIENER_KEEP(v) __asm__("" : "+v"(v))
+#elif defined(__GNUC__) && defined(__aarch64__)
+#define SHAPEWIENER_KEEP(v) __asm__("" : "+w"(v))
+#elif defined(__GNUC__)
+#define SHAPEWIENER_KEEP(v) __asm__("" : "+m"(v))
 #else
-    __asm__("" : "+m"(v));
+#define SHAPEWIENER_KEEP(v) ((void)0)
 #endif
-    return v;
-}
-#else
-template <class T>
-inline T opaque(T v) {
-    return v;
-}
-#endif
-
-}  // namespace simd
-}  // namespace sw
 
 #endif  // SHAPEWIENER_SIMD_OPAQUE_H

@@ -3,7 +3,10 @@
 // function shared with other files is compiled for a wider instruction set.
 // The vector types below are local to this file, so the ABI notes about
 // passing wide vectors between files do not concern them.
-#if defined(__GNUC__) && !defined(__clang__)
+#if defined(__clang__)
+#pragma clang diagnostic ignored "-Wunknown-warning-option"
+#pragma clang diagnostic ignored "-Wpsabi"
+#elif defined(__GNUC__)
 #pragma GCC diagnostic ignored "-Wpsabi"
 #endif
 

@@ -25,7 +25,11 @@ struct LT {
     typedef float F;
     typedef double D;
     static inline D widen(F x) { return static_cast<double>(x); }
-    static inline F narrow(D x) { return simd::opaque(static_cast<float>(x)); }
+    static inline F narrow(D x) {
+        F f = static_cast<float>(x);
+        SHAPEWIENER_KEEP(f);
+        return f;
+    }
     static inline F splat(float x) { return x; }
     static inline D splat_d(double x) { return x; }
     static inline double lane(D v, uint32_t) { return v; }
@@ -35,7 +39,11 @@ struct LT {
     typedef float F __attribute__((vector_size(4 * SHAPEWIENER_LANES)));
     typedef double D __attribute__((vector_size(8 * SHAPEWIENER_LANES)));
     static inline D widen(F x) { return __builtin_convertvector(x, D); }
-    static inline F narrow(D x) { return simd::opaque(__builtin_convertvector(x, F)); }
+    static inline F narrow(D x) {
+        F f = __builtin_convertvector(x, F);
+        SHAPEWIENER_KEEP(f);
+        return f;
+    }
     static inline F splat(float x) { return F{} + x; }
     static inline D splat_d(double x) { return D{} + x; }
     static inline double lane(D v, uint32_t i) { return v[i]; }

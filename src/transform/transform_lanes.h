@@ -27,7 +27,11 @@ template <>
 struct Lanes<1> {
     typedef double D;
     static inline D load(const double* p) { return *p; }
-    static inline D round(D x) { return static_cast<double>(simd::opaque(static_cast<float>(x))); }
+    static inline D round(D x) {
+        float f = static_cast<float>(x);
+        SHAPEWIENER_KEEP(f);
+        return f;
+    }
     static inline void store(float* p, D x) { *p = static_cast<float>(x); }
 };
 
@@ -43,7 +47,18 @@ struct VectorLanes {
         return v;
     }
     static inline D round(D x) {
-        return __builtin_convertvector(simd::opaque(__builtin_convertvector(x, FV)), D);
+        FV f = __builtin_convertvector(x, FV);
+        if constexpr (sizeof(FV) == sizeof(double)) {
+            // Two floats pass as one double: not every compiler puts an
+            // 8-byte vector into a vector register.
+            double bits;
+            __builtin_memcpy(&bits, &f, sizeof bits);
+            SHAPEWIENER_KEEP(bits);
+            __builtin_memcpy(&f, &bits, sizeof bits);
+        } else {
+            SHAPEWIENER_KEEP(f);
+        }
+        return __builtin_convertvector(f, D);
     }
     static inline void store(float* p, D x) {
         const FV f = __builtin_convertvector(x, FV);
@@ -68,7 +83,11 @@ template <>
 struct Lanes<8> {
     typedef __m512d D;
     static inline D load(const double* p) { return _mm512_loadu_pd(p); }
-    static inline D round(D x) { return _mm512_cvtps_pd(simd::opaque(_mm512_cvtpd_ps(x))); }
+    static inline D round(D x) {
+        __m256 f = _mm512_cvtpd_ps(x);
+        SHAPEWIENER_KEEP(f);
+        return _mm512_cvtps_pd(f);
+    }
     static inline void store(float* p, D x) { _mm256_storeu_ps(p, _mm512_cvtpd_ps(x)); }
 };
 #endif
