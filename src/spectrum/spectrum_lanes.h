@@ -233,8 +233,11 @@ inline void fft32_power(const C* x, F* power) {
 // ---- Weighted sum (as spectrum_sum) ----
 
 // power[u * n + v]; weight[v * (half + 1) + u] is the doubled or single
-// spectrum value. Columns v outer, rows u inner, in double.
-inline D weighted_sum(const F* power, const double* weight, uint32_t n, uint32_t rows) {
+// spectrum value. Columns v outer, rows u inner, in double; lane i's sum
+// goes to sums[i]. (Writing the sums here, rather than returning the
+// vector, keeps a wide vector out of any call interface.)
+inline void weighted_sum(const F* power, const double* weight, uint32_t n, uint32_t rows,
+                         double* sums) {
     D acc = LT::splat_d(0.0);
     for (uint32_t v = 0; v < n; ++v) {
         const double* wv = weight + static_cast<size_t>(rows) * v;
@@ -242,7 +245,7 @@ inline D weighted_sum(const F* power, const double* weight, uint32_t n, uint32_t
             acc = acc + wv[u] * LT::widen(power[static_cast<size_t>(u) * n + v]);
         }
     }
-    return acc;
+    for (uint32_t i = 0; i < kLanes; ++i) sums[i] = LT::lane(acc, i);
 }
 
 // ---- N = 32 ----
@@ -265,8 +268,7 @@ void sums32(const SpectrumSumsJob& job, double* sums) {
         for (uint32_t k = 0; k <= 16; ++k) rows[32 * k + b] = half[k];
     }
     for (uint32_t k = 0; k <= 16; ++k) fft32_power<NZ>(rows + 32 * k, power + 32 * k);
-    const D acc = weighted_sum(power, job.weight, 32, 17);
-    for (uint32_t i = 0; i < kLanes; ++i) sums[i] = LT::lane(acc, i);
+    weighted_sum(power, job.weight, 32, 17, sums);
 }
 
 // ---- Any N: direct DFT with the twiddle table ----
