@@ -136,7 +136,7 @@ bool noise_levels_lanes(const ShapeLevelsInput& in, simd::Level level,
             }
         }
 
-        const SpectrumSumsJob job{n, w, in.ctx->twiddle, weight, blocks, scratch};
+        SpectrumSumsJob job{n, w, in.ctx->twiddle, weight, blocks, scratch, false};
         const size_t column_stride = static_cast<size_t>(n) * lanes;
         std::memset(blocks, 0, sizeof(float) * w * column_stride);
         // The DC block: 1/sqrt(n) on every shape pixel, in the lane after
@@ -175,6 +175,7 @@ bool noise_levels_lanes(const ShapeLevelsInput& in, simd::Level level,
             kernel.lay_out(layout, runs, run_count, blocks);
             if (with_dc) dc_block(blocks + (target_count - first), z);
             kernel.sums(job, sums);
+            job.same_scratch = true;
             kernel.clear_out(layout, runs, run_count, blocks);
             if (with_dc) dc_block(blocks + (target_count - first), 0.0f);
             for (uint32_t i = 0; i < count; ++i) {

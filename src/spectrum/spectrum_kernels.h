@@ -20,6 +20,7 @@ struct SpectrumSumsJob {
     const double* weight;    // (n/2+1) per column v: NoisePsd(u, v), doubled for 1 <= u < n/2
     const float* blocks;     // x(a, b) of lane i at (b * n + a) * lanes + i, b < w, a < n
     float* scratch;          // spectrum_scratch_floats(n, w, lanes) floats, 64-byte aligned
+    bool same_scratch;       // scratch as the previous batch with the same n and w left it
 };
 
 // How a shape lays the impulse response of a coefficient out: the unit

@@ -86,14 +86,24 @@ inline C rotate_real(C v) {
 }
 
 // Half spectrum of x[OFF], x[OFF + STRIDE], ... (LEN values) where rows at
-// or past NZ are zero.
+// or past NZ are zero. The first and the middle output of a real transform
+// are real: operations on their zero imaginary parts are left out.
 template <int LEN, int OFF, int STRIDE, int NZ>
 struct RealDft {
     template <int k>
     static inline void combine(const C* e, const C* o, C* y) {
-        const C t = rotate_real<k * (32 / LEN)>(o[k]);
-        y[k] = {e[k].re + t.re, e[k].im + t.im};
-        if constexpr (2 * k != LEN / 2) {
+        if constexpr (k == 0) {
+            // e[0] and o[0] are real (zero imaginary parts), and so are
+            // y[0] and y[LEN/2].
+            const F zero = LT::splat(0.0f);
+            y[0] = {e[0].re + o[0].re, zero};
+            y[LEN / 2] = {e[0].re - o[0].re, zero};
+        } else if constexpr (4 * k == LEN) {
+            // e[k] and o[k] are real: a quarter turn of o[k] leaves only -o[k].re.
+            y[k] = {e[k].re, -o[k].re};
+        } else {
+            const C t = rotate_real<k * (32 / LEN)>(o[k]);
+            y[k] = {e[k].re + t.re, e[k].im + t.im};
             y[LEN / 2 - k] = {e[k].re - t.re, -(e[k].im - t.im)};
         }
     }
@@ -257,8 +267,10 @@ void sums32(const SpectrumSumsJob& job, double* sums) {
     C* rows = reinterpret_cast<C*>(job.scratch);           // 17 x 32
     F* power = reinterpret_cast<F*>(job.scratch) + 2 * 17 * 32;  // 17 x 32
     const F zero = LT::splat(0.0f);
-    for (uint32_t k = 0; k <= 16; ++k) {
-        for (uint32_t b = w; b < static_cast<uint32_t>(NZ); ++b) rows[32 * k + b] = {zero, zero};
+    if (!job.same_scratch) {  // the columns past w stay zero from batch to batch
+        for (uint32_t k = 0; k <= 16; ++k) {
+            for (uint32_t b = w; b < static_cast<uint32_t>(NZ); ++b) rows[32 * k + b] = {zero, zero};
+        }
     }
     for (uint32_t b = 0; b < w; ++b) {
         C half[17];
