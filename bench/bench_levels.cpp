@@ -20,7 +20,7 @@
 
 #include "adaptive_workload.h"
 #include "driver/box.h"
-#include "mex/arguments.h"
+#include "shapewiener/filter.h"
 #include "shape/gather.h"
 #include "shape/shape.h"
 #include "simd/simd.h"
@@ -102,7 +102,10 @@ Sample sample_shapes(const swbench::AdaptiveWorkload& wl, uint32_t stride) {
         Entry e;
         sw::shape_parameters(dsm, q, count, rounded.data(), scales, &e.by_columns);
         const uint8_t* masks[8];
-        sw::fetch_sector_masks(prhs[3], scales, s.h, masks);
+        for (uint32_t d = 0; d < 8; ++d) {
+            const mxArray* cell = mxGetCell(prhs[3], sw::sector_cell_index(d, scales, s.h));
+            masks[d] = static_cast<const uint8_t*>(mxGetData(cell));
+        }
         const sw::ClippedBox clip = sw::clipped_box(row, col, m, k, s.h);
         e.mask.assign(w * w, 0);
         e.ng.assign(w * w, 0.0f);

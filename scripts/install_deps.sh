@@ -2,9 +2,9 @@
 # Installs what building and testing need, from Debian's packages. Packages
 # already present are left alone; nothing is installed when all are there.
 #   scripts/install_deps.sh          everything: build, tests, Octave, fuzzing
-#   scripts/install_deps.sh --demo   only what the demo program needs
+#   scripts/install_deps.sh --demo   only what the command line and the demo need
 set -euo pipefail
-packages=(cmake g++ make pkg-config libpng-dev)
+packages=(cmake g++ make pkg-config libpng-dev libtiff-dev zlib1g-dev libcli11-dev)
 if [ "${1:-}" != "--demo" ]; then
   packages+=(googletest libgtest-dev libgmock-dev octave liboctave-dev clang libclang-rt-dev)
 fi

@@ -1,5 +1,7 @@
 #include "caller/processing_list.h"
 
+#include <algorithm>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <unordered_map>
@@ -154,6 +156,106 @@ ProcessingList build_processing_list(uint32_t h, const std::vector<double>& scal
         }
     }
     list.key_changes = static_cast<uint32_t>(key);
+    return list;
+}
+
+ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set,
+                                const DirectionScaleMap& map, const SectorMaskBank& bank) {
+    const uint32_t w = 2 * h - 1;
+    const uint32_t rows = map.rows;
+    const uint32_t cols = map.cols;
+    if (bank.size() != static_cast<size_t>(8) * h * h) {
+        throw std::invalid_argument("build_shape_list: the bank does not match h");
+    }
+    // Distinct unions by content, and the union of each set of raw indices.
+    std::vector<Mask> unions;
+    std::vector<uint32_t> union_area;
+    std::unordered_map<std::string, uint32_t> union_of_content;
+    std::unordered_map<uint64_t, uint32_t> union_of_indices;
+
+    struct Group {
+        uint32_t area;
+        std::vector<int32_t> pixels;
+    };
+    std::vector<Group> groups;
+    std::unordered_map<std::string, uint32_t> group_of_key;
+    // Key: the union's number (4 bytes), the orientation, then the cut union
+    // when the cut removes something.
+    std::string key;
+    const uint32_t reach = h - 1;
+    for (uint32_t col = 0; col < cols; ++col) {
+        for (uint32_t row = 0; row < rows; ++row) {
+            uint8_t q[8];
+            uint64_t packed = 0;
+            for (uint32_t d = 0; d < 8; ++d) {
+                q[d] = map.at(row, col, d);
+                packed |= static_cast<uint64_t>(q[d]) << (8 * d);
+            }
+            auto found = union_of_indices.find(packed);
+            if (found == union_of_indices.end()) {
+                uint32_t scales[8];
+                for (uint32_t d = 0; d < 8; ++d) {
+                    if (q[d] < 1 || q[d] > scale_set.size()) {
+                        throw std::invalid_argument("build_shape_list: scale index out of range");
+                    }
+                    scales[d] = scale_length(scale_set[q[d] - 1]);
+                    if (scales[d] < 1 || scales[d] > h) {
+                        throw std::invalid_argument("build_shape_list: scale outside 1..h");
+                    }
+                }
+                Mask u = sector_union(h, bank, scales);
+                const std::string content(u.begin(), u.end());
+                const auto added = union_of_content.emplace(content, static_cast<uint32_t>(unions.size()));
+                if (added.second) {
+                    union_area.push_back(static_cast<uint32_t>(std::count(u.begin(), u.end(), 1)));
+                    unions.push_back(std::move(u));
+                }
+                found = union_of_indices.emplace(packed, added.first->second).first;
+            }
+            const uint32_t union_index = found->second;
+            key.assign(5, '\0');
+            std::memcpy(&key[0], &union_index, 4);
+            key[4] = packs_by_columns(q) ? 'c' : 'r';
+            const bool near_border = row < reach || col < reach || rows - 1 - row < reach ||
+                                     cols - 1 - col < reach;
+            if (near_border) {
+                const Mask& own = unions[union_index];
+                const BoxWindow window = box_window(h, row, col, rows, cols);
+                bool cut = false;
+                std::string clipped(static_cast<size_t>(w) * w, '\0');
+                for (uint32_t j = 0; j < w; ++j) {
+                    for (uint32_t i = 0; i < w; ++i) {
+                        const bool inside = i >= window.i0 && i <= window.i1 && j >= window.j0 && j <= window.j1;
+                        const uint8_t v = own[i + j * w];
+                        if (v != 0 && !inside) cut = true;
+                        clipped[i + j * w] = static_cast<char>(inside ? v : 0);
+                    }
+                }
+                if (cut) key += clipped;
+            }
+            const auto group = group_of_key.emplace(key, static_cast<uint32_t>(groups.size()));
+            if (group.second) groups.push_back(Group{union_area[union_index], {}});
+            groups[group.first->second].pixels.push_back(
+                static_cast<int32_t>(row + static_cast<size_t>(col) * rows + 1));
+        }
+    }
+
+    std::vector<uint32_t> order(groups.size());
+    for (uint32_t g = 0; g < order.size(); ++g) order[g] = g;
+    std::stable_sort(order.begin(), order.end(),
+                     [&](uint32_t a, uint32_t b) { return groups[a].area < groups[b].area; });
+    ProcessingList list;
+    list.pixels.reserve(static_cast<size_t>(rows) * cols);
+    list.keys.reserve(static_cast<size_t>(rows) * cols);
+    int32_t next_key = 0;
+    for (uint32_t g : order) {
+        ++next_key;
+        for (int32_t pixel : groups[g].pixels) {
+            list.pixels.push_back(pixel);
+            list.keys.push_back(next_key);
+        }
+    }
+    list.key_changes = static_cast<uint32_t>(next_key);
     return list;
 }
 

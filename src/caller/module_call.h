@@ -36,9 +36,11 @@ struct ShapeArguments {
 };
 
 // Builds transforms, masks and list for the given scales (h must be at most
-// 16, so that the box fits the spectrum grid).
+// 16, so that the box fits the spectrum grid); the list by
+// build_shape_list when `group_by_union`, else by build_processing_list.
 ShapeArguments make_shape_arguments(uint32_t h, std::vector<double> scale_set,
-                                    DirectionScaleMap direction_scales);
+                                    DirectionScaleMap direction_scales,
+                                    bool group_by_union = false);
 
 // Square shapes of side 2 * scale - 1 for a rows x cols image: every
 // direction of every pixel at `scale` (1 .. h).

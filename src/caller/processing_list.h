@@ -46,6 +46,16 @@ Mask clip_to_image(const Mask& mask, uint32_t h, uint32_t row, uint32_t col, uin
 ProcessingList build_processing_list(uint32_t h, const std::vector<double>& scale_set,
                                      const DirectionScaleMap& map, const SectorMaskBank& bank);
 
+// The list the denoiser uses: one group, and one key, per distinct union of
+// sectors, packing orientation and effective border clipping (the union cut
+// to the pixel's box; a cut that removes nothing counts as none). Groups
+// come by increasing area of the uncut union, ties in order of their first
+// pixel; pixels within a group in increasing (column-major) order. Interior
+// pixels cost one hash look-up; only pixels within h - 1 of the border have
+// their cut union compared.
+ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set,
+                                const DirectionScaleMap& map, const SectorMaskBank& bank);
+
 }  // namespace swcaller
 
 #endif  // SHAPEWIENER_CALLER_PROCESSING_LIST_H

@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "driver/filter.h"
+#include "mex/gateway.h"
 
 namespace swcaller {
 namespace {
@@ -31,7 +31,7 @@ double seconds_since(std::chrono::steady_clock::time_point start) {
 }  // namespace
 
 ShapeArguments make_shape_arguments(uint32_t h, std::vector<double> scale_set,
-                                    DirectionScaleMap direction_scales) {
+                                    DirectionScaleMap direction_scales, bool group_by_union) {
     if (h < 1 || 2 * h - 1 > kSpectrumGrid) {
         throw std::invalid_argument("the maximum scale must lie in 1..16");
     }
@@ -41,7 +41,9 @@ ShapeArguments make_shape_arguments(uint32_t h, std::vector<double> scale_set,
     s.direction_scales = std::move(direction_scales);
     s.transforms = dct_bank(2 * h - 1);
     s.sector_masks = sector_mask_bank(h);
-    s.list = build_processing_list(h, s.scale_set, s.direction_scales, s.sector_masks);
+    s.list = group_by_union
+                 ? build_shape_list(h, s.scale_set, s.direction_scales, s.sector_masks)
+                 : build_processing_list(h, s.scale_set, s.direction_scales, s.sector_masks);
     return s;
 }
 
@@ -145,7 +147,7 @@ Image ModuleCall::run_general(uint32_t h) {
     restore_images();
     mxArray* plhs[1] = {nullptr};
     try {
-        sw::run_filter<0>(plhs, prhs_.data(), h);
+        sw::mex_run_general(plhs, prhs_.data(), h);
     } catch (...) {
         mx_host::ArrayPtr discard(plhs[0]);
         throw;
