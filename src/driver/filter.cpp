@@ -10,8 +10,10 @@
 #include "estimate/wiener.h"
 #include "shape/gather.h"
 #include "shape/shape.h"
+#include "spectrum/levels_fast.h"
 #include "spectrum/noise_level.h"
 #include "transform/shape_transform.h"
+#include "transform/transform_fast.h"
 
 namespace sw {
 namespace {
@@ -114,13 +116,13 @@ Error run_filter(const FilterCall& call, double* output, const RunOptions& optio
                     pilot_coefficients);
 
         SW_PHASE_MARK(kPhaseForward);
-        forward_transform(box, noisy_gather, pilot_gather, noisy_coefficients,
+        forward_transform_fast(box, noisy_gather, pilot_gather, noisy_coefficients,
                           pilot_coefficients, sc.column_count, sc.row_count,
                           g.max_column_count, table);
 
         if (key_changed) {
             SW_PHASE_MARK(kPhaseNoiseLevel);
-            dc_noise_level = noise_levels(box, spectrum, noisy_coefficients, noisy_gather,
+            dc_noise_level = noise_levels_fast(box, spectrum, noisy_coefficients, noisy_gather,
                                           sc.column_count, sc.row_count, sc.row_cursor,
                                           g.max_column_count, table, sc.shape_mask, by_columns,
                                           g.shape_size, sc.coefficient_noise_level);
@@ -135,7 +137,7 @@ Error run_filter(const FilterCall& call, double* output, const RunOptions& optio
             noisy_gather, pilot_gather);
 
         SW_PHASE_MARK(kPhaseInverse);
-        inverse_transform(box, noisy_coefficients, noisy_gather, sc.column_count, sc.row_count,
+        inverse_transform_fast(box, noisy_coefficients, noisy_gather, sc.column_count, sc.row_count,
                           sc.row_cursor, g.max_column_count, table);
 
         SW_PHASE_MARK(kPhaseAggregate);
