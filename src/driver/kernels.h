@@ -5,8 +5,10 @@
 
 #include <utility>
 
+#include "spectrum/levels_fast.h"
 #include "spectrum/noise_level.h"
 #include "transform/shape_transform.h"
+#include "transform/transform_fast.h"
 
 namespace sw {
 
@@ -25,8 +27,22 @@ struct ReferenceKernels {
     }
 };
 
-// The optimised path's kernels.
-struct FastKernels : ReferenceKernels {};
+// The optimised path's kernels: the same bits in the widest SIMD lanes the
+// processor offers (the reference routines where it offers none).
+struct FastKernels {
+    template <class... A>
+    static void forward(A&&... a) {
+        forward_transform_fast(std::forward<A>(a)...);
+    }
+    template <class... A>
+    static void inverse(A&&... a) {
+        inverse_transform_fast(std::forward<A>(a)...);
+    }
+    template <class... A>
+    static float noise_levels(A&&... a) {
+        return noise_levels_fast(std::forward<A>(a)...);
+    }
+};
 
 }  // namespace sw
 
