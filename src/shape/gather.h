@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "shape/shape.h"
+#include "shapewiener/filter.h"
 
 namespace sw {
 
@@ -50,6 +51,17 @@ inline void dither_window(double* noisy, double* pilot, uint32_t m, uint32_t k, 
             noisy[at] = noisy[at] + static_cast<double>(step) * 3e-17;
             pilot[at] = pilot[at] + static_cast<double>(step + 13) * 3e-17;
         }
+    }
+}
+
+// The dither of a call's M x K images: of their place in the call's frame
+// when it has one, else dither_images.
+inline void dither_call_images(double* noisy, double* pilot, uint32_t m, uint32_t k,
+                               const FilterCall::Frame& frame) {
+    if (frame.rows > 0) {
+        dither_window(noisy, pilot, m, k, frame.row0, frame.col0, frame.rows, frame.cols);
+    } else {
+        dither_images(noisy, pilot, m * k);
     }
 }
 
