@@ -7,6 +7,9 @@ set -euo pipefail
 packages=(cmake g++ make pkg-config libpng-dev libtiff-dev zlib1g-dev libcli11-dev)
 if [ "${1:-}" != "--demo" ]; then
   packages+=(googletest libgtest-dev libgmock-dev octave liboctave-dev clang libclang-rt-dev)
+  # The Python module and its suite (pybind11, pytest, NumPy, Dask, image I/O).
+  packages+=(python3-dev pybind11-dev python3-pybind11 python3-pytest python3-numpy python3-dask
+             python3-distributed python3-skimage python3-imageio)
 fi
 missing=()
 for p in "${packages[@]}"; do

@@ -71,7 +71,7 @@ Error serial_filter(const FilterCall& call, double* output, const RunOptions& op
         std::memset(cs.weight_sum, 0, sizeof(float) * pixel_count);
         std::memset(cs.coverage_count, 0, sizeof(uint16_t) * pixel_count);
     }
-    dither_images(noisy_image, pilot_image, pixel_count);
+    dither_call_images(noisy_image, pilot_image, m, k, call.frame);
 
     const SpectrumContext spectrum{n,           cs.twiddle, sc.spatial_block, sc.row_spectrum,
                                    sc.block_spectrum, call.noise_psd.data, call.noise_level_factor};

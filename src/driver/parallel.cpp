@@ -173,7 +173,7 @@ public:
         std::memset(output_, 0, sizeof(double) * pixel_count_);
         std::memset(cs.weight_sum, 0, sizeof(float) * pixel_count_);
         std::memset(cs.coverage_count, 0, sizeof(uint16_t) * pixel_count_);
-        dither_images(call_.noisy_image, call_.pilot_image, pixel_count_);
+        dither_call_images(call_.noisy_image, call_.pilot_image, m_, k_, call_.frame);
 
         uint64_t planned = 0;
         uint64_t committed = 0;
