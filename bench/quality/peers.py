@@ -63,14 +63,14 @@ def fourier_wiener(noisy, psd, smooth=0.0):
     S_x = max(G_w * (P_y - S_n), 0) with G_w a circular Gaussian smoothing
     of std `smooth` frequency bins (none for 0), H = S_x / (S_x + S_n)
     (1 where both vanish), estimate = IFFT(H FFT(y))."""
-    spec = np.fft.fft2(noisy)
-    diff = np.abs(spec) ** 2 / noisy.size - psd
+    spectrum = np.fft.fft2(noisy)
+    diff = np.abs(spectrum) ** 2 / noisy.size - psd
     if smooth > 0:
         diff = gaussian_filter(diff, smooth, mode="wrap")
     sx = np.maximum(diff, 0.0)
     den = sx + psd
     gain = np.divide(sx, den, out=np.ones_like(den), where=den > 0)
-    return np.fft.ifft2(gain * spec).real
+    return np.fft.ifft2(gain * spectrum).real
 
 
 def whitening(psd, eps):
