@@ -6,6 +6,8 @@ on a logarithmic grid, maximising PSNR; the search and its grids are
 described in README.md and in GRIDS below. Everything is deterministic.
 """
 
+import hashlib
+import json
 import time
 import warnings
 
@@ -16,18 +18,21 @@ from skimage.restoration import denoise_nl_means, denoise_tv_chambolle, denoise_
 
 PEERS = ("wiener", "nlm", "nlm-pw", "wavelet", "tv")
 
-# Bumped whenever a definition or a grid changes: it is part of the cache key.
+# Bumped whenever a peer's definition changes; with the peer's grid it makes
+# the peer's cache key (key()).
 VERSION = 1
 
 # Search over x = start * ratio**k: k = -1, 0, 1 first, then up to `expand`
 # steps outwards while the best is at an end, then (refine) the two
-# half-steps around the best.
+# half-steps around the best. nlm-pw searches eps the same way for each
+# patch size, each eps with its own search over h (no refine), then refines
+# h around the best of all.
 GRIDS = {
     "full": {
-        "wiener": {"smooth": (0, 1, 2, 4, 8, 16)},
+        "wiener": {"smooth": (0, 1, 2, 4, 8, 16, 32)},
         "nlm": {"patches": ((5, 6), (7, 11)), "h": (0.8, 1.5), "expand": 4, "refine": True},
-        "nlm-pw": {"patches": ((5, 6), (7, 11)), "h": (0.8, 1.5), "expand": 4, "refine": True,
-                   "eps": (0.1, 0.3, 1.0)},
+        "nlm-pw": {"patches": ((5, 6), (7, 11)), "h": (0.8, 1.5), "expand": 6, "refine": True,
+                   "eps": (1.0, 3.0), "eps_expand": 2},
         "wavelet": {"choices": (("BayesShrink", "db1"), ("BayesShrink", "sym4"),
                                 ("VisuShrink", "db1"), ("VisuShrink", "sym4")),
                     "sigma": (1.0, 2.0), "expand": 4, "refine": True},
@@ -37,7 +42,7 @@ GRIDS = {
         "wiener": {"smooth": (0, 4)},
         "nlm": {"patches": ((5, 6),), "h": (0.8, 1.5), "expand": 2, "refine": False},
         "nlm-pw": {"patches": ((5, 6),), "h": (0.8, 1.5), "expand": 2, "refine": False,
-                   "eps": (0.3,)},
+                   "eps": (1.0, 3.0), "eps_expand": 0},
         "wavelet": {"choices": (("BayesShrink", "db1"),), "sigma": (1.0, 2.0), "expand": 2,
                     "refine": False},
         "tv": {"weight": (1.0, 2.0), "expand": 3, "refine": False},
@@ -132,8 +137,15 @@ class _Best:
         return p
 
 
+def key(method, grid):
+    """Cache key of a peer: its definition's version and its grid."""
+    text = json.dumps([VERSION, method, grid[method]], sort_keys=True)
+    return hashlib.sha256(text.encode()).hexdigest()[:10]
+
+
 def search_log(evaluate, start, ratio, expand, refine):
-    """Maximises evaluate(x) over x = start * ratio**k (see GRIDS)."""
+    """Maximises evaluate(x) over x = start * ratio**k (see GRIDS); returns
+    the maximum."""
     seen = {}
 
     def f(k2):  # k2 = 2k, so that half-steps stay integers
@@ -155,6 +167,7 @@ def search_log(evaluate, start, ratio, expand, refine):
         best = max(sorted(seen), key=seen.get)
         f(best - 1)
         f(best + 1)
+    return max(seen.values())
 
 
 def tune(method, clean, noisy, psd, grid):
@@ -174,13 +187,17 @@ def tune(method, clean, noisy, psd, grid):
                 return best(params, lambda: nlm_plain(noisy, sigma, h, patch, dist))
             search_log(ev, g["h"][0], g["h"][1], g["expand"], g["refine"])
     elif method == "nlm-pw":
-        # eps is searched with the first patch size; the others take its best.
-        for i, (patch, dist) in enumerate(g["patches"]):
-            for eps in g["eps"] if i == 0 else (best.params["eps"],):
-                def ev(h, patch=patch, dist=dist, eps=eps):
-                    params = {"patch": patch, "dist": dist, "h_mult": h, "eps": eps}
-                    return best(params, lambda: nlm_prewhitened(noisy, psd, eps, h, patch, dist))
-                search_log(ev, g["h"][0], g["h"][1], g["expand"], g["refine"])
+        def ev(eps, h, patch, dist):
+            params = {"patch": patch, "dist": dist, "h_mult": h, "eps": eps}
+            return best(params, lambda: nlm_prewhitened(noisy, psd, eps, h, patch, dist))
+        for patch, dist in g["patches"]:
+            search_log(lambda eps: search_log(lambda h: ev(eps, h, patch, dist), g["h"][0],
+                                              g["h"][1], g["expand"], False),
+                       g["eps"][0], g["eps"][1], g["eps_expand"], False)
+        if g["refine"]:
+            p = dict(best.params)
+            for step in (g["h"][1] ** -0.5, g["h"][1] ** 0.5):
+                ev(p["eps"], p["h_mult"] * step, p["patch"], p["dist"])
     elif method == "wavelet":
         for meth, name in g["choices"]:
             def ev(m, meth=meth, name=name):

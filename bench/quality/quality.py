@@ -65,9 +65,13 @@ def case_dir(cache, image):
     return os.path.join(cache, image)
 
 
-def result_path(cache, case, method):
+def result_path(cache, case, tag):
     image, noise, level = case
-    return os.path.join(case_dir(cache, image), f"{noise}-{level:g}.{method}.json")
+    return os.path.join(case_dir(cache, image), f"{noise}-{level:g}.{tag}.json")
+
+
+def peer_tag(method, grid_name):
+    return f"{method}-{peers.key(method, peers.GRIDS[grid_name])}"
 
 
 def build_case(case, seed):
@@ -90,7 +94,7 @@ def compute_peers(job):
         r.pop("estimate")
         r["tune_seconds"] = time.perf_counter() - t
         r["tune_cpu_seconds"] = time.process_time() - c
-        _write_json(result_path(cache, case, m), r)
+        _write_json(result_path(cache, case, peer_tag(m, grid_name)), r)
         out[m] = r
     return case, out
 
@@ -378,7 +382,7 @@ def main(argv=None):
     for n in noises:
         if n not in cases.NOISES:
             sys.exit(f"unknown noise {n!r}; known: {', '.join(cases.NOISES)}")
-    cache = os.path.join(a.cache, f"v{peers.VERSION}-{grid}-seed{a.seed}")
+    cache = os.path.join(a.cache, f"{grid}-seed{a.seed}")
     results = a.results or (os.path.join(a.cache, "RESULTS-quick.md") if a.quick
                             else os.path.join(HERE, "RESULTS.md"))
     figure = a.figure or (os.path.join(a.cache, "before_after-quick.png") if a.quick
@@ -403,7 +407,8 @@ def main(argv=None):
     # Peers: compute what the cache lacks.
     jobs = []
     for c in all_cases:
-        missing = [m for m in peer_list if _read_json(result_path(cache, c, m)) is None]
+        missing = [m for m in peer_list
+                   if _read_json(result_path(cache, c, peer_tag(m, grid))) is None]
         if missing:
             jobs.append((c, missing, grid, a.seed, cache))
     if jobs:
@@ -431,7 +436,7 @@ def main(argv=None):
                          "seconds": 0.0, "cpu_seconds": 0.0, "params": {},
                          "pixels": noisy.size}}
         for m in peer_list:
-            rec[m] = _read_json(result_path(cache, c, m))
+            rec[m] = _read_json(result_path(cache, c, peer_tag(m, grid)))
             tune_cpu += rec[m]["tune_cpu_seconds"]
             tune_wall += rec[m]["tune_seconds"]
         records[c] = rec
