@@ -3,10 +3,11 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <utility>
 
 #include "caller/coloured_noise.h"
-#include "driver/filter.h"
-#include "png_io.h"
+#include "image_io.h"
+#include "mex/gateway.h"
 
 namespace swbench {
 
@@ -15,7 +16,9 @@ Workload make_workload(const std::string& image_path, uint32_t h) {
     w.image_path = image_path;
     w.sigma = swcaller::kDefaultNoiseSigma;
     w.seed = swcaller::kDefaultNoiseSeed;
-    w.clean = swtools::read_grey_png(image_path);
+    sw::Image clean = swio::read_image(image_path).image;
+    w.clean = swcaller::Image(clean.rows, clean.cols);
+    w.clean.pixels = std::move(clean.pixels);
     const swcaller::NoiseKernel kernel = swcaller::binomial_kernel();
     w.noisy = swcaller::add(
         w.clean, swcaller::coloured_noise(w.clean.rows, w.clean.cols, kernel, w.sigma, w.seed));
@@ -56,7 +59,7 @@ TimedCall time_call(swcaller::ModuleCall& call, swcaller::ModuleCall::Entry entr
     if (entry != nullptr) {
         entry(1, plhs, call.nrhs(), const_cast<const mxArray**>(call.prhs()));
     } else {
-        sw::run_filter<0>(plhs, call.prhs(), general_h);
+        sw::mex_run_general(plhs, call.prhs(), general_h);
     }
     const auto stop = std::chrono::steady_clock::now();
     mx_host::ArrayPtr out(plhs[0]);

@@ -19,23 +19,22 @@ set(SHAPEWIENER_OCTAVE_DIR ${CMAKE_BINARY_DIR}/octave)
 set(SHAPEWIENER_OCTAVE_MEX ${SHAPEWIENER_OCTAVE_DIR}/shapewiener.mex)
 set(SHAPEWIENER_OCTAVE_CXXFLAGS
     "-O2 -std=c++17 -ffp-contract=off -fno-fast-math -Wall -Wextra -Werror")
-set(_sources "")
-foreach(_s ${SHAPEWIENER_CORE_SOURCES})
-  list(APPEND _sources ${PROJECT_SOURCE_DIR}/${_s})
-endforeach()
-
+# The gateway is compiled against Octave's mex.h and linked with the same
+# core library that every other front end links.
 add_custom_command(
   OUTPUT ${SHAPEWIENER_OCTAVE_MEX}
   COMMAND ${CMAKE_COMMAND} -E make_directory ${SHAPEWIENER_OCTAVE_DIR}
   COMMAND ${CMAKE_COMMAND} -E env "CXXFLAGS=${SHAPEWIENER_OCTAVE_CXXFLAGS}"
-          ${SHAPEWIENER_MKOCTFILE} --mex -I${PROJECT_SOURCE_DIR}/src ${_sources}
+          ${SHAPEWIENER_MKOCTFILE} --mex -I${PROJECT_SOURCE_DIR}/include -I${PROJECT_SOURCE_DIR}/src
+          ${PROJECT_SOURCE_DIR}/${SHAPEWIENER_GATEWAY_SOURCE} $<TARGET_FILE:shapewiener_core>
           -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/mex_exports.map
           -o ${SHAPEWIENER_OCTAVE_MEX}
   # The help text sits beside the MEX file: Octave reads a MEX file's help
   # from the .m file of the same name in its folder.
   COMMAND ${CMAKE_COMMAND} -E copy ${PROJECT_SOURCE_DIR}/octave/shapewiener.m
           ${SHAPEWIENER_OCTAVE_DIR}/shapewiener.m
-  DEPENDS ${_sources} ${SHAPEWIENER_CORE_HEADERS} ${PROJECT_SOURCE_DIR}/octave/shapewiener.m
+  DEPENDS ${PROJECT_SOURCE_DIR}/${SHAPEWIENER_GATEWAY_SOURCE} shapewiener_core
+          ${SHAPEWIENER_CORE_HEADERS} ${PROJECT_SOURCE_DIR}/octave/shapewiener.m
           ${PROJECT_SOURCE_DIR}/cmake/mex_exports.map
   WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
   COMMENT "Building the Octave MEX file octave/shapewiener.mex"

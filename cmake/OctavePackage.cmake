@@ -20,6 +20,7 @@ foreach(_s ${SHAPEWIENER_CORE_SOURCES})
   list(APPEND _package_inputs ${PROJECT_SOURCE_DIR}/${_s})
 endforeach()
 list(APPEND _package_inputs ${SHAPEWIENER_CORE_HEADERS}
+     ${PROJECT_SOURCE_DIR}/${SHAPEWIENER_GATEWAY_SOURCE} ${PROJECT_SOURCE_DIR}/src/sources.txt
      ${PROJECT_SOURCE_DIR}/octave/make_package.sh
      ${PROJECT_SOURCE_DIR}/octave/shapewiener.m
      ${PROJECT_SOURCE_DIR}/octave/package/DESCRIPTION.in
@@ -31,7 +32,7 @@ list(APPEND _package_inputs ${SHAPEWIENER_CORE_HEADERS}
 add_custom_command(
   OUTPUT ${SHAPEWIENER_OCTAVE_PACKAGE}
   COMMAND ${SHAPEWIENER_BASH} ${PROJECT_SOURCE_DIR}/octave/make_package.sh
-          ${CMAKE_BINARY_DIR}/octave ${PROJECT_VERSION} ${SHAPEWIENER_CORE_SOURCES}
+          ${CMAKE_BINARY_DIR}/octave ${PROJECT_VERSION}
   DEPENDS ${_package_inputs}
   COMMENT "Building the Octave package octave/shapewiener-${PROJECT_VERSION}.tar.gz"
   VERBATIM)

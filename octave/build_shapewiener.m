@@ -34,21 +34,24 @@ function mexfile = build_shapewiener(outdir)
     end
   end
 
-  names = {'mex/gateway.cpp', 'mex/validate.cpp', 'driver/filter.cpp', ...
-           'driver/workspace.cpp', 'spectrum/fft32.cpp', ...
-           'spectrum/block_spectrum.cpp'};
-  sources = cell(size(names));
-  for i = 1:numel(names)
-    sources{i} = fullfile(srcdir, names{i});
+  % The gateway and the library's sources (the list in src/sources.txt).
+  lines = strsplit(fileread(fullfile(srcdir, 'sources.txt')), {'\r', '\n'});
+  sources = {fullfile(srcdir, 'mex', 'gateway.cpp')};
+  for i = 1:numel(lines)
+    line = strtrim(lines{i});
+    if ~isempty(line) && line(1) ~= '#'
+      sources{end + 1} = fullfile(root, line);
+    end
   end
   % The filter's own headers are included as "mex/...", "driver/..." from
-  % src/; src/mx (a standalone mex.h for builds without a host) must stay
-  % off the include path so that the host's mex.h is used.
-  include = ['-I' srcdir];
+  % src/ and as "shapewiener/..." from include/; src/mx (a standalone mex.h
+  % for builds without a host) must stay off the include path so that the
+  % host's mex.h is used.
+  include = {['-I' srcdir], ['-I' fullfile(root, 'include')]};
 
   if exist('OCTAVE_VERSION', 'builtin')
     mexfile = fullfile(outdir, 'shapewiener.mex');
-    args = [{'--mex', include}, sources];
+    args = [{'--mex'}, include, sources];
     map = fullfile(root, 'cmake', 'mex_exports.map');
     if isunix() && ~ismac() && exist(map, 'file')
       % Export nothing but the gateway.
@@ -69,7 +72,7 @@ function mexfile = build_shapewiener(outdir)
             'build_shapewiener: mkoctfile failed:\n%s', output);
     end
   else
-    args = {'-R2017b', include};
+    args = [{'-R2017b'}, include];
     if ispc()
       % MSVC reads COMPFLAGS, MinGW CXXFLAGS; each ignores the other.
       args = [args, {'COMPFLAGS=$COMPFLAGS /std:c++17 /fp:precise', ...
@@ -80,7 +83,8 @@ function mexfile = build_shapewiener(outdir)
     if isunix() && ~ismac()
       args{end + 1} = 'LDFLAGS=$LDFLAGS -static-libstdc++ -static-libgcc';
     end
-    args = [args, sources, {'-outdir', outdir, '-output', 'shapewiener'}];
+    % libut answers whether the user pressed Ctrl-C.
+    args = [args, sources, {'-lut', '-outdir', outdir, '-output', 'shapewiener'}];
     mex(args{:});
     mexfile = fullfile(outdir, ['shapewiener.' mexext()]);
   end

@@ -1,12 +1,11 @@
 #!/usr/bin/env bash
 # Builds the Octave package shapewiener-<version>.tar.gz.
 #
-# Usage: make_package.sh <outdir> [<version> [<source>...]]
+# Usage: make_package.sh <outdir> [<version>]
 #   <outdir>   folder that receives the tarball (created if needed)
 #   <version>  package version; default: the VERSION of project() in the
 #              top-level CMakeLists.txt
-#   <source>   filter sources, relative to the repository root; default: the
-#              six sources of the filter core
+# The sources are the library's (src/sources.txt) and the MEX gateway.
 #
 # Install and use in Octave:
 #   pkg install <outdir>/shapewiener-<version>.tar.gz
@@ -20,7 +19,7 @@
 set -euo pipefail
 
 if [ $# -lt 1 ]; then
-  echo "usage: $0 <outdir> [<version> [<source>...]]" >&2
+  echo "usage: $0 <outdir> [<version>]" >&2
   exit 2
 fi
 here=$(cd "$(dirname "$0")" && pwd)
@@ -38,12 +37,10 @@ if ! [[ $version =~ ^[0-9]+(\.[0-9]+)*$ ]]; then
   echo "$0: no usable version ('$version'); pass it as the second argument" >&2
   exit 2
 fi
-if [ $# -ge 1 ]; then
-  sources=("$@")
-else
-  sources=(src/mex/gateway.cpp src/mex/validate.cpp src/driver/filter.cpp
-           src/driver/workspace.cpp src/spectrum/fft32.cpp src/spectrum/block_spectrum.cpp)
-fi
+sources=(src/mex/gateway.cpp)
+while read -r s; do
+  case $s in ''|'#'*) ;; *) sources+=("$s") ;; esac
+done < "$root/src/sources.txt"
 
 epoch=${SOURCE_DATE_EPOCH:-$(date +%s)}
 date=$(date -u -d "@$epoch" +%Y-%m-%d)
@@ -79,6 +76,9 @@ done
   mkdir -p "$pkg/$(dirname "$h")"
   cp "$root/$h" "$pkg/$h"
 done
+# The public headers go to src/include/shapewiener/.
+mkdir -p "$pkg/src/include"
+cp -r "$root/include/shapewiener" "$pkg/src/include/"
 cp "$root/cmake/mex_exports.map" "$pkg/src/mex_exports.map"
 sed -e "s|@SOURCES@|${package_sources[*]}|" "$here/package/Makefile" > "$pkg/src/Makefile"
 

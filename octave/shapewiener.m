@@ -27,7 +27,7 @@ function varargout = shapewiener(varargin)
 %
 %    1 ScaleSet       double vector, L elements. The scale lengths; each
 %                     element that DirectionScaleMap selects must round
-%                     (halves up) to an integer in 1..H.
+%                     to an integer in 1..H (see Rounding below).
 %    2 DirectionScaleMap
 %                     uint8, M x K x 8. For each pixel and each of the
 %                     eight directions (planes 1..8), a 1-based index into
@@ -61,18 +61,23 @@ function varargout = shapewiener(varargin)
 %   11 NoiseLevelFactor
 %                     double scalar; multiplies every noise level.
 %   12                ignored; any value (pass []).
-%   13 H              double scalar. The largest scale, rounded (halves
-%                     up) to an integer >= 1.
+%   13 H              double scalar. The largest scale, rounded to an
+%                     integer >= 1.
 %   14 PilotImage     real double, M x K. A pilot estimate of the clean
 %                     image, used for the Wiener factors.
 %   15 WienerVarianceFactor
 %                     double scalar; multiplies the noise variance in the
 %                     Wiener factors.
 %   16 CoverageThreshold
-%                     double scalar, rounded (halves up). A row whose
+%                     double scalar, rounded. A row whose
 %                     pixel has already been covered by more than this
 %                     many shapes is skipped; Inf, NaN or a value of 65535
 %                     or more never skips.
+%
+%   Rounding: N, H, CoverageThreshold and the ScaleSet elements are
+%   rounded as x + 0.5 truncated toward zero, computed in double: 2.5
+%   gives 3 and 3.49 gives 3, but 0.49999999999999994 gives 1 (the sum
+%   rounds up to exactly 1); every x <= -0.5 gives 0 and NaN gives 2^31.
 %
 %   Scalars are read from their first element. NoiseLevelFactor,
 %   WienerVarianceFactor and CoverageThreshold may be any real value,
@@ -92,8 +97,12 @@ function varargout = shapewiener(varargin)
 %   mod(M*K - q, 256) * 3e-17 added in NoisyImage and
 %   (mod(M*K - q, 256) + 13) * 3e-17 in PilotImage. The change is visible
 %   afterwards in every variable that shares the data of those arrays, and
-%   a second call on the same arrays dithers them again. Pass copies that
-%   share nothing (for example NoisyImage + 0) if you need the originals.
+%   a second call on the same arrays dithers them again. That includes a
+%   numeric literal in the caller's own function code that the argument
+%   shares its data with: passing a constant written in a function, such
+%   as z = [0.5 0.5; 0.5 0.5], can change that constant for the function's
+%   later runs. Pass copies that share nothing (for example
+%   NoisyImage + 0) if you need the originals.
 %   If NoisyImage and PilotImage share their data, both amounts go into
 %   the one array. (In Octave a range such as 0:0.1:1 stores no elements;
 %   it is converted for the call and keeps its values.)
@@ -109,7 +118,9 @@ function varargout = shapewiener(varargin)
 %   working memory of the call would exceed 4 GiB. The reasons are:
 %   tooFew, tooMany, notDouble, notUint8, notInt32, complex, sparse, size,
 %   empty, notFinite, outOfRange, tooSmall, odd, notVector, tooLarge,
-%   notCell, tooFewCells, cellCount, emptyCell, pixelOutOfRange,
+%   notCell, tooFewCells, cellCount, emptyCell (an unset cell: MATLAB
+%   leaves the cells of cell(n) unset, while Octave fills them with [],
+%   which is reported as notDouble, notUint8 or size), pixelOutOfRange,
 %   indexOutOfRange (a DirectionScaleMap byte outside 1..L) and
 %   scaleOutOfRange (a selected scale outside 1..H).
 %
@@ -129,7 +140,15 @@ function varargout = shapewiener(varargin)
 %     for d = 1:8, for b = 1:H, for a = 1:H
 %       masks{a, b, d} = uint8(max(di, dj) <= min(a, b) - 1);
 %     end, end, end
-%     list = int32([(1:M*K)', (1:M*K)']);   % every pixel, own key
+%     % One key per shape: all squares are alike except where the image
+%     % border cuts them, so the pixels are grouped by how it cuts their
+%     % box. (A key per pixel would recompute the noise levels at every
+%     % pixel and make the call about a hundred times slower.)
+%     [r, c] = ndgrid(1:M, 1:K);
+%     cut = [min(r(:), H), min(M - r(:) + 1, H), min(c(:), H), min(K - c(:) + 1, H)];
+%     [~, ~, key] = unique(cut, 'rows');
+%     [key, order] = sort(key);
+%     list = int32([order, key]);
 %     out = shapewiener(H, ones(M, K, 8, 'uint8'), bank, masks, [], [], ...
 %                       N, sigma^2 * ones(N), noisy + 0, list, 1, [], H, ...
 %                       noisy + 0, 1, Inf);

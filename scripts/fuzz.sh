@@ -34,6 +34,6 @@ if ! { CXX=$cxx cmake -S "$root" -B "$build" -DSHAPEWIENER_SANITIZE=ON \
 fi
 
 mkdir -p "$build/fuzz-corpus" "$build/fuzz-artifacts"
-exec "$build/fuzz/fuzz_gateway" -max_total_time="$seconds" -max_len=256 -len_control=0 -timeout=20 \
+exec "$build/fuzz/fuzz_gateway" -max_total_time="$seconds" -max_len=64 -len_control=0 -timeout=20 \
   -rss_limit_mb=4096 -print_final_stats=1 -artifact_prefix="$build/fuzz-artifacts/" "$@" \
   "$build/fuzz-corpus"

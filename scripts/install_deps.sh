@@ -2,10 +2,10 @@
 # Installs what building and testing need, from Debian's packages. Packages
 # already present are left alone; nothing is installed when all are there.
 #   scripts/install_deps.sh          everything: build, tests, Octave, fuzzing
-#   scripts/install_deps.sh --demo   only what the demo program needs
+#   scripts/install_deps.sh --demo   only what the command line and the demo need
 #   scripts/install_deps.sh --bench  only the Python packages of bench/quality
 set -euo pipefail
-packages=(cmake g++ make pkg-config libpng-dev)
+packages=(cmake g++ make pkg-config libpng-dev libtiff-dev zlib1g-dev libcli11-dev)
 if [ "${1:-}" = "--bench" ]; then
   packages=(python3-numpy python3-scipy python3-skimage python3-pil python3-pytest)
 elif [ "${1:-}" != "--demo" ]; then

@@ -75,8 +75,16 @@ private:
     Error error_;
 };
 
-// Denoises `image` (any size of at least 1 x 1, NaN-free, any value range).
-// Returns the estimate: same size, double, not clipped. Throws DenoiseError.
+// Denoises `image` (any size of at least 1 x 1, NaN/Inf-free, any value
+// range). Returns the estimate: same size, double, not clipped. The image's
+// [min, max] is mapped affinely onto [0.1, 0.9] for the filter (the noise
+// with it) and the estimate mapped back, so denoising a*x + b with the noise
+// scaled by a gives a*y + b up to rounding. Progress phases: "noise",
+// "shapes", "pass 1", "pass 2", "done". Same inputs, same bits, whatever
+// options.threads. Throws DenoiseError: "shapewiener:image:<reason>" (empty,
+// size, notFinite, tooLarge), "shapewiener:noise:<reason>" (sigma,
+// kernelSize, psdSize, negative, notFinite, allZero),
+// "shapewiener:options:preset", "shapewiener:denoise:interrupted".
 Image denoise(const Image& image, const NoiseModel& noise,
               const DenoiseOptions& options = DenoiseOptions(),
               const Progress& progress = Progress(), DenoiseReport* report = nullptr);

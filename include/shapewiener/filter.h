@@ -65,7 +65,7 @@ struct Dims {
         return d;
     }
     uint64_t rows() const { return size[0]; }
-    // All dimensions after the first, multiplied (what MATLAB's mxGetN gives).
+    // All dimensions after the first, multiplied (MATLAB's column count).
     uint64_t cols() const {
         uint64_t c = 1;
         for (int i = 1; i < count; ++i) c *= size[i];
@@ -137,6 +137,7 @@ enum class ErrorCode : int {
     kNone = 0,
     kSize,             // wrong dimensions
     kNotVector,        // ScaleSet is not a vector
+    kNotFinite,        // H or N infinite or NaN
     kOutOfRange,       // H rounds below 1
     kTooSmall,         // N below the box side W
     kOdd,              // N odd
@@ -148,6 +149,17 @@ enum class ErrorCode : int {
     kTooLarge,         // working memory over 4 GiB, or over 2^31 - 1 pixels
     kOutOfMemory,      // the working memory could not be allocated
     kInterrupted,      // stopped by the progress callback
+    // What only a host with dynamically typed arrays can get wrong:
+    kTooFew,           // fewer than sixteen arguments
+    kTooMany,          // more than one output
+    kNotDouble,        // wrong class ...
+    kNotUint8,
+    kNotInt32,
+    kNotCell,
+    kComplex,          // complex array
+    kSparse,           // sparse array
+    kEmpty,            // empty scalar
+    kEmptyCell,        // an unset cell
     kInvalid,          // any other rejected input (front ends' own checks)
 };
 
@@ -177,7 +189,7 @@ inline uint32_t round_to_unsigned(double x) {
 }
 
 // The maximum scales with a size-specialised instantiation of the filter.
-constexpr uint32_t kSpecialisedScales[] = {4, 5, 6, 7, 8, 9, 10, 11};
+inline constexpr uint32_t kSpecialisedScales[] = {4, 5, 6, 7, 8, 9, 10, 11};
 
 // Checks a call against the argument contract: dimensions, value ranges,
 // processing-list pixels, the scales the DirectionScaleMap selects, and the

@@ -1,29 +1,25 @@
-// The filter of one gateway call, defined once for every box size.
+// The filter of one call, defined once for every box size.
 #ifndef SHAPEWIENER_DRIVER_FILTER_H
 #define SHAPEWIENER_DRIVER_FILTER_H
 
 #include <cstdint>
 
-#include "mex.h"
+#include "shapewiener/filter.h"
 
 namespace sw {
 
-// Runs the whole filter for one call: reads the arguments (all but the
-// maximum scale, which is HC, or h when HC == 0), allocates the workspace,
-// creates plhs[0], dithers the two images in place, walks the processing
-// list and normalises the output. The arguments must already be validated.
-template <uint32_t HC>
-void run_filter(mxArray** plhs, const mxArray* const* prhs, uint32_t h);
+// One filter definition: HC is the maximum scale fixed at build time (the
+// size-specialised instantiations) or 0 for the general path, which takes
+// the run-time value h.
+using FilterEntry = Error (*)(const FilterCall& call, double* output, const RunOptions& options,
+                              uint32_t h);
 
-extern template void run_filter<0>(mxArray**, const mxArray* const*, uint32_t);
-extern template void run_filter<4>(mxArray**, const mxArray* const*, uint32_t);
-extern template void run_filter<5>(mxArray**, const mxArray* const*, uint32_t);
-extern template void run_filter<6>(mxArray**, const mxArray* const*, uint32_t);
-extern template void run_filter<7>(mxArray**, const mxArray* const*, uint32_t);
-extern template void run_filter<8>(mxArray**, const mxArray* const*, uint32_t);
-extern template void run_filter<9>(mxArray**, const mxArray* const*, uint32_t);
-extern template void run_filter<10>(mxArray**, const mxArray* const*, uint32_t);
-extern template void run_filter<11>(mxArray**, const mxArray* const*, uint32_t);
+// The instantiation that serves maximum scale h: the size-specialised one
+// for h in kSpecialisedScales, the general path otherwise.
+FilterEntry filter_entry(uint32_t h);
+
+// The general path, whatever h is (for checks that compare the two).
+Error run_general(const FilterCall& call, double* output, const RunOptions& options, uint32_t h);
 
 }  // namespace sw
 

@@ -1,28 +1,32 @@
-// The size-specialised entry points behind the gateway. Internal to the
-// module: only mexFunction is exported.
+// The MEX gateway: a thin adapter from the host's sixteen arrays to the
+// filter call of include/shapewiener/filter.h. Only mexFunction is exported.
 #ifndef SHAPEWIENER_MEX_GATEWAY_H
 #define SHAPEWIENER_MEX_GATEWAY_H
 
 #include <cstdint>
 
 #include "mex.h"
+#include "shapewiener/filter.h"
 
 namespace sw {
 
-void mexFunction_h4(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]);
-void mexFunction_h5(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]);
-void mexFunction_h6(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]);
-void mexFunction_h7(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]);
-void mexFunction_h8(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]);
-void mexFunction_h9(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]);
-void mexFunction_h10(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]);
-void mexFunction_h11(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]);
-
 using MexEntry = void (*)(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]);
 
-// The variant that serves maximum scale h (4..11), or null when the general
-// path does.
+// The size-specialised entry for maximum scale H (one of kSpecialisedScales):
+// runs an already validated call with the instantiation for H.
+template <uint32_t H>
+void mexFunction_h(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]);
+
+// The entry that serves maximum scale h, or null when the general path does.
 MexEntry variant_for(uint32_t h);
+
+// The gateway's validation of a call: the host's classes and cells, then
+// the library's contract check. Raises nothing.
+Error mex_check(int nlhs, int nrhs, const mxArray* const* prhs);
+
+// Runs an already validated call on the general path with maximum scale h,
+// whatever h is: for checks that compare it with the variants.
+void mex_run_general(mxArray* plhs[], const mxArray* const* prhs, uint32_t h);
 
 }  // namespace sw
 

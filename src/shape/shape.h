@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "mex.h"
+#include "shapewiener/filter.h"
 
 namespace sw {
 
@@ -59,12 +59,11 @@ inline uint32_t sector_cell_index(uint32_t d, const uint32_t direction_scale[8],
 }
 
 // Data pointers of the eight sector masks for the current scales.
-inline void fetch_sector_masks(const mxArray* sector_mask_bank,
+inline void fetch_sector_masks(const ArrayView<uint8_t>* sector_mask_bank,
                                const uint32_t direction_scale[8], uint32_t h,
                                const uint8_t* masks[8]) {
     for (uint32_t d = 0; d < 8; ++d) {
-        const mxArray* cell = mxGetCell(sector_mask_bank, sector_cell_index(d, direction_scale, h));
-        masks[d] = static_cast<const uint8_t*>(mxGetData(cell));
+        masks[d] = sector_mask_bank[sector_cell_index(d, direction_scale, h)].data;
     }
 }
 

@@ -1,0 +1,262 @@
+#include "caller/processing_list.h"
+
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <unordered_map>
+
+namespace swcaller {
+namespace {
+
+// The part of the W x W box around (row, col) that lies inside the image:
+// box rows i0..i1 and columns j0..j1, inclusive.
+struct BoxWindow {
+    uint32_t i0, i1, j0, j1;
+};
+
+BoxWindow box_window(uint32_t h, uint32_t row, uint32_t col, uint32_t rows, uint32_t cols) {
+    const uint32_t reach = h - 1;
+    BoxWindow b;
+    b.i0 = row >= reach ? 0 : reach - row;
+    b.j0 = col >= reach ? 0 : reach - col;
+    b.i1 = reach + (rows - 1 - row < reach ? rows - 1 - row : reach);
+    b.j1 = reach + (cols - 1 - col < reach ? cols - 1 - col : reach);
+    return b;
+}
+
+// Whether masks a and b agree at every position of the window.
+bool agree_inside(const Mask& a, const Mask& b, uint32_t w, const BoxWindow& window) {
+    for (uint32_t j = window.j0; j <= window.j1; ++j) {
+        for (uint32_t i = window.i0; i <= window.i1; ++i) {
+            if ((a[i + j * w] != 0) != (b[i + j * w] != 0)) return false;
+        }
+    }
+    return true;
+}
+
+// One run of consecutive entries with one key: the union of sectors of its
+// first pixel (an index into the table of distinct unions) and its pixels.
+struct Run {
+    uint32_t union_index;
+    std::vector<int32_t> pixels;
+};
+
+}  // namespace
+
+Mask sector_union(uint32_t h, const SectorMaskBank& bank, const uint32_t scales[8]) {
+    const uint32_t w = 2 * h - 1;
+    Mask shape(static_cast<size_t>(w) * w, 0);
+    for (uint32_t d = 0; d < 8; ++d) {
+        const uint32_t a = scales[sector_first_plane(d)];
+        const uint32_t b = scales[sector_second_plane(d)];
+        const Mask& sector = bank.at(sector_cell_index(h, d, a, b));
+        for (size_t t = 0; t < shape.size(); ++t) shape[t] = shape[t] | sector[t];
+    }
+    return shape;
+}
+
+Mask clip_to_image(const Mask& mask, uint32_t h, uint32_t row, uint32_t col, uint32_t rows,
+                   uint32_t cols) {
+    const uint32_t w = 2 * h - 1;
+    const BoxWindow window = box_window(h, row, col, rows, cols);
+    Mask clipped(mask.size(), 0);
+    for (uint32_t j = window.j0; j <= window.j1; ++j) {
+        for (uint32_t i = window.i0; i <= window.i1; ++i) clipped[i + j * w] = mask[i + j * w];
+    }
+    return clipped;
+}
+
+ProcessingList build_processing_list(uint32_t h, const std::vector<double>& scale_set,
+                                     const DirectionScaleMap& map, const SectorMaskBank& bank) {
+    const uint32_t w = 2 * h - 1;
+    const uint32_t rows = map.rows;
+    const uint32_t cols = map.cols;
+    if (bank.size() != static_cast<size_t>(8) * h * h) {
+        throw std::invalid_argument("build_processing_list: the bank does not match h");
+    }
+
+    // Distinct unions of sectors, one per distinct set of eight raw indices.
+    std::vector<Mask> unions;
+    std::unordered_map<uint64_t, uint32_t> union_of_indices;
+
+    // Shape groups by signature (clipped union and orientation), each a list
+    // of runs, in order of their first pixel.
+    std::unordered_map<std::string, uint32_t> group_of_signature;
+    std::vector<std::vector<Run>> groups;
+
+    std::string signature(static_cast<size_t>(w) * w + 1, '\0');
+    for (uint32_t col = 0; col < cols; ++col) {
+        for (uint32_t row = 0; row < rows; ++row) {
+            uint8_t q[8];
+            uint64_t packed = 0;
+            for (uint32_t d = 0; d < 8; ++d) {
+                q[d] = map.at(row, col, d);
+                packed |= static_cast<uint64_t>(q[d]) << (8 * d);
+            }
+            auto found = union_of_indices.find(packed);
+            if (found == union_of_indices.end()) {
+                uint32_t scales[8];
+                for (uint32_t d = 0; d < 8; ++d) {
+                    if (q[d] < 1 || q[d] > scale_set.size()) {
+                        throw std::invalid_argument("build_processing_list: scale index out of range");
+                    }
+                    scales[d] = scale_length(scale_set[q[d] - 1]);
+                    if (scales[d] < 1 || scales[d] > h) {
+                        throw std::invalid_argument("build_processing_list: scale outside 1..h");
+                    }
+                }
+                found = union_of_indices.emplace(packed, static_cast<uint32_t>(unions.size())).first;
+                unions.push_back(sector_union(h, bank, scales));
+            }
+            const uint32_t union_index = found->second;
+            const Mask& own = unions[union_index];
+
+            const BoxWindow window = box_window(h, row, col, rows, cols);
+            for (uint32_t t = 0; t < w * w; ++t) {
+                const uint32_t i = t % w;
+                const uint32_t j = t / w;
+                const bool inside = i >= window.i0 && i <= window.i1 && j >= window.j0 && j <= window.j1;
+                signature[t] = (inside && own[t] != 0) ? '1' : '0';
+            }
+            signature[static_cast<size_t>(w) * w] = packs_by_columns(q) ? 'c' : 'r';
+
+            const auto group = group_of_signature.emplace(signature, static_cast<uint32_t>(groups.size()));
+            if (group.second) groups.emplace_back();
+            std::vector<Run>& runs = groups[group.first->second];
+
+            const int32_t pixel = static_cast<int32_t>(row + static_cast<size_t>(col) * rows + 1);
+            Run* target = nullptr;
+            for (Run& run : runs) {
+                if (run.union_index == union_index ||
+                    agree_inside(unions[run.union_index], own, w, window)) {
+                    target = &run;
+                    break;
+                }
+            }
+            if (target == nullptr) {
+                runs.push_back(Run{union_index, {}});
+                target = &runs.back();
+            }
+            target->pixels.push_back(pixel);
+        }
+    }
+
+    ProcessingList list;
+    list.pixels.reserve(static_cast<size_t>(rows) * cols);
+    list.keys.reserve(static_cast<size_t>(rows) * cols);
+    int32_t key = 0;
+    for (const std::vector<Run>& runs : groups) {
+        for (const Run& run : runs) {
+            ++key;
+            for (int32_t pixel : run.pixels) {
+                list.pixels.push_back(pixel);
+                list.keys.push_back(key);
+            }
+        }
+    }
+    list.key_changes = static_cast<uint32_t>(key);
+    return list;
+}
+
+ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set,
+                                const DirectionScaleMap& map, const SectorMaskBank& bank) {
+    const uint32_t w = 2 * h - 1;
+    const uint32_t rows = map.rows;
+    const uint32_t cols = map.cols;
+    if (bank.size() != static_cast<size_t>(8) * h * h) {
+        throw std::invalid_argument("build_shape_list: the bank does not match h");
+    }
+    // Distinct unions by content, and the union of each set of raw indices.
+    std::vector<Mask> unions;
+    std::vector<uint32_t> union_area;
+    std::unordered_map<std::string, uint32_t> union_of_content;
+    std::unordered_map<uint64_t, uint32_t> union_of_indices;
+
+    struct Group {
+        uint32_t area;
+        std::vector<int32_t> pixels;
+    };
+    std::vector<Group> groups;
+    std::unordered_map<std::string, uint32_t> group_of_key;
+    // Key: the union's number (4 bytes), the orientation, then the cut union
+    // when the cut removes something.
+    std::string key;
+    const uint32_t reach = h - 1;
+    for (uint32_t col = 0; col < cols; ++col) {
+        for (uint32_t row = 0; row < rows; ++row) {
+            uint8_t q[8];
+            uint64_t packed = 0;
+            for (uint32_t d = 0; d < 8; ++d) {
+                q[d] = map.at(row, col, d);
+                packed |= static_cast<uint64_t>(q[d]) << (8 * d);
+            }
+            auto found = union_of_indices.find(packed);
+            if (found == union_of_indices.end()) {
+                uint32_t scales[8];
+                for (uint32_t d = 0; d < 8; ++d) {
+                    if (q[d] < 1 || q[d] > scale_set.size()) {
+                        throw std::invalid_argument("build_shape_list: scale index out of range");
+                    }
+                    scales[d] = scale_length(scale_set[q[d] - 1]);
+                    if (scales[d] < 1 || scales[d] > h) {
+                        throw std::invalid_argument("build_shape_list: scale outside 1..h");
+                    }
+                }
+                Mask u = sector_union(h, bank, scales);
+                const std::string content(u.begin(), u.end());
+                const auto added = union_of_content.emplace(content, static_cast<uint32_t>(unions.size()));
+                if (added.second) {
+                    union_area.push_back(static_cast<uint32_t>(std::count(u.begin(), u.end(), 1)));
+                    unions.push_back(std::move(u));
+                }
+                found = union_of_indices.emplace(packed, added.first->second).first;
+            }
+            const uint32_t union_index = found->second;
+            key.assign(5, '\0');
+            std::memcpy(&key[0], &union_index, 4);
+            key[4] = packs_by_columns(q) ? 'c' : 'r';
+            const bool near_border = row < reach || col < reach || rows - 1 - row < reach ||
+                                     cols - 1 - col < reach;
+            if (near_border) {
+                const Mask& own = unions[union_index];
+                const BoxWindow window = box_window(h, row, col, rows, cols);
+                bool cut = false;
+                std::string clipped(static_cast<size_t>(w) * w, '\0');
+                for (uint32_t j = 0; j < w; ++j) {
+                    for (uint32_t i = 0; i < w; ++i) {
+                        const bool inside = i >= window.i0 && i <= window.i1 && j >= window.j0 && j <= window.j1;
+                        const uint8_t v = own[i + j * w];
+                        if (v != 0 && !inside) cut = true;
+                        clipped[i + j * w] = static_cast<char>(inside ? v : 0);
+                    }
+                }
+                if (cut) key += clipped;
+            }
+            const auto group = group_of_key.emplace(key, static_cast<uint32_t>(groups.size()));
+            if (group.second) groups.push_back(Group{union_area[union_index], {}});
+            groups[group.first->second].pixels.push_back(
+                static_cast<int32_t>(row + static_cast<size_t>(col) * rows + 1));
+        }
+    }
+
+    std::vector<uint32_t> order(groups.size());
+    for (uint32_t g = 0; g < order.size(); ++g) order[g] = g;
+    std::stable_sort(order.begin(), order.end(),
+                     [&](uint32_t a, uint32_t b) { return groups[a].area < groups[b].area; });
+    ProcessingList list;
+    list.pixels.reserve(static_cast<size_t>(rows) * cols);
+    list.keys.reserve(static_cast<size_t>(rows) * cols);
+    int32_t next_key = 0;
+    for (uint32_t g : order) {
+        ++next_key;
+        for (int32_t pixel : groups[g].pixels) {
+            list.pixels.push_back(pixel);
+            list.keys.push_back(next_key);
+        }
+    }
+    list.key_changes = static_cast<uint32_t>(next_key);
+    return list;
+}
+
+}  // namespace swcaller

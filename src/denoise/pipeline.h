@@ -1,0 +1,66 @@
+// The denoiser's stages and the settings that drive them. sw::denoise maps
+// a preset name onto Settings and runs run_pipeline; benchmarks and tests
+// use the stages directly.
+#ifndef SHAPEWIENER_DENOISE_PIPELINE_H
+#define SHAPEWIENER_DENOISE_PIPELINE_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "caller/module_call.h"
+#include "denoise/noise.h"
+#include "denoise/scales.h"
+#include "shapewiener/denoise.h"
+
+namespace swdenoise {
+
+struct Settings {
+    // Shapes: per-pixel scales by `rule` (adaptive) or squares of side
+    // 2 * square_scale - 1 everywhere.
+    bool adaptive = true;
+    ScaleRule rule;
+    uint32_t square_scale = 4;
+    // Passes (1 or 2) and their WienerVarianceFactors, for coloured noise and
+    // for white noise (every lag but 0 of the autocovariance is 0).
+    int passes = 2;
+    double first_factor = 6.0;
+    double second_factor = 2.0;
+    double first_factor_white = 9.0;
+    double second_factor_white = 1.5;
+    // Map the image affinely onto [0, 1] before filtering (see denoise.h);
+    // off: filter the values as they are.
+    bool normalise_range = true;
+    // NoisePsd: the block spectrum with the window's lag weights (true) or
+    // the plain folded autocovariance (see block_psd).
+    bool weighted_psd = false;
+};
+
+// The settings of a preset: "fast", "default" or "best". Throws DenoiseError
+// ("shapewiener:options:preset") for any other name.
+Settings preset_settings(const std::string& name);
+
+// The shapes of one image: scales, masks, transforms and processing list.
+// When `rows_only` every shape is packed by rows (ScaleSet holds the lengths
+// twice and planes 0 and 4 index the second copy, so q0 + q4 > q2 + q6).
+swcaller::ShapeArguments adaptive_shapes(const double* image, uint32_t rows, uint32_t cols,
+                                         const Autocovariance& r, const ScaleRule& rule,
+                                         bool rows_only);
+
+// The affine map onto the filter's working range: working = (x - offset) /
+// scale takes the image's [min, max] onto [0.1, 0.9] (a constant image onto
+// 0.1 with scale 1); without `normalise` the identity.
+struct RangeMap {
+    double offset = 0.0;
+    double scale = 1.0;
+};
+RangeMap working_range(const sw::Image& image, bool normalise);
+
+// Runs the whole denoiser; see sw::denoise.
+sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
+                       const Settings& settings, unsigned threads, const sw::Progress& progress,
+                       sw::DenoiseReport* report);
+
+}  // namespace swdenoise
+
+#endif  // SHAPEWIENER_DENOISE_PIPELINE_H

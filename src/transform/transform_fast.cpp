@@ -1,0 +1,328 @@
+#include "transform/transform_fast.h"
+
+#include <cstddef>
+#include <cstring>
+
+#include "simd/thread_buffer.h"
+#include "transform/transform_kernels.h"
+
+namespace sw {
+namespace {
+
+struct Kernels {
+    LinesFunction run_lines;
+    WidenFunction widen;
+};
+
+Kernels kernels_for(simd::Level level) {
+    switch (level) {
+#if SHAPEWIENER_X86_SIMD
+        case simd::Level::sse2: return {transform_sse2::run_lines, transform_sse2::widen};
+        case simd::Level::avx2: return {transform_avx2::run_lines, transform_avx2::widen};
+        case simd::Level::avx512: return {transform_avx512::run_lines, transform_avx512::widen};
+#endif
+        default: return {transform_scalar::run_lines, transform_scalar::widen};
+    }
+}
+
+// Lines of one stage, run together; lines longer than the kernels take go
+// through the reference's product at once. A second input with the bits of
+// the first (the pilot image is often the noisy image itself) is not
+// computed again: its outputs are copies.
+class Stage {
+public:
+    Stage(ProductLine* lines, ProductLine* copies, LinesFunction run)
+        : lines_(lines), copies_(copies), run_(run) {}
+
+    // x and y: the inputs as floats; xd and yd: the same widened.
+    void add(const double* m, uint32_t len, const float* x, const double* xd, float* out,
+             const float* y = nullptr, const double* yd = nullptr, float* yo = nullptr) {
+        if (y != nullptr && std::memcmp(x, y, sizeof(float) * len) == 0) {
+            copies_[copy_count_++] = {m, nullptr, yo, nullptr, out, len};
+            y = nullptr;
+            yd = nullptr;
+        }
+        if (len <= kMaxProductLine) {
+            lines_[count_++] = {m, xd, out, yd, yo, len};
+            return;
+        }
+        for (uint32_t i = 0; i < len; ++i) out[i] = apply_row(x, m, len, i);
+        if (y != nullptr) {
+            for (uint32_t i = 0; i < len; ++i) yo[i] = apply_row(y, m, len, i);
+        }
+    }
+    void run() {
+        run_(lines_, count_);
+        for (uint32_t i = 0; i < copy_count_; ++i) {
+            std::memcpy(copies_[i].out, copies_[i].yo, sizeof(float) * copies_[i].len);
+        }
+        count_ = 0;
+        copy_count_ = 0;
+    }
+
+private:
+    ProductLine* lines_;
+    ProductLine* copies_;  // yo: the computed outputs, out: where they are copied
+    LinesFunction run_;
+    uint32_t count_ = 0;
+    uint32_t copy_count_ = 0;
+};
+
+// The row groups floor(mcc * f / len) of f = 0, 1, ..., len - 1 in turn,
+// without a division per index (mcc >= len).
+class RowGroups {
+public:
+    RowGroups(int32_t mcc, int32_t len)
+        : step_(static_cast<uint32_t>(mcc / len)),
+          extra_(static_cast<uint32_t>(mcc % len)),
+          len_(static_cast<uint32_t>(len)) {}
+    // The group of the current index; then moves to the next.
+    uint32_t next() {
+        const uint32_t r = group_;
+        group_ += step_;
+        rest_ += extra_;
+        if (rest_ >= len_) {
+            rest_ -= len_;
+            group_ += 1;
+        }
+        return r;
+    }
+
+private:
+    uint32_t step_, extra_, len_;
+    uint32_t group_ = 0;
+    uint32_t rest_ = 0;
+};
+
+// The reference routines' view of a box of side w.
+struct SideBox {
+    uint32_t w;
+    uint32_t W() const { return w; }
+};
+
+// Offset of the matrix of length len in a block holding lengths 1, 2, ...
+size_t matrix_offset(uint32_t len) {
+    const size_t l = len - 1;
+    return l * (l + 1) * (2 * l + 1) / 6;
+}
+
+// Transposed copies of the matrices, per thread, kept between calls: a copy
+// is used only while the matrix still holds the bits it was made from,
+// which is checked once per matrix and inverse transform.
+class TransposeCache {
+public:
+    // Starts an inverse transform: every matrix is checked again.
+    void next_call() {
+        if (++call_ == 0) {
+            if (checked_ != nullptr) std::memset(checked_, 0, sizeof(uint32_t) * (capacity_ + 1));
+            call_ = 1;
+        }
+    }
+
+    // Prepares lengths up to w; false when the memory cannot be had.
+    bool reserve(uint32_t w) {
+        if (w <= capacity_) return true;
+        const size_t doubles = matrix_offset(w + 1);
+        simd::Carver measure(nullptr);
+        measure.take<double>(doubles);
+        measure.take<double>(doubles);
+        measure.take<uint8_t>(w + 1);
+        measure.take<uint32_t>(w + 1);
+        unsigned char* base = buffer_.get(measure.used());
+        if (base == nullptr) {
+            capacity_ = 0;
+            return false;
+        }
+        simd::Carver carve(base);
+        original_ = carve.take<double>(doubles);
+        transposed_ = carve.take<double>(doubles);
+        made_ = carve.take<uint8_t>(w + 1);
+        checked_ = carve.take<uint32_t>(w + 1);
+        std::memset(made_, 0, w + 1);
+        std::memset(checked_, 0, sizeof(uint32_t) * (w + 1));
+        capacity_ = w;
+        return true;
+    }
+
+    // The transpose of t (length len <= the reserved w): u[s + f*len] = t[f + s*len].
+    const double* transposed(const double* t, uint32_t len) {
+        const size_t at = matrix_offset(len);
+        const size_t bytes = sizeof(double) * len * len;
+        double* original = original_ + at;
+        double* u = transposed_ + at;
+        if (checked_[len] == call_) return u;
+        if (made_[len] == 0 || std::memcmp(original, t, bytes) != 0) {
+            std::memcpy(original, t, bytes);
+            for (uint32_t s = 0; s < len; ++s) {
+                for (uint32_t f = 0; f < len; ++f) u[s + f * len] = t[f + s * len];
+            }
+            made_[len] = 1;
+        }
+        checked_[len] = call_;
+        return u;
+    }
+
+private:
+    simd::ThreadBuffer buffer_;
+    uint32_t capacity_ = 0;
+    double* original_ = nullptr;
+    double* transposed_ = nullptr;
+    uint8_t* made_ = nullptr;
+    uint32_t* checked_ = nullptr;  // the call that last checked each length
+    uint32_t call_ = 1;
+};
+
+// Per-thread room for the lines of a stage and the first-stage values.
+struct LineScratch {
+    simd::ThreadBuffer buffer;
+    ProductLine* lines = nullptr;
+    ProductLine* copies = nullptr;
+    float* values = nullptr;
+    double* widened = nullptr;  // two W x W blocks
+
+    bool reserve(uint32_t w) {
+        simd::Carver measure(nullptr);
+        measure.take<ProductLine>(w);
+        measure.take<ProductLine>(w);
+        measure.take<float>(2 * static_cast<size_t>(w) * w);
+        measure.take<double>(2 * static_cast<size_t>(w) * w);
+        unsigned char* base = buffer.get(measure.used());
+        if (base == nullptr) return false;
+        simd::Carver carve(base);
+        lines = carve.take<ProductLine>(w);
+        copies = carve.take<ProductLine>(w);
+        values = carve.take<float>(2 * static_cast<size_t>(w) * w);
+        widened = carve.take<double>(2 * static_cast<size_t>(w) * w);
+        return true;
+    }
+};
+
+thread_local LineScratch t_scratch;
+thread_local TransposeCache t_transposes;
+
+}  // namespace
+
+void forward_transform_lanes(uint32_t w, simd::Level level, float* noisy_gather,
+                             float* pilot_gather, float* noisy_coefficients,
+                             float* pilot_coefficients, const int32_t* column_count,
+                             int32_t* row_count, int32_t max_column_count,
+                             const double* const* transform_table) {
+    if (!t_scratch.reserve(w)) {
+        forward_transform(SideBox{w}, noisy_gather, pilot_gather, noisy_coefficients,
+                          pilot_coefficients, column_count, row_count, max_column_count,
+                          transform_table);
+        return;
+    }
+    const Kernels kernels = kernels_for(level);
+    Stage stage(t_scratch.lines, t_scratch.copies, kernels.run_lines);
+    const size_t area = static_cast<size_t>(w) * w;
+    double* xn = t_scratch.widened;
+    double* xp = t_scratch.widened + area;
+    // First-stage coefficient f of column j, at j*W + f here (the reference
+    // keeps it at j + f*W of the coefficient block until it moves on).
+    float* noisy_first = t_scratch.values;
+    float* pilot_first = t_scratch.values + static_cast<size_t>(w) * w;
+
+    // Stage 1: block columns.
+    kernels.widen(noisy_gather, xn, area);
+    kernels.widen(pilot_gather, xp, area);
+    for (uint32_t j = 0; j < w; ++j) {
+        const uint32_t len = static_cast<uint32_t>(column_count[j]);
+        if (len == 0) continue;
+        stage.add(transform_table[len - 1], len, noisy_gather + j * w, xn + j * w, noisy_first + j * w,
+                  pilot_gather + j * w, xp + j * w, pilot_first + j * w);
+    }
+    stage.run();
+
+    // Stage 2: re-alignment into row groups, as the reference leaves it.
+    std::memset(noisy_gather, 0, sizeof(float) * w * w);
+    std::memset(pilot_gather, 0, sizeof(float) * w * w);
+    for (uint32_t j = 0; j < w; ++j) {
+        const int32_t len = column_count[j];
+        if (len <= 0) continue;
+        RowGroups groups(max_column_count, len);
+        for (int32_t f = 0; f < len; ++f) {
+            const uint32_t r = groups.next();
+            const uint32_t to = r * w + static_cast<uint32_t>(row_count[r]);
+            noisy_gather[to] = noisy_first[j * w + static_cast<uint32_t>(f)];
+            pilot_gather[to] = pilot_first[j * w + static_cast<uint32_t>(f)];
+            noisy_coefficients[j + static_cast<uint32_t>(f) * w] = 0.0f;
+            pilot_coefficients[j + static_cast<uint32_t>(f) * w] = 0.0f;
+            row_count[r] = row_count[r] + 1;
+        }
+    }
+
+    // Stage 3: row groups; coefficient k of group r goes to r*W + k.
+    kernels.widen(noisy_gather, xn, area);
+    kernels.widen(pilot_gather, xp, area);
+    for (uint32_t r = 0; r < static_cast<uint32_t>(max_column_count); ++r) {
+        const uint32_t len = static_cast<uint32_t>(row_count[r]);
+        if (len == 0) continue;
+        stage.add(transform_table[len - 1], len, noisy_gather + r * w, xn + r * w,
+                  noisy_coefficients + r * w, pilot_gather + r * w, xp + r * w,
+                  pilot_coefficients + r * w);
+    }
+    stage.run();
+}
+
+void inverse_transform_lanes(uint32_t w, simd::Level level, float* coefficients, float* out,
+                             const int32_t* column_count, const int32_t* row_count,
+                             int32_t* row_cursor, int32_t max_column_count,
+                             const double* const* transform_table) {
+    if (!t_scratch.reserve(w) || !t_transposes.reserve(w < kMaxProductLine ? w : kMaxProductLine)) {
+        inverse_transform(SideBox{w}, coefficients, out, column_count, row_count,
+                          row_cursor, max_column_count, transform_table);
+        return;
+    }
+    t_transposes.next_call();
+    const Kernels kernels = kernels_for(level);
+    Stage stage(t_scratch.lines, t_scratch.copies, kernels.run_lines);
+    const size_t area = static_cast<size_t>(w) * w;
+    double* xn = t_scratch.widened;
+    // The transposed product with T is the product with its transpose.
+    auto add = [&](uint32_t len, const float* c, const double* cd, float* to) {
+        const double* t = transform_table[len - 1];
+        if (len <= kMaxProductLine) {
+            stage.add(t_transposes.transposed(t, len), len, c, cd, to);
+        } else {
+            for (uint32_t s = 0; s < len; ++s) to[s] = apply_transposed(c, t, len, s);
+        }
+    };
+    std::memset(row_cursor, 0, sizeof(int32_t) * w);
+
+    // Stage 1: transposed row transforms, then the consumed values cleared.
+    kernels.widen(coefficients, xn, area);
+    for (uint32_t r = 0; r < static_cast<uint32_t>(max_column_count); ++r) {
+        const uint32_t len = static_cast<uint32_t>(row_count[r]);
+        if (len != 0) add(len, coefficients + r * w, xn + r * w, out + r * w);
+    }
+    stage.run();
+    for (uint32_t r = 0; r < static_cast<uint32_t>(max_column_count); ++r) {
+        const uint32_t len = static_cast<uint32_t>(row_count[r]);
+        for (uint32_t f = 0; f < len; ++f) coefficients[r * w + f] = 0.0f;
+    }
+
+    // Stage 2: every value back to its block column and index.
+    for (uint32_t j = 0; j < w; ++j) {
+        const int32_t len = column_count[j];
+        if (len <= 0) continue;
+        RowGroups groups(max_column_count, len);
+        for (int32_t f = 0; f < len; ++f) {
+            const uint32_t r = groups.next();
+            const uint32_t from = r * w + static_cast<uint32_t>(row_cursor[r]);
+            coefficients[j * w + static_cast<uint32_t>(f)] = out[from];
+            out[from] = 0.0f;
+            row_cursor[r] = row_cursor[r] + 1;
+        }
+    }
+
+    // Stage 3: transposed column transforms.
+    kernels.widen(coefficients, xn, area);
+    for (uint32_t j = 0; j < w; ++j) {
+        const uint32_t len = static_cast<uint32_t>(column_count[j]);
+        if (len != 0) add(len, coefficients + j * w, xn + j * w, out + j * w);
+    }
+    stage.run();
+}
+
+}  // namespace sw

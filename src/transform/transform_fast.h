@@ -1,0 +1,71 @@
+// The forward and inverse shape transforms, restructured for speed with the
+// bits of forward_transform() and inverse_transform() (shape_transform.h).
+//
+// Every one-dimensional product computes all outputs of its line side by
+// side in double lanes (transform_kernels.h); each output keeps its own
+// running float sum, its term order and its rounding after every term. The
+// transposed products of the inverse read a transposed copy of each matrix
+// they use, made per call in a per-thread buffer. The re-alignment steps
+// are the reference's, so every array ends as the reference leaves it.
+#ifndef SHAPEWIENER_TRANSFORM_TRANSFORM_FAST_H
+#define SHAPEWIENER_TRANSFORM_TRANSFORM_FAST_H
+
+#include <cstdint>
+
+#include "simd/simd.h"
+#include "transform/shape_transform.h"
+
+namespace sw {
+
+// forward_transform() for a box of side w with `level`'s kernels (not
+// Level::reference).
+void forward_transform_lanes(uint32_t w, simd::Level level, float* noisy_gather,
+                             float* pilot_gather, float* noisy_coefficients,
+                             float* pilot_coefficients, const int32_t* column_count,
+                             int32_t* row_count, int32_t max_column_count,
+                             const double* const* transform_table);
+
+// inverse_transform() for a box of side w with `level`'s kernels (not
+// Level::reference). Falls back to the reference when its scratch cannot
+// be had.
+void inverse_transform_lanes(uint32_t w, simd::Level level, float* coefficients, float* out,
+                             const int32_t* column_count, const int32_t* row_count,
+                             int32_t* row_cursor, int32_t max_column_count,
+                             const double* const* transform_table);
+
+// Drop-in replacements: same arguments and effects as the reference
+// routines, bit for bit, at the active SIMD level.
+template <class Box>
+void forward_transform_fast(const Box& box, float* noisy_gather, float* pilot_gather,
+                            float* noisy_coefficients, float* pilot_coefficients,
+                            const int32_t* column_count, int32_t* row_count,
+                            int32_t max_column_count, const double* const* transform_table) {
+    const simd::Level level = simd::active();
+    if (level == simd::Level::reference) {
+        forward_transform(box, noisy_gather, pilot_gather, noisy_coefficients, pilot_coefficients,
+                          column_count, row_count, max_column_count, transform_table);
+        return;
+    }
+    forward_transform_lanes(box.W(), level, noisy_gather, pilot_gather, noisy_coefficients,
+                            pilot_coefficients, column_count, row_count, max_column_count,
+                            transform_table);
+}
+
+template <class Box>
+void inverse_transform_fast(const Box& box, float* coefficients, float* out,
+                            const int32_t* column_count, const int32_t* row_count,
+                            int32_t* row_cursor, int32_t max_column_count,
+                            const double* const* transform_table) {
+    const simd::Level level = simd::active();
+    if (level == simd::Level::reference) {
+        inverse_transform(box, coefficients, out, column_count, row_count, row_cursor,
+                          max_column_count, transform_table);
+        return;
+    }
+    inverse_transform_lanes(box.W(), level, coefficients, out, column_count, row_count,
+                            row_cursor, max_column_count, transform_table);
+}
+
+}  // namespace sw
+
+#endif  // SHAPEWIENER_TRANSFORM_TRANSFORM_FAST_H

@@ -1,0 +1,289 @@
+// One-dimensional products of the shape transforms with the outputs of a
+// line side by side in double lanes. Output i of a line with matrix m of
+// length len and input x is the running float sum
+//   acc = float(double(x[0]) * m[i]);  acc = float(double(acc) + double(x[s]) * m[i + s*len])
+// for s = 1 .. len-1, exactly apply_row() of shape_transform.h; lane i
+// performs these operations for output i. (The transposed products are the
+// same products with the transposed matrix.)
+//
+// Each step of a sum waits for the rounding of the step before, so several
+// sums run interleaved in registers: a line's outputs are cut into chunks
+// of lanes, two inputs under the same matrix share its loads, and pieces of
+// two or four lines of similar length run together, going on with fewer as
+// the shorter ones end.
+//
+// This file has no include guard on purpose: transform_kernels.cpp includes
+// it once per instruction set, inside a namespace of its own, with the macro
+// SHAPEWIENER_DOUBLE_LANES set to the widest double vector (1 for plain
+// scalars), under that instruction set's target attribute. It must not
+// include anything itself.
+
+namespace {
+
+template <int L>
+struct Lanes;
+
+template <>
+struct Lanes<1> {
+    typedef double D;
+    static inline D load(const double* p) { return *p; }
+    static inline D round(D x) {
+        float f = static_cast<float>(x);
+        SHAPEWIENER_KEEP(f);
+        return f;
+    }
+    static inline void store(float* p, D x) { *p = static_cast<float>(x); }
+};
+
+#if SHAPEWIENER_DOUBLE_LANES > 1
+// L doubles and L floats (the vector sizes are written out: they may not
+// depend on a template parameter).
+template <class DV, class FV>
+struct VectorLanes {
+    typedef DV D;
+    static inline D load(const double* p) {
+        D v;
+        __builtin_memcpy(&v, p, sizeof v);
+        return v;
+    }
+    static inline D round(D x) {
+        FV f = __builtin_convertvector(x, FV);
+        if constexpr (sizeof(FV) == sizeof(double)) {
+            // Two floats pass as one double: not every compiler puts an
+            // 8-byte vector into a vector register.
+            double bits;
+            __builtin_memcpy(&bits, &f, sizeof bits);
+            SHAPEWIENER_KEEP(bits);
+            __builtin_memcpy(&f, &bits, sizeof bits);
+        } else {
+            SHAPEWIENER_KEEP(f);
+        }
+        return __builtin_convertvector(f, D);
+    }
+    static inline void store(float* p, D x) {
+        const FV f = __builtin_convertvector(x, FV);
+        __builtin_memcpy(p, &f, sizeof f);
+    }
+};
+typedef double Double2 __attribute__((vector_size(16)));
+typedef float Float2 __attribute__((vector_size(8)));
+template <>
+struct Lanes<2> : VectorLanes<Double2, Float2> {};
+#endif
+#if SHAPEWIENER_DOUBLE_LANES > 2
+typedef double Double4 __attribute__((vector_size(32)));
+typedef float Float4 __attribute__((vector_size(16)));
+template <>
+struct Lanes<4> : VectorLanes<Double4, Float4> {};
+#endif
+#if SHAPEWIENER_DOUBLE_LANES > 4
+// With AVX-512 (the only level with eight double lanes): the compiler
+// splits the generic conversions between 8 floats and 8 doubles in two.
+template <>
+struct Lanes<8> {
+    typedef __m512d D;
+    static inline D load(const double* p) { return _mm512_loadu_pd(p); }
+    static inline D round(D x) {
+        __m256 f = _mm512_cvtpd_ps(x);
+        SHAPEWIENER_KEEP(f);
+        return _mm512_cvtps_pd(f);
+    }
+    static inline void store(float* p, D x) { _mm256_storeu_ps(p, _mm512_cvtpd_ps(x)); }
+};
+#endif
+
+// The last chunk of a line ends at len and may overlap the one before it
+// (the overlap is computed twice, with the same bits).
+inline uint32_t chunk_offset(uint32_t c, uint32_t l, uint32_t len) {
+    return (c + 1) * l <= len ? c * l : len - l;
+}
+
+// Up to three chunks of L lanes of one line (longer lines are split):
+// chunk c covers outputs off[c] .. off[c]+L-1.
+struct Piece {
+    const ProductLine* line;
+    uint32_t first;  // first chunk of the line in the piece
+};
+
+// Running sums of R pieces with C chunks each and A inputs (1 or 2), in
+// registers.
+template <int L, int A, int C, int R>
+struct Group {
+    using V = Lanes<L>;
+    typename V::D acc[R][A][C];
+    const double* m[R];
+    const double* x[R];
+    const double* y[R];
+    uint32_t len[R];
+    uint32_t off[R][C];
+
+    inline void start(const Piece* p) {
+        for (int k = 0; k < R; ++k) {
+            const ProductLine& l = *p[k].line;
+            m[k] = l.m;
+            x[k] = l.x;
+            y[k] = l.y;
+            len[k] = l.len;
+            for (int c = 0; c < C; ++c) off[k][c] = chunk_offset(p[k].first + c, L, l.len);
+            const double x0 = l.x[0];
+            const double y0 = A == 2 ? l.y[0] : 0.0;
+            for (int c = 0; c < C; ++c) {
+                const typename V::D v = V::load(l.m + off[k][c]);
+                acc[k][0][c] = V::round(x0 * v);
+                if constexpr (A == 2) acc[k][A - 1][c] = V::round(y0 * v);
+            }
+        }
+    }
+
+    // Pieces 0 .. Q-1 are still running, sorted by decreasing length: they
+    // run together up to the end of the shortest, which is stored; the
+    // others go on.
+    template <int Q>
+    inline void run_from(const Piece* p, uint32_t s) {
+        const uint32_t end = len[Q - 1];
+        for (; s < end; ++s) {
+            for (int k = 0; k < Q; ++k) {
+                const double* col = m[k] + static_cast<size_t>(s) * len[k];
+                const double xs = x[k][s];
+                const double ys = A == 2 ? y[k][s] : 0.0;
+                for (int c = 0; c < C; ++c) {
+                    const typename V::D v = V::load(col + off[k][c]);
+                    acc[k][0][c] = V::round(acc[k][0][c] + xs * v);
+                    if constexpr (A == 2) acc[k][A - 1][c] = V::round(acc[k][A - 1][c] + ys * v);
+                }
+            }
+        }
+        const ProductLine& l = *p[Q - 1].line;
+        for (int c = 0; c < C; ++c) {
+            V::store(l.out + off[Q - 1][c], acc[Q - 1][0][c]);
+            if constexpr (A == 2) V::store(l.yo + off[Q - 1][c], acc[Q - 1][A - 1][c]);
+        }
+        if constexpr (Q > 1) run_from<Q - 1>(p, s);
+    }
+};
+
+// Runs the first n (1 <= n <= R) of the pieces together.
+template <int L, int A, int C, int R>
+inline void run_some(const Piece* p, uint32_t n) {
+    if constexpr (R > 1) {
+        if (n < static_cast<uint32_t>(R)) {
+            run_some<L, A, C, R - 1>(p, n);
+            return;
+        }
+    }
+    Group<L, A, C, R> g;
+    g.start(p);
+    g.template run_from<R>(p, 1);
+}
+
+constexpr uint32_t kMaxPieces = 64;
+
+// Pieces of L lanes and C chunks, run in groups of about eight sums (enough
+// to cover the latency of a step), in order of decreasing length.
+template <int L, int A, int C>
+struct PieceList {
+    static constexpr int K = (8 + A * C - 1) / (A * C);
+    Piece piece[kMaxPieces];
+    uint32_t count = 0;
+
+    void add(const Piece& p) {
+        if (count == kMaxPieces) run();
+        // Insertion by decreasing length.
+        uint32_t j = count++;
+        for (; j > 0 && piece[j - 1].line->len < p.line->len; --j) piece[j] = piece[j - 1];
+        piece[j] = p;
+    }
+    void run() {
+        for (uint32_t first = 0; first < count; first += K) {
+            const uint32_t n = count - first < static_cast<uint32_t>(K) ? count - first : K;
+            run_some<L, A, C, K>(piece + first, n);
+        }
+        count = 0;
+    }
+};
+
+// All pieces of one lane width.
+template <int L, int A>
+struct Pieces {
+    PieceList<L, A, 1> one;
+    PieceList<L, A, 2> two;
+    PieceList<L, A, 3> three;
+
+    void add(const ProductLine* line) {
+        const uint32_t chunks = (line->len + L - 1) / L;
+        for (uint32_t c0 = 0; c0 < chunks; c0 += 3) {
+            const uint32_t n = chunks - c0;
+            if (n == 1) {
+                one.add({line, c0});
+            } else if (n == 2) {
+                two.add({line, c0});
+            } else {
+                three.add({line, c0});
+            }
+        }
+    }
+    void run() {
+        one.run();
+        two.run();
+        three.run();
+    }
+};
+
+// The widest lane count that fits a line of length len.
+inline uint32_t width_for(uint32_t len) {
+    uint32_t l = SHAPEWIENER_DOUBLE_LANES;
+    while (l > len) l /= 2;
+    return l;
+}
+
+// A line of length len runs in chunks of the widest lanes that fit.
+template <int A>
+void run_all(const ProductLine* lines, uint32_t count) {
+    Pieces<1, A> p1;
+#if SHAPEWIENER_DOUBLE_LANES > 1
+    Pieces<2, A> p2;
+#endif
+#if SHAPEWIENER_DOUBLE_LANES > 2
+    Pieces<4, A> p4;
+#endif
+#if SHAPEWIENER_DOUBLE_LANES > 4
+    Pieces<8, A> p8;
+#endif
+    for (uint32_t i = 0; i < count; ++i) {
+        const ProductLine* line = lines + i;
+        if ((line->y != nullptr) != (A == 2)) continue;
+        switch (width_for(line->len)) {
+#if SHAPEWIENER_DOUBLE_LANES > 4
+            case 8: p8.add(line); break;
+#endif
+#if SHAPEWIENER_DOUBLE_LANES > 2
+            case 4: p4.add(line); break;
+#endif
+#if SHAPEWIENER_DOUBLE_LANES > 1
+            case 2: p2.add(line); break;
+#endif
+            default: p1.add(line); break;
+        }
+    }
+#if SHAPEWIENER_DOUBLE_LANES > 4
+    p8.run();
+#endif
+#if SHAPEWIENER_DOUBLE_LANES > 2
+    p4.run();
+#endif
+#if SHAPEWIENER_DOUBLE_LANES > 1
+    p2.run();
+#endif
+    p1.run();
+}
+
+}  // namespace
+
+void run_lines(const ProductLine* lines, uint32_t count) {
+    run_all<2>(lines, count);
+    run_all<1>(lines, count);
+}
+
+void widen(const float* in, double* out, size_t count) {
+    for (size_t i = 0; i < count; ++i) out[i] = in[i];
+}

@@ -1,0 +1,233 @@
+// The command line and its file formats: round trips, refusals, nothing
+// written on failure, the same bits as the library, and the raw filter
+// call reproducing a shared workload.
+#include <gtest/gtest.h>
+
+#include <png.h>
+#include <tiffio.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "array_io.h"
+#include "image_io.h"
+#include "shapewiener/denoise.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class Cli : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir_ = fs::temp_directory_path() /
+               ("shapewiener_cli_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + "_" +
+                ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::remove_all(dir_);
+        fs::create_directories(dir_);
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+    std::string path(const std::string& name) const { return (dir_ / name).string(); }
+
+    // Runs the command line; returns the exit code, stderr in *err.
+    int run(const std::string& args, std::string* err = nullptr) const {
+        const std::string err_path = path("stderr.txt");
+        const int status = std::system((std::string(SHAPEWIENER_CLI) + " " + args + " 2> " + err_path + " > /dev/null").c_str());
+        if (err != nullptr) {
+            std::ifstream in(err_path);
+            std::stringstream s;
+            s << in.rdbuf();
+            *err = s.str();
+        }
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    fs::path dir_;
+};
+
+// Values on the integer levels of `top`, in [0, 1], with extremes.
+sw::Image levels(uint32_t rows, uint32_t cols, double top) {
+    sw::Image img{rows, cols, std::vector<double>(static_cast<size_t>(rows) * cols)};
+    for (size_t p = 0; p < img.pixels.size(); ++p) {
+        img.pixels[p] = std::fmod(static_cast<double>(p * 7919 % 100003), top + 1) / top;
+    }
+    img.pixels[0] = 0.0;
+    img.pixels[1] = 1.0;
+    return img;
+}
+
+void expect_same(const sw::Image& a, const sw::Image& b, double tolerance) {
+    ASSERT_EQ(a.rows, b.rows);
+    ASSERT_EQ(a.cols, b.cols);
+    for (size_t p = 0; p < a.pixels.size(); ++p) ASSERT_NEAR(a.pixels[p], b.pixels[p], tolerance) << p;
+}
+
+// A C-order .npy file written by hand, as NumPy writes it.
+void write_c_order_npy(const std::string& path, const sw::Image& img, bool single) {
+    std::string header = std::string("{'descr': '") + (single ? "<f4" : "<f8") +
+                         "', 'fortran_order': False, 'shape': (" + std::to_string(img.rows) + ", " +
+                         std::to_string(img.cols) + "), }";
+    while ((10 + header.size() + 1) % 64 != 0) header += ' ';
+    header += '\n';
+    std::ofstream out(path, std::ios::binary);
+    out.write("\x93NUMPY\x01\x00", 8);
+    const unsigned char len[2] = {static_cast<unsigned char>(header.size() & 0xff), static_cast<unsigned char>(header.size() >> 8)};
+    out.write(reinterpret_cast<const char*>(len), 2);
+    out << header;
+    for (uint32_t r = 0; r < img.rows; ++r) {
+        for (uint32_t c = 0; c < img.cols; ++c) {
+            const double v = img.pixels[r + static_cast<size_t>(c) * img.rows];
+            if (single) {
+                const float f = static_cast<float>(v);
+                out.write(reinterpret_cast<const char*>(&f), 4);
+            } else {
+                out.write(reinterpret_cast<const char*>(&v), 8);
+            }
+        }
+    }
+}
+
+TEST_F(Cli, FormatsRoundTrip) {
+    const sw::Image eight = levels(7, 5, 255), sixteen = levels(6, 9, 65535);
+    struct Case {
+        const char* name;
+        sw::Image image;
+        swio::SampleKind kind;
+        double tolerance;
+    } cases[] = {
+        {"a.png", eight, swio::SampleKind::kUint8, 0.0},
+        {"b.png", sixteen, swio::SampleKind::kUint16, 0.0},
+        {"c.tif", eight, swio::SampleKind::kUint8, 0.0},
+        {"d.tiff", sixteen, swio::SampleKind::kUint16, 0.0},
+        {"e.tif", levels(4, 3, 1000), swio::SampleKind::kFloat32, 1e-7},
+        {"f.npy", levels(5, 8, 1e6), swio::SampleKind::kFloat64, 0.0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        swio::write_image(path(c.name), path(c.name), c.image, c.kind);
+        const swio::ImageFile back = swio::read_image(path(c.name));
+        EXPECT_EQ(back.kind, c.kind);
+        expect_same(back.image, c.image, c.tolerance);
+    }
+    // NumPy's C order, float32 and float64.
+    const sw::Image x = levels(3, 4, 1e6);
+    for (bool single : {false, true}) {
+        write_c_order_npy(path("c_order.npy"), x, single);
+        const swio::ImageFile back = swio::read_image(path("c_order.npy"));
+        EXPECT_EQ(back.kind, single ? swio::SampleKind::kFloat32 : swio::SampleKind::kFloat64);
+        expect_same(back.image, x, single ? 1e-7 : 0.0);
+    }
+    // Integer formats round and clip.
+    sw::Image out_of_range{1, 3, {-0.5, 2.0, 0.5}};
+    swio::write_image(path("clip.png"), path("clip.png"), out_of_range, swio::SampleKind::kUint8);
+    expect_same(swio::read_image(path("clip.png")).image, sw::Image{1, 3, {0.0, 1.0, 128 / 255.0}}, 1e-15);
+    // Text arrays: rows per line.
+    std::ofstream(path("k.txt")) << "# kernel\n1 2 3\n4 5 6\n";
+    const swio::Array2 k = swio::read_array(path("k.txt"));
+    EXPECT_EQ(k.rows, 2u);
+    EXPECT_EQ(k.cols, 3u);
+    EXPECT_EQ(k.values, (std::vector<double>{1, 4, 2, 5, 3, 6}));
+}
+
+TEST_F(Cli, RefusalsAreOneLineAndWriteNothing) {
+    swio::write_image(path("grey.png"), path("grey.png"), levels(20, 20, 255), swio::SampleKind::kUint8);
+    {  // An RGB PNG and an RGB TIFF.
+        std::vector<unsigned char> rgb(4 * 4 * 3, 100);
+        png_image png;
+        std::memset(&png, 0, sizeof png);
+        png.version = PNG_IMAGE_VERSION;
+        png.width = png.height = 4;
+        png.format = PNG_FORMAT_RGB;
+        ASSERT_TRUE(png_image_write_to_file(&png, path("rgb.png").c_str(), 0, rgb.data(), 0, nullptr));
+        TIFF* t = TIFFOpen(path("rgb.tif").c_str(), "w");
+        TIFFSetField(t, TIFFTAG_IMAGEWIDTH, 4);
+        TIFFSetField(t, TIFFTAG_IMAGELENGTH, 4);
+        TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, 3);
+        TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, 8);
+        TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB);
+        TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+        for (uint32_t r = 0; r < 4; ++r) TIFFWriteScanline(t, rgb.data(), r, 0);
+        TIFFClose(t);
+    }
+    std::ofstream(path("bad.png")) << "not a png";
+    struct Case {
+        std::string args;
+        const char* says;
+    } cases[] = {
+        {"denoise missing.png OUT --sigma 0.1", "missing.png"},
+        {"denoise bad.png OUT --sigma 0.1", "not a readable PNG"},
+        {"denoise rgb.png OUT --sigma 0.1", "colour"},
+        {"denoise rgb.tif OUT --sigma 0.1", "colour"},
+        {"denoise grey.png OUT --sigma 0", "standard deviation"},
+        {"denoise grey.png OUT --sigma nan", "standard deviation"},
+        {"denoise grey.png OUT", "no noise given"},
+        {"denoise grey.png OUT --kernel k.txt", "--sigma"},
+        {"denoise grey.png OUT --psd grey.png", "grey.png"},
+        {"denoise grey.png OUT --sigma 0.1 --preset slow", "slow"},
+    };
+    for (const std::string out : {"out.png", "out.npy"}) {
+        for (const Case& c : cases) {
+            std::string args = c.args;
+            args.replace(args.find("OUT"), 3, path(out));
+            for (const char* name : {"missing.png", "bad.png", "rgb.png", "rgb.tif", "grey.png", "k.txt"}) {
+                const size_t at = args.find(name);
+                if (at != std::string::npos) args.replace(at, std::strlen(name), path(name));
+            }
+            std::string err;
+            EXPECT_NE(run(args, &err), 0) << args;
+            EXPECT_NE(err.find(c.says), std::string::npos) << args << "\n" << err;
+            EXPECT_LE(std::count(err.begin(), err.end(), '\n'), 2) << err;
+            EXPECT_FALSE(fs::exists(path(out))) << args;
+        }
+    }
+    // No temporary file is left behind either.
+    for (const auto& e : fs::directory_iterator(dir_)) {
+        EXPECT_EQ(e.path().filename().string().find(".shapewiener-"), std::string::npos);
+    }
+}
+
+TEST_F(Cli, DenoiseGivesTheLibrarysBits) {
+    // Coloured noise by `simulate`, denoised by the command line and by the library.
+    sw::Image clean{40, 36, std::vector<double>(40 * 36)};
+    for (size_t p = 0; p < clean.pixels.size(); ++p) clean.pixels[p] = (p % 40) < 17 ? 0.25 : 0.7;
+    swio::write_image(path("clean.npy"), path("clean.npy"), clean, swio::SampleKind::kFloat64);
+    std::ofstream(path("k.txt")) << "1 2 1\n2 4 2\n1 2 1\n";
+    ASSERT_EQ(run("simulate " + path("clean.npy") + " " + path("noisy.npy") + " --sigma 0.1 --kernel " +
+                  path("k.txt") + " --seed 3"), 0);
+    const sw::Image noisy = swio::read_image(path("noisy.npy")).image;
+    std::string err;
+    ASSERT_EQ(run("denoise " + path("noisy.npy") + " " + path("out.npy") + " --kernel " + path("k.txt") +
+                  " --sigma 0.1 --reference " + path("clean.npy"), &err), 0) << err;
+    EXPECT_NE(err.find("PSNR noisy"), std::string::npos) << err;
+    const sw::Image cli = swio::read_image(path("out.npy")).image;
+    const sw::Image lib = sw::denoise(noisy, sw::NoiseModel::from_kernel({1, 2, 1, 2, 4, 2, 1, 2, 1}, 3, 3, 0.1));
+    ASSERT_EQ(cli.pixels.size(), lib.pixels.size());
+    EXPECT_EQ(0, std::memcmp(cli.pixels.data(), lib.pixels.data(), lib.pixels.size() * sizeof(double)));
+
+    ASSERT_EQ(run("compare " + path("out.npy") + " " + path("clean.npy")), 0);
+    // A PNG output of a float input is 16-bit.
+    ASSERT_EQ(run("denoise " + path("noisy.npy") + " " + path("out.png") + " --sigma 0.1 --preset fast --quiet"), 0);
+    EXPECT_EQ(swio::read_image(path("out.png")).kind, swio::SampleKind::kUint16);
+}
+
+TEST_F(Cli, FilterReproducesTheSharedWorkload) {
+    const std::string root = SHAPEWIENER_WORKLOADS;
+    if (!fs::exists(root + "/adaptive_h7/out.sha256")) GTEST_SKIP() << "no " << root;
+    ASSERT_EQ(run("filter " + root + "/adaptive_h7 " + path("out.npy")), 0);
+    // The output matrix is the file's last 512 * 512 doubles.
+    const std::string cmd = "tail -c 2097152 " + path("out.npy") + " | sha256sum | cut -c1-64 > " + path("sum.txt");
+    ASSERT_EQ(std::system(cmd.c_str()), 0);
+    std::string got, expected;
+    std::ifstream(path("sum.txt")) >> got;
+    std::ifstream(root + "/adaptive_h7/out.sha256") >> expected;
+    EXPECT_EQ(got, expected.substr(0, 64));
+}
+
+}  // namespace

@@ -1,0 +1,461 @@
+// The denoiser: noise descriptions and the block spectrum, the scale rule,
+// the shape list, orientation, value ranges, progress and determinism.
+#include <gtest/gtest.h>
+
+#include <zlib.h>
+
+#include <cmath>
+#include <cstring>
+#include <algorithm>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "caller/coloured_noise.h"
+#include "caller/processing_list.h"
+#include "denoise/noise.h"
+#include "denoise/pipeline.h"
+#include "denoise/scales.h"
+#include "shape/shape.h"
+
+namespace {
+
+using swdenoise::Autocovariance;
+const double kPi = 3.14159265358979323846;
+
+double mean_of(const std::vector<double>& v) {
+    double s = 0.0;
+    for (double x : v) s += x;
+    return s / v.size();
+}
+
+// The kernel's spectrum on a rows x cols grid, taps centred at (0, 0).
+std::vector<double> kernel_spectrum(const std::vector<double>& k, int kr, int kc, double sigma,
+                                    int rows, int cols) {
+    double energy = 0.0;
+    for (double t : k) energy += t * t;
+    std::vector<double> psd(static_cast<size_t>(rows) * cols);
+    for (int v = 0; v < cols; ++v) {
+        for (int u = 0; u < rows; ++u) {
+            double re = 0.0, im = 0.0;
+            for (int b = 0; b < kc; ++b) {
+                for (int a = 0; a < kr; ++a) {
+                    const double phase = -2.0 * kPi * (double(u) * (a - kr / 2) / rows + double(v) * (b - kc / 2) / cols);
+                    re += k[a + b * kr] * std::cos(phase);
+                    im += k[a + b * kr] * std::sin(phase);
+                }
+            }
+            psd[u + static_cast<size_t>(v) * rows] = sigma * sigma * (re * re + im * im) / energy;
+        }
+    }
+    return psd;
+}
+
+std::vector<double> gaussian_kernel(int side, double s) {
+    std::vector<double> k(side * side);
+    for (int c = 0; c < side; ++c) {
+        for (int r = 0; r < side; ++r) {
+            const double y = r - side / 2, x = c - side / 2;
+            k[r + c * side] = std::exp(-(x * x + y * y) / (2 * s * s));
+        }
+    }
+    return k;
+}
+
+// A 1 x 9 horizontal line kernel: noise correlated along the rows' direction.
+sw::NoiseModel line_noise(double sigma) {
+    return sw::NoiseModel::from_kernel(std::vector<double>(9, 1.0), 1, 9, sigma);
+}
+
+// Flat regions, a vertical and a diagonal edge and a disc, in [0.2, 0.8].
+sw::Image scene(uint32_t rows, uint32_t cols) {
+    sw::Image img{rows, cols, std::vector<double>(static_cast<size_t>(rows) * cols)};
+    for (uint32_t c = 0; c < cols; ++c) {
+        for (uint32_t r = 0; r < rows; ++r) {
+            double v = c < cols / 2 ? 0.2 : 0.7;
+            if (r + c < rows / 3) v = 0.5;
+            const double dr = r - 0.65 * rows, dc = c - 0.3 * cols;
+            if (dr * dr + dc * dc < 0.03 * rows * cols) v = 0.8;
+            img.pixels[r + static_cast<size_t>(c) * rows] = v;
+        }
+    }
+    return img;
+}
+
+sw::Image add_noise(const sw::Image& clean, const swcaller::NoiseKernel& k, double sigma, uint32_t seed) {
+    const swcaller::Image n = swcaller::coloured_noise(clean.rows, clean.cols, k, sigma, seed);
+    sw::Image out = clean;
+    for (size_t p = 0; p < out.pixels.size(); ++p) out.pixels[p] += n.pixels[p];
+    return out;
+}
+
+swcaller::NoiseKernel unit_kernel(std::vector<double> taps, uint32_t rows, uint32_t cols) {
+    double e = 0.0;
+    for (double t : taps) e += t * t;
+    for (double& t : taps) t /= std::sqrt(e);
+    swcaller::NoiseKernel k;
+    k.rows = rows;
+    k.cols = cols;
+    k.taps = std::move(taps);
+    return k;
+}
+
+double psnr(const sw::Image& a, const sw::Image& b, double peak = 1.0) {
+    double s = 0.0;
+    for (size_t p = 0; p < a.pixels.size(); ++p) s += (a.pixels[p] - b.pixels[p]) * (a.pixels[p] - b.pixels[p]);
+    return 10.0 * std::log10(peak * peak * a.pixels.size() / s);
+}
+
+// ---------------------------------------------------------------------------
+// Noise descriptions and the block spectrum
+
+TEST(BlockPsd, MeanIsTheVarianceWhiteIsFlatAndForwardsAgree) {
+    const int rows = 40, cols = 52;
+    const std::vector<double> gauss = gaussian_kernel(9, 1.5);
+    const std::vector<double> odd = {0.3, -1.2, 0.5, 2.0, 0.1, 0.0, -0.7, 0.9, 1.1, 0.4, -0.2, 0.6, 0.8, -1.5, 0.05};
+    struct Case {
+        const char* name;
+        sw::NoiseModel kernel_form;
+        std::vector<double> psd;  // the same noise as a full spectrum
+    } cases[] = {
+        {"gauss", sw::NoiseModel::from_kernel(gauss, 9, 9, 0.2), kernel_spectrum(gauss, 9, 9, 0.2, rows, cols)},
+        {"odd", sw::NoiseModel::from_kernel(odd, 3, 5, 0.7), kernel_spectrum(odd, 3, 5, 0.7, rows, cols)},
+        {"white", sw::NoiseModel::white(0.3), std::vector<double>(rows * cols, 0.09)},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const Autocovariance a = swdenoise::noise_autocovariance(c.kernel_form, rows, cols);
+        const Autocovariance b = swdenoise::noise_autocovariance(sw::NoiseModel::from_psd(c.psd), rows, cols);
+        for (int j = -31; j <= 31; ++j) {
+            for (int i = -31; i <= 31; ++i) ASSERT_NEAR(a.at(i, j), b.at(i, j), 1e-13) << i << ", " << j;
+        }
+        for (bool weighted : {true, false}) {
+            const std::vector<double> psd = swdenoise::block_psd(a, weighted);
+            EXPECT_NEAR(mean_of(psd), a.variance(), 1e-14 * 1024);
+            const std::vector<double> other = swdenoise::block_psd(b, weighted);
+            for (size_t t = 0; t < psd.size(); ++t) EXPECT_NEAR(psd[t], other[t], 1e-12);
+        }
+    }
+    for (double p : swdenoise::block_psd(swdenoise::noise_autocovariance(sw::NoiseModel::white(0.3), 8, 8))) {
+        EXPECT_DOUBLE_EQ(p, 0.09);
+    }
+    // Unweighted, a kernel shorter than the grid gives its sampled spectrum.
+    const std::vector<double> sampled = swcaller::noise_psd(swcaller::binomial_kernel(), 0.1, 32);
+    const std::vector<double> folded = swdenoise::block_psd(
+        swdenoise::noise_autocovariance(sw::NoiseModel::from_kernel({1, 2, 1, 2, 4, 2, 1, 2, 1}, 3, 3, 0.1), 64, 64),
+        false);
+    for (size_t t = 0; t < sampled.size(); ++t) EXPECT_NEAR(folded[t], sampled[t], 1e-15);
+}
+
+TEST(BlockPsd, LongRangeCorrelationIsWeightedNotSampled) {
+    // A narrow spectral line: the window's expected periodogram spreads it
+    // (Fejer kernel); it is never the line sampled at 32 points.
+    const int n = 256;
+    std::vector<double> line(n * n, 0.0);
+    line[40 + 40 * n] = line[(n - 40) + (n - 40) * n] = 0.5 * n * n;  // variance 1
+    const Autocovariance r = swdenoise::noise_autocovariance(sw::NoiseModel::from_psd(line), n, n);
+    EXPECT_NEAR(r.variance(), 1.0, 1e-12);
+    EXPECT_NEAR(r.at(31, -31), std::cos(2 * kPi * 40 * 0 / n), 1e-12);  // constant along the anti-diagonal
+    const std::vector<double> psd = swdenoise::block_psd(r);
+    EXPECT_NEAR(mean_of(psd), 1.0, 1e-12);
+    EXPECT_GT(psd[5 + 5 * 32], 10.0);  // the line falls at 32 * 40 / 256 = 5
+    for (double p : psd) EXPECT_GE(p, 0.0);
+    EXPECT_FALSE(swdenoise::is_white(r));
+}
+
+TEST(NoiseAndImage, BadInputsAreRejectedWithTheirIdentifiers) {
+    const sw::Image img = scene(6, 5);
+    sw::Image nan_image = img;
+    nan_image.pixels[7] = std::nan("");
+    sw::Image inf_image = img;
+    inf_image.pixels[0] = INFINITY;
+    std::vector<double> negative(30, 0.01);
+    negative[3] = -1e-9;
+    std::vector<double> with_nan(30, 0.01);
+    with_nan[4] = NAN;
+    struct Case {
+        sw::Image image;
+        sw::NoiseModel noise;
+        std::string preset;
+        const char* id;
+    } cases[] = {
+        {img, sw::NoiseModel::white(0.0), "default", "shapewiener:noise:sigma"},
+        {img, sw::NoiseModel::white(-0.1), "default", "shapewiener:noise:sigma"},
+        {img, sw::NoiseModel::white(NAN), "default", "shapewiener:noise:sigma"},
+        {img, sw::NoiseModel::from_kernel({1, 2}, 1, 2, 0.0), "default", "shapewiener:noise:sigma"},
+        {img, sw::NoiseModel::from_kernel({1, 2, 3}, 1, 2, 0.1), "default", "shapewiener:noise:kernelSize"},
+        {img, sw::NoiseModel::from_kernel({0, 0}, 1, 2, 0.1), "default", "shapewiener:noise:allZero"},
+        {img, sw::NoiseModel::from_kernel({1, INFINITY}, 1, 2, 0.1), "default", "shapewiener:noise:notFinite"},
+        {img, sw::NoiseModel::from_psd(std::vector<double>(29, 0.01)), "default", "shapewiener:noise:psdSize"},
+        {img, sw::NoiseModel::from_psd(negative), "default", "shapewiener:noise:negative"},
+        {img, sw::NoiseModel::from_psd(with_nan), "default", "shapewiener:noise:notFinite"},
+        {img, sw::NoiseModel::from_psd(std::vector<double>(30, 0.0)), "default", "shapewiener:noise:allZero"},
+        {nan_image, sw::NoiseModel::white(0.1), "default", "shapewiener:image:notFinite"},
+        {inf_image, sw::NoiseModel::white(0.1), "default", "shapewiener:image:notFinite"},
+        {sw::Image{}, sw::NoiseModel::white(0.1), "default", "shapewiener:image:empty"},
+        {sw::Image{2, 2, {1, 2, 3}}, sw::NoiseModel::white(0.1), "default", "shapewiener:image:size"},
+        {img, sw::NoiseModel::white(0.1), "fastest", "shapewiener:options:preset"},
+    };
+    for (const Case& c : cases) {
+        sw::DenoiseOptions options;
+        options.preset = c.preset;
+        try {
+            sw::denoise(c.image, c.noise, options);
+            ADD_FAILURE() << "accepted; expected " << c.id;
+        } catch (const sw::DenoiseError& e) {
+            EXPECT_STREQ(e.error().identifier, c.id) << e.what();
+            EXPECT_GT(std::strlen(e.what()), 20u);
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Scales
+
+TEST(Scales, StopAtAnEdgeAndGrowInFlatAreas) {
+    // Left half 0.2, right half 0.8, light white noise.
+    const uint32_t rows = 40, cols = 40;
+    sw::Image clean{rows, cols, std::vector<double>(rows * cols)};
+    for (uint32_t c = 0; c < cols; ++c) {
+        for (uint32_t r = 0; r < rows; ++r) clean.pixels[r + c * rows] = c < 20 ? 0.2 : 0.8;
+    }
+    const sw::Image noisy = add_noise(clean, swcaller::white_kernel(), 0.02, 4);
+    const Autocovariance r = swdenoise::noise_autocovariance(sw::NoiseModel::white(0.02), rows, cols);
+    const swdenoise::ScaleRule rule;  // lengths 1 2 3 5 7
+    const std::vector<uint8_t> k = swdenoise::choose_scales(noisy.pixels.data(), rows, cols, r, rule);
+    const size_t plane = rows * cols;
+    size_t flat_max = 0, flat = 0;
+    for (uint32_t c = 0; c < cols; ++c) {
+        for (uint32_t row = 0; row < rows; ++row) {
+            const size_t p = row + c * rows;
+            // Pixels left of the edge: the east ray must not cross it.
+            if (c < 20) {
+                EXPECT_LE(rule.lengths[k[p]], 20 - c + 1u) << row << ", " << c;
+            } else {
+                EXPECT_LE(rule.lengths[k[p + 4 * plane]], c - 19 + 1u) << row << ", " << c;
+            }
+            if (c < 12 || c > 27) {  // every ray stays on its side
+                for (int d = 0; d < 8; ++d) {
+                    ++flat;
+                    flat_max += k[p + d * plane] == 4;
+                }
+            }
+        }
+    }
+    EXPECT_GT(flat_max, flat * 85 / 100);
+}
+
+TEST(Scales, DirectionalVariancesMatchMonteCarlo) {
+    // Averages along E, NE and N of coloured noise with a non-separable,
+    // anisotropic kernel, against their exact variance.
+    const std::vector<double> taps = {1.0, 0.5, 0.0, 2.0, 1.0, -0.5, 0.3, 0.0, 1.0};
+    const swcaller::NoiseKernel k = unit_kernel(taps, 3, 3);
+    const uint32_t n = 400;
+    const swcaller::Image noise = swcaller::coloured_noise(n, n, k, 1.0, 9);
+    const Autocovariance r = swdenoise::noise_autocovariance(sw::NoiseModel::from_kernel(taps, 3, 3, 1.0), n, n);
+    for (uint32_t plane : {0u, 1u, 2u, 7u}) {
+        for (uint32_t length : {2u, 5u}) {
+            const swcaller::Step s = swcaller::plane_step(plane);
+            double sum2 = 0.0;
+            size_t count = 0;
+            for (uint32_t c = 8; c < n - 8; c += 3) {
+                for (uint32_t row = 8; row < n - 8; row += 3) {
+                    double m = 0.0;
+                    for (uint32_t t = 0; t < length; ++t) m += noise.at(row + t * s.row, c + t * s.col);
+                    m /= length;
+                    sum2 += m * m;
+                    ++count;
+                }
+            }
+            const double exact = swdenoise::ray_average_variance(r, plane, length);
+            EXPECT_NEAR(sum2 / count, exact, 0.05 * exact) << "plane " << plane << " length " << length;
+        }
+    }
+    // Not sigma^2 / h: this noise is correlated along N.
+    EXPECT_GT(swdenoise::ray_average_variance(r, 2, 5), 1.2 / 5);
+}
+
+// ---------------------------------------------------------------------------
+// The shape list
+
+TEST(ShapeList, OneKeyPerShapeAndEqualKeysMeanIdenticalShapes) {
+    const uint32_t rows = 37, cols = 29;
+    const sw::Image noisy = add_noise(scene(rows, cols), swcaller::binomial_kernel(), 0.05, 2);
+    const sw::NoiseModel noise = sw::NoiseModel::from_kernel({1, 2, 1, 2, 4, 2, 1, 2, 1}, 3, 3, 0.05);
+    const Autocovariance r = swdenoise::noise_autocovariance(noise, rows, cols);
+    for (bool rows_only : {false, true}) {
+        const swcaller::ShapeArguments s =
+            swdenoise::adaptive_shapes(noisy.pixels.data(), rows, cols, r, swdenoise::ScaleRule(), rows_only);
+        ASSERT_EQ(s.list.pixels.size(), rows * cols);
+        std::vector<int> seen(rows * cols, 0);
+        std::set<int32_t> keys;
+        int32_t previous = 0;
+        for (size_t e = 0; e < s.list.pixels.size(); ++e) {
+            const uint32_t q = s.list.pixels[e] - 1;
+            ++seen.at(q);
+            uint8_t raw[8];
+            uint32_t scales[8];
+            for (int d = 0; d < 8; ++d) {
+                raw[d] = s.direction_scales.indices[q + d * rows * cols];
+                scales[d] = static_cast<uint32_t>(s.scale_set[raw[d] - 1]);
+            }
+            const bool by_columns = sw::pack_by_columns(raw);
+            if (rows_only) {
+                EXPECT_FALSE(by_columns);
+            }
+            const swcaller::Mask m = swcaller::clip_to_image(swcaller::sector_union(s.h, s.sector_masks, scales),
+                                                             s.h, q % rows, q / rows, rows, cols);
+            const int32_t key = s.list.keys[e];
+            ASSERT_GT(key, 0);
+            if (key != previous) {
+                EXPECT_TRUE(keys.insert(key).second) << "key " << key << " comes back";
+            }
+            if (key == previous) {
+                const uint32_t p = s.list.pixels[e - 1] - 1;
+                uint8_t praw[8];
+                uint32_t pscales[8];
+                for (int d = 0; d < 8; ++d) {
+                    praw[d] = s.direction_scales.indices[p + d * rows * cols];
+                    pscales[d] = static_cast<uint32_t>(s.scale_set[praw[d] - 1]);
+                }
+                // The module keeps the key-change entry's sectors, cut to this box.
+                const swcaller::Mask formed = swcaller::clip_to_image(
+                    swcaller::sector_union(s.h, s.sector_masks, pscales), s.h, q % rows, q / rows, rows, cols);
+                EXPECT_EQ(formed, m) << "entry " << e;
+                EXPECT_EQ(sw::pack_by_columns(praw), by_columns);
+            }
+            previous = key;
+        }
+        for (int c : seen) EXPECT_EQ(c, 1);
+        EXPECT_EQ(keys.size(), s.list.key_changes);
+        EXPECT_LT(s.list.key_changes, rows * cols * 3 / 4);
+    }
+}
+
+// The shared workloads were built by the same rules: scales and list must
+// come out byte for byte.
+std::vector<unsigned char> gunzip(const std::string& path) {
+    std::vector<unsigned char> bytes;
+    gzFile f = gzopen(path.c_str(), "rb");
+    if (f == nullptr) return bytes;
+    unsigned char buffer[65536];
+    int n;
+    while ((n = gzread(f, buffer, sizeof buffer)) > 0) bytes.insert(bytes.end(), buffer, buffer + n);
+    gzclose(f);
+    return bytes;
+}
+
+TEST(ShapeList, ReproducesTheSharedAdaptiveWorkloads) {
+    const std::string root = SHAPEWIENER_WORKLOADS;
+    if (!std::filesystem::exists(root + "/camera512_gauss1_noisy.f64")) GTEST_SKIP() << "no " << root;
+    const std::vector<unsigned char> raw = gunzip(root + "/camera512_gauss1_noisy.f64");
+    ASSERT_EQ(raw.size(), 512u * 512 * 8);
+    std::vector<double> noisy(512 * 512);
+    std::memcpy(noisy.data(), raw.data(), raw.size());
+    // Gaussian kernel of standard deviation 1 on 9 x 9, sigma 0.1.
+    const Autocovariance r = swdenoise::noise_autocovariance(
+        sw::NoiseModel::from_kernel(gaussian_kernel(9, 1.0), 9, 9, 0.1), 512, 512);
+    const std::vector<unsigned char> psd = gunzip(root + "/camera512_gauss1_psd32.f64");
+    const std::vector<double> folded = swdenoise::block_psd(r, false);
+    for (size_t t = 0; t < 1024; ++t) {
+        double v;
+        std::memcpy(&v, psd.data() + 8 * t, 8);
+        EXPECT_NEAR(folded[t], v, 1e-15);
+    }
+    for (const char* name : {"adaptive_h7", "adaptive_h9"}) {
+        const std::string dir = root + "/" + name;
+        swdenoise::ScaleRule rule;
+        if (std::string(name) == "adaptive_h9") rule.lengths = {1, 2, 3, 5, 7, 9};
+        const swcaller::ShapeArguments s = swdenoise::adaptive_shapes(noisy.data(), 512, 512, r, rule, false);
+        const std::vector<unsigned char> dsm = gunzip(dir + "/dsm.u8.gz");
+        ASSERT_EQ(dsm.size(), s.direction_scales.indices.size());
+        EXPECT_EQ(0, std::memcmp(dsm.data(), s.direction_scales.indices.data(), dsm.size())) << name;
+        const std::vector<unsigned char> list = gunzip(dir + "/list.i32.gz");
+        ASSERT_EQ(list.size(), 512u * 512 * 8);
+        EXPECT_EQ(0, std::memcmp(list.data(), s.list.pixels.data(), list.size() / 2)) << name;
+        EXPECT_EQ(0, std::memcmp(list.data() + list.size() / 2, s.list.keys.data(), list.size() / 2)) << name;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// The whole denoiser
+
+TEST(Denoise, AnisotropicNoiseIsTakenInItsOwnOrientation) {
+    // Noise correlated along the rows' direction (a horizontal line kernel):
+    // described right, it must be removed better than described transposed.
+    const uint32_t rows = 64, cols = 64;
+    const sw::Image clean = scene(rows, cols);
+    const sw::Image noisy = add_noise(clean, unit_kernel(std::vector<double>(9, 1.0), 1, 9), 0.1, 12);
+    const sw::NoiseModel right = line_noise(0.1);
+    const sw::NoiseModel transposed = sw::NoiseModel::from_kernel(std::vector<double>(9, 1.0), 9, 1, 0.1);
+    const double p_right = psnr(sw::denoise(noisy, right), clean);
+    const double p_transposed = psnr(sw::denoise(noisy, transposed), clean);
+    EXPECT_GT(p_right, p_transposed + 1.0) << p_right << " vs " << p_transposed;
+    EXPECT_GT(p_right, psnr(noisy, clean) + 6.0);
+}
+
+TEST(Denoise, AnyValueRangeAndSizeDeterministically) {
+    const uint32_t rows = 30, cols = 34;
+    const sw::Image clean = scene(rows, cols);
+    const sw::Image noisy = add_noise(clean, swcaller::binomial_kernel(), 0.08, 6);
+    const sw::NoiseModel noise = sw::NoiseModel::from_kernel({1, 2, 1, 2, 4, 2, 1, 2, 1}, 3, 3, 0.08);
+    sw::DenoiseReport report;
+    const sw::Image unit = sw::denoise(noisy, noise, {}, {}, &report);
+    EXPECT_EQ(report.passes, 2);
+    EXPECT_EQ(report.accepted_entries, 2u * rows * cols);
+    EXPECT_GT(report.key_changes, 2u);
+    EXPECT_GT(psnr(unit, clean), psnr(noisy, clean) + 5.0);
+    const sw::Image again = sw::denoise(noisy, noise);
+    EXPECT_EQ(0, std::memcmp(unit.pixels.data(), again.pixels.data(), unit.pixels.size() * 8));
+
+    // [0, 255] and [-3, 5]: the same estimate, in those units.
+    for (const auto& [scale, offset] : {std::pair{255.0, 0.0}, std::pair{8.0, -3.0}}) {
+        sw::Image x = noisy;
+        for (double& v : x.pixels) v = v * scale + offset;
+        sw::NoiseModel n = noise;
+        n.sigma *= scale;
+        const sw::Image y = sw::denoise(x, n);
+        for (size_t p = 0; p < y.pixels.size(); ++p) {
+            EXPECT_NEAR((y.pixels[p] - offset) / scale, unit.pixels[p], 1e-6) << scale << " pixel " << p;
+        }
+    }
+
+    // Tiny images, every preset: finite output of the right size.
+    for (const char* preset : {"fast", "default", "best"}) {
+        for (const auto& [r, c] : {std::pair{1u, 1u}, std::pair{1u, 7u}, std::pair{5u, 1u}, std::pair{3u, 2u}}) {
+            sw::Image tiny{r, c, std::vector<double>(r * c)};
+            for (size_t p = 0; p < tiny.pixels.size(); ++p) tiny.pixels[p] = 0.3 + 0.1 * std::sin(p * 1.7);
+            sw::DenoiseOptions o;
+            o.preset = preset;
+            const sw::Image out = sw::denoise(tiny, sw::NoiseModel::white(0.05), o);
+            ASSERT_EQ(out.pixels.size(), tiny.pixels.size());
+            for (double v : out.pixels) EXPECT_TRUE(std::isfinite(v)) << preset << " " << r << "x" << c;
+        }
+    }
+}
+
+TEST(Denoise, ReportsProgressAndCancels) {
+    const sw::Image noisy = add_noise(scene(20, 20), swcaller::white_kernel(), 0.1, 1);
+    std::vector<double> fractions;
+    std::vector<std::string> phases;
+    sw::denoise(noisy, sw::NoiseModel::white(0.1), {}, [&](double f, const char* phase) {
+        fractions.push_back(f);
+        phases.push_back(phase);
+        return true;
+    });
+    ASSERT_GE(fractions.size(), 4u);
+    for (size_t i = 1; i < fractions.size(); ++i) EXPECT_GE(fractions[i], fractions[i - 1]);
+    EXPECT_EQ(fractions.back(), 1.0);
+    EXPECT_NE(std::find(phases.begin(), phases.end(), "pass 2"), phases.end());
+    try {
+        sw::denoise(noisy, sw::NoiseModel::white(0.1), {},
+                    [](double, const char* phase) { return std::string(phase) != "pass 1"; });
+        ADD_FAILURE() << "not cancelled";
+    } catch (const sw::DenoiseError& e) {
+        EXPECT_STREQ(e.error().identifier, "shapewiener:denoise:interrupted");
+        EXPECT_EQ(e.error().code, sw::ErrorCode::kInterrupted);
+    }
+}
+
+}  // namespace

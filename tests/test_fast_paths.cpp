@@ -1,0 +1,301 @@
+// The fast hot paths against the reference routines, bit for bit, at every
+// SIMD level this machine has: noise levels, forward and inverse shape
+// transforms on random shapes, and whole filter calls.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include "driver/box.h"
+#include "driver/workspace.h"
+#include "shape/gather.h"
+#include "simd/simd.h"
+#include "spectrum/levels_fast.h"
+#include "spectrum/noise_level.h"
+#include "support/test_args.h"
+#include "transform/shape_transform.h"
+#include "transform/transform_fast.h"
+
+namespace {
+
+using sw::simd::Level;
+
+std::vector<Level> levels_here() {
+    std::vector<Level> out;
+    for (int i = 1; i < sw::simd::kLevelCount; ++i) {
+        if (sw::simd::supported(static_cast<Level>(i))) out.push_back(static_cast<Level>(i));
+    }
+    return out;
+}
+
+// Restores the level that was active when the test started.
+struct LevelGuard {
+    Level saved = sw::simd::active();
+    ~LevelGuard() { sw::simd::set_level(saved); }
+};
+
+// Equal bits, or both NaN (which NaN a sum of two NaNs keeps is the
+// compiler's choice of operand order, in the reference as well).
+bool same(float a, float b) {
+    if (std::isnan(a) && std::isnan(b)) return true;
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+template <class T>
+uint32_t first_difference(const std::vector<T>& a, const std::vector<T>& b) {
+    for (uint32_t i = 0; i < a.size(); ++i) {
+        if (!same(a[i], b[i])) return i;
+    }
+    return UINT32_MAX;
+}
+
+// One random shape, gathered and transformed by the reference routines.
+struct Shape {
+    sw::RuntimeBox box{1};
+    uint32_t w = 1, n = 32;
+    std::vector<std::vector<double>> bank;
+    std::vector<const double*> table;
+    std::vector<uint8_t> mask;
+    std::vector<float> ng, pg, nc, pc;
+    std::vector<int32_t> cc, rc, cursor;
+    sw::GatherResult g{};
+    bool by_columns = false;
+    std::vector<float> twiddle;
+    std::vector<double> psd;
+    double factor = 1.0;
+    bool non_finite = false;
+};
+
+// Random scale, mask, clipping, orientation, matrices, spectrum and image.
+Shape random_shape(std::mt19937& rng, uint32_t trial) {
+    std::uniform_real_distribution<double> unit(0.0, 1.0);
+    Shape s;
+    const uint32_t h = trial % 17 == 0 ? 11 + rng() % 6 : 1 + rng() % 9;
+    s.box = sw::RuntimeBox{h};
+    s.w = 2 * h - 1;
+    const uint32_t w = s.w;
+    switch (trial % 5) {
+        case 0: s.n = w; break;                         // odd, the smallest grid
+        case 1: s.n = w + 1 + 2 * (rng() % 4); break;  // even, table
+        default: s.n = w <= 32 ? 32 : w + 1;
+    }
+    for (uint32_t len = 1; len <= w; ++len) {
+        s.bank.push_back(trial % 3 == 1 ? swtest::dct_matrix(len) : swtest::random_orthogonal(len, rng));
+    }
+    if (trial % 11 == 3) {  // a matrix far from orthogonal: large products
+        for (double& v : s.bank[w / 2]) v *= 1e20;
+    }
+    for (const auto& t : s.bank) s.table.push_back(t.data());
+
+    // A random mask around the centre, in an image small enough to clip it.
+    std::vector<uint8_t> cell(w * w);
+    const double density = 0.2 + 0.8 * unit(rng);
+    for (auto& b : cell) b = unit(rng) < density ? 1 : 0;
+    cell[(h - 1) * (w + 1)] = 1;
+    const uint8_t* masks[8];
+    for (auto& m : masks) m = cell.data();
+    const uint32_t m = w + rng() % (w + 2);
+    const uint32_t row = rng() % m, col = rng() % m;
+    std::vector<double> image(m * m);
+    const bool flat = trial % 13 == 5;  // equal values: centred values come out 0
+    for (auto& v : image) v = flat ? 0.5 : unit(rng);
+    s.by_columns = rng() % 2 == 0;
+    s.mask.assign(w * w, 0);
+    s.ng.assign(w * w, 0.0f);
+    s.pg = s.nc = s.pc = s.ng;
+    s.cc.assign(w, 0);
+    s.rc = s.cursor = s.cc;
+    const sw::ClippedBox clip = sw::clipped_box(row, col, m, m, h);
+    s.g = sw::gather_shape(s.box, row, col, clip, masks, s.by_columns, image.data(), image.data(), m,
+                           s.mask.data(), s.ng.data(), s.pg.data(), s.cc.data(), s.rc.data(),
+                           s.cursor.data());
+    sw::remove_mean(s.box, s.g.noisy_mean, s.ng.data(), s.pg.data(), s.nc.data(), s.pc.data());
+    sw::forward_transform(s.box, s.ng.data(), s.pg.data(), s.nc.data(), s.pc.data(), s.cc.data(),
+                          s.rc.data(), s.g.max_column_count, s.table.data());
+    if (trial % 19 == 7) {  // an infinity: the fast paths leave the shape to the reference
+        s.bank[s.g.max_column_count - 1].back() = std::numeric_limits<double>::infinity();
+        s.non_finite = true;
+    }
+
+    s.twiddle.assign(2 * s.n * s.n, 0.0f);
+    sw::twiddle_fill(s.twiddle.data(), s.n);
+    s.psd.resize(s.n * s.n);
+    const double low = trial % 4 == 2 ? -0.3 : 0.0;  // negative sums give NaN levels
+    for (auto& v : s.psd) v = low + unit(rng);
+    s.factor = trial % 9 == 4 ? -0.5 : 0.25 + unit(rng);
+    return s;
+}
+
+// Levels of the shape's noisy coefficients (with some set to 0, NaN or
+// infinity) by the reference and by the fast path at every level.
+TEST(FastNoiseLevels, MatchReferenceOnRandomShapes) {
+    LevelGuard guard;
+    std::mt19937 rng(2024);
+    const std::vector<Level> levels = levels_here();
+    for (uint32_t trial = 0; trial < 300; ++trial) {
+        Shape s = random_shape(rng, trial);
+        const uint32_t area = s.w * s.w;
+        if (trial % 7 == 6) {
+            for (uint32_t t = 0; t < area; ++t) {
+                if (s.nc[t] == 0.0f) continue;
+                switch (rng() % 8) {
+                    case 0: s.nc[t] = 0.0f; break;
+                    case 1: s.nc[t] = -0.0f; break;
+                    case 2: s.nc[t] = std::numeric_limits<float>::quiet_NaN(); break;
+                    case 3: s.nc[t] = std::numeric_limits<float>::infinity(); break;
+                    default: break;
+                }
+            }
+        }
+        std::vector<float> spatial(s.n * s.n), rows(2 * s.n * (s.n / 2 + 1)), block(rows.size());
+        const sw::SpectrumContext ctx{s.n,           s.n == 32 ? nullptr : s.twiddle.data(),
+                                      spatial.data(), rows.data(), block.data(), s.psd.data(),
+                                      s.factor};
+        std::vector<float> want(area, -1.0f);
+        std::vector<float> ng = s.ng;
+        const float want_dc = sw::noise_levels(s.box, ctx, s.nc.data(), ng.data(), s.cc.data(),
+                                               s.rc.data(), s.cursor.data(), s.g.max_column_count,
+                                               s.table.data(), s.mask.data(), s.by_columns,
+                                               s.g.shape_size, want.data());
+        const sw::ShapeLevelsInput in{s.w,         &ctx,           s.nc.data(),  s.cc.data(),
+                                      s.rc.data(), s.g.max_column_count, s.table.data(),
+                                      s.mask.data(), s.by_columns, s.g.shape_size};
+        for (Level level : levels) {
+            std::vector<float> got(area, -2.0f);
+            float dc = -2.0f;
+            ASSERT_EQ(sw::noise_levels_lanes(in, level, got.data(), &dc), !s.non_finite)
+                << "trial " << trial;
+            if (s.non_finite) {  // left to the reference
+                ASSERT_TRUE(sw::simd::set_level(level));
+                dc = sw::noise_levels_fast(s.box, ctx, s.nc.data(), ng.data(), s.cc.data(),
+                                           s.rc.data(), s.cursor.data(), s.g.max_column_count,
+                                           s.table.data(), s.mask.data(), s.by_columns,
+                                           s.g.shape_size, got.data());
+            }
+            const uint32_t at = first_difference(want, got);
+            ASSERT_EQ(at, UINT32_MAX) << "trial " << trial << " level " << sw::simd::name(level)
+                                      << " W " << s.w << " N " << s.n << " t " << at << ": "
+                                      << want[at] << " vs " << got[at];
+            ASSERT_TRUE(same(want_dc, dc)) << "trial " << trial << " level " << sw::simd::name(level)
+                                           << ": " << want_dc << " vs " << dc;
+        }
+    }
+}
+
+// Forward and inverse transforms of random shapes: every array the
+// routines touch ends with the reference's bits.
+TEST(FastTransforms, MatchReferenceOnRandomShapes) {
+    LevelGuard guard;
+    std::mt19937 rng(77);
+    const std::vector<Level> levels = levels_here();
+    for (uint32_t trial = 0; trial < 300; ++trial) {
+        const Shape s = random_shape(rng, trial);
+        const uint32_t area = s.w * s.w;
+        // The gathered values again (random_shape transformed them in place).
+        std::vector<float> ng(area), pg(area);
+        std::uniform_real_distribution<float> value(-1.0f, 1.0f);
+        for (uint32_t j = 0; j < s.w; ++j) {
+            for (int32_t f = 0; f < s.cc[j]; ++f) {
+                ng[j * s.w + f] = value(rng);
+                pg[j * s.w + f] = value(rng);
+            }
+        }
+        if (trial % 6 == 1) ng[rng() % area] = std::numeric_limits<float>::quiet_NaN();
+        if (trial % 3 == 0) {  // the pilot equal to the noisy values, on some or all lines
+            for (uint32_t j = 0; j < s.w; ++j) {
+                if (trial % 2 == 0 || rng() % 2 == 0) std::copy_n(ng.begin() + j * s.w, s.w, pg.begin() + j * s.w);
+            }
+        }
+        struct Arrays {
+            std::vector<float> ng, pg, nc, pc, out;
+            std::vector<int32_t> rc, cursor;
+        };
+        auto run = [&](bool fast) {
+            Arrays a{ng, pg, std::vector<float>(area), std::vector<float>(area),
+                     std::vector<float>(area), std::vector<int32_t>(s.w), std::vector<int32_t>(s.w)};
+            if (fast) {
+                sw::forward_transform_fast(s.box, a.ng.data(), a.pg.data(), a.nc.data(), a.pc.data(),
+                                           s.cc.data(), a.rc.data(), s.g.max_column_count, s.table.data());
+                sw::inverse_transform_fast(s.box, a.nc.data(), a.out.data(), s.cc.data(), a.rc.data(),
+                                           a.cursor.data(), s.g.max_column_count, s.table.data());
+            } else {
+                sw::forward_transform(s.box, a.ng.data(), a.pg.data(), a.nc.data(), a.pc.data(),
+                                      s.cc.data(), a.rc.data(), s.g.max_column_count, s.table.data());
+                sw::inverse_transform(s.box, a.nc.data(), a.out.data(), s.cc.data(), a.rc.data(),
+                                      a.cursor.data(), s.g.max_column_count, s.table.data());
+            }
+            return a;
+        };
+        const Arrays want = run(false);
+        for (Level level : levels) {
+            ASSERT_TRUE(sw::simd::set_level(level));
+            const Arrays got = run(true);
+            const char* name = sw::simd::name(level);
+            EXPECT_EQ(first_difference(want.ng, got.ng), UINT32_MAX) << "trial " << trial << " " << name;
+            EXPECT_EQ(first_difference(want.pg, got.pg), UINT32_MAX) << "trial " << trial << " " << name;
+            EXPECT_EQ(first_difference(want.nc, got.nc), UINT32_MAX) << "trial " << trial << " " << name;
+            EXPECT_EQ(first_difference(want.pc, got.pc), UINT32_MAX) << "trial " << trial << " " << name;
+            EXPECT_EQ(first_difference(want.out, got.out), UINT32_MAX) << "trial " << trial << " " << name;
+            EXPECT_EQ(want.rc, got.rc) << "trial " << trial << " " << name;
+            ASSERT_EQ(want.cursor, got.cursor) << "trial " << trial << " " << name;
+        }
+    }
+}
+
+// Whole calls (variants, general path, both spectrum paths, skipped and
+// repeated pixels) give the reference's bits at every level.
+TEST(FastPaths, WholeCallsMatchTheReference) {
+    LevelGuard guard;
+    const std::vector<Level> levels = levels_here();
+    for (uint32_t seed = 0; seed < 12; ++seed) {
+        swtest::RandomOptions o;
+        o.h = 1 + seed % 9;
+        const uint32_t w = 2 * o.h - 1;
+        o.n = seed % 3 == 0 ? w + 1 + (w + 1) % 2 : 32;
+        o.m = w + 2;
+        o.k = seed % 2 == 0 ? w : 3;
+        o.random_matrices = seed % 2 == 1;
+        o.repeat_pixels = seed % 4 == 2;
+        o.coverage_threshold = seed % 4 == 3 ? 2 : 1e9;
+        const swtest::CallPlan plan = swtest::random_plan(500 + seed, o);
+        ASSERT_TRUE(sw::simd::set_level(Level::reference));
+        swtest::MexCall want = swtest::make_call(plan);
+        want.run();
+        for (Level level : levels) {
+            ASSERT_TRUE(sw::simd::set_level(level));
+            swtest::MexCall got = swtest::make_call(plan);
+            if (seed % 2 == 0) {
+                got.run();
+            } else {
+                got.run_general(o.h);
+            }
+            EXPECT_TRUE(swtest::same_bits(want.output(), got.output()))
+                << "seed " << seed << " level " << sw::simd::name(level);
+        }
+    }
+}
+
+// The level can be forced by name, and only to a level this machine has.
+TEST(SimdLevel, NamesAndSupport) {
+    LevelGuard guard;
+    for (int i = 0; i < sw::simd::kLevelCount; ++i) {
+        const Level level = static_cast<Level>(i);
+        Level parsed;
+        ASSERT_TRUE(sw::simd::parse(sw::simd::name(level), &parsed));
+        EXPECT_EQ(parsed, level);
+        EXPECT_EQ(sw::simd::set_level(level), sw::simd::supported(level));
+        if (sw::simd::supported(level)) {
+            EXPECT_EQ(sw::simd::active(), level);
+        }
+    }
+    Level parsed;
+    EXPECT_FALSE(sw::simd::parse("avx1024", &parsed));
+    EXPECT_TRUE(sw::simd::supported(Level::scalar));
+    EXPECT_TRUE(sw::simd::supported(sw::simd::best()));
+}
+
+}  // namespace

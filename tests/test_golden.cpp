@@ -1,0 +1,241 @@
+// The exact bits of whole calls: SHA-256 of the output's bytes followed by
+// the bytes of both images after the call (the dither), for a table of calls
+// that covers the fast N = 32 path, the table path (even N; odd N through the
+// general path directly, since the contract check rejects it), the general
+// path (H = 1..3), every size-specialised variant (H = 4..11), coverage
+// skipping, repeated pixels, NaN pixels and flat regions; and the two
+// adaptive workloads of ../shared/workloads against their published checksums.
+//
+// Inputs are generated deterministically (support/test_args.h: fixed seeds,
+// exact arithmetic; the DCT matrices use glibc's cos, fixed on Debian 12).
+// A change of any output bit fails. To change the expected bits deliberately,
+// run with SHAPEWIENER_PRINT_HASHES=1: every row prints its actual checksum
+// in the form of the table, ready to paste. A new row is one entry of kGolden.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "mex/gateway.h"
+#include "shapewiener/filter.h"
+#include "support/sha256.h"
+#include "support/test_args.h"
+
+namespace {
+
+using swtest::CallPlan;
+
+enum : unsigned { kRandomMatrices = 1, kSquareMasks = 2, kRepeatPixels = 4 };
+
+swtest::RandomOptions options(uint32_t h, uint32_t n, uint32_t m, uint32_t k, unsigned flags = 0,
+                              double coverage_threshold = 1e9) {
+    swtest::RandomOptions o;
+    o.h = h;
+    o.n = n;
+    o.m = m;
+    o.k = k;
+    o.random_matrices = flags & kRandomMatrices;
+    o.random_masks = !(flags & kSquareMasks);
+    o.repeat_pixels = flags & kRepeatPixels;
+    o.coverage_threshold = coverage_threshold;
+    return o;
+}
+
+// Uniform noise of the given amplitude on the noisy image (the pilot keeps its values).
+CallPlan noisy(CallPlan s, uint32_t seed, double amplitude) {
+    std::mt19937 rng(seed);
+    for (double& v : s.noisy) v += amplitude * (2.0 * swtest::unit(rng) - 1.0);
+    return s;
+}
+
+struct Golden {
+    const char* description;
+    CallPlan (*plan)();
+    bool general_path;  // run the general path directly, bypassing check and dispatch
+    const char* sha256;
+};
+
+const Golden kGolden[] = {
+    {"N = 32, H = 4, random masks", [] { return swtest::random_plan(101, options(4, 32, 12, 10)); }, false,
+     "8b5b21a11ea1d5bc0ed64b7d1bfbea1123dedff6c4efd4747ec0a4204b1f9228"},
+    {"N = 32, H = 4, squares, flat regions, zeros, values outside [0, 1]",
+     [] {
+         CallPlan s = swtest::square_plan(11, 9, 4, 32);
+         for (uint32_t q = 0; q < 99; ++q) {
+             s.noisy[q] = q < 40 ? 0.5 : q < 50 ? 0.0 : q % 7 == 0 ? 1.25 : q % 5 == 0 ? -0.125 : s.noisy[q];
+             s.pilot[q] = q < 45 ? 0.5 : s.noisy[q];
+         }
+         return s;
+     },
+     false, "d5bbe04e4e2c08a439527c70ee24e88cb157407044848bc7c2da70dd4b462210"},
+    {"flat image, noise far below the mean-removal ramp",
+     [] {
+         CallPlan s = swtest::square_plan(8, 7, 3, 32);
+         s.noisy.assign(56, 0.5);
+         s.pilot.assign(56, 0.5);
+         s.psd.assign(32 * 32, 1e-33);
+         return s;
+     },
+     false, "d50ab1b2e5edcb5316a792196157f49bb6126a782eb1738096440e18b762ee84"},
+    {"table path N = 12, H = 3, random matrices",
+     [] { return swtest::random_plan(102, options(3, 12, 9, 11, kRandomMatrices)); }, false,
+     "3a5139867c979f185b8528628ded8b824db6b5fa89d006dba5feefddb673102a"},
+    {"table path N = 10, H = 5 (variant)", [] { return swtest::random_plan(103, options(5, 10, 7, 6)); },
+     false, "ce2b703944541897bbe5a730a143d5a3d5b6d00664342c7bb695829de00bb902"},
+    {"odd N = 9, H = 2, general path", [] { return swtest::random_plan(104, options(2, 9, 8, 7)); }, true,
+     "9c14c0d337e893ae391be04b22191b0fdc746aa98391b456e120c67fbef1d464"},
+    {"odd N = 7, H = 4, general path", [] { return noisy(swtest::square_plan(9, 8, 4, 7), 5, 0.2); }, true,
+     "0f2e36193922aaf2f080b9a61c73c86eba1d4d9cddb752382330e9c8c5b8b052"},
+    {"H = 1", [] { return swtest::random_plan(105, options(1, 32, 7, 6)); }, false,
+     "c8aff498dc9d84c760ada3ebd1ab6d2dac3a35fa5e891d357d1cc74aa56fa89e"},
+    {"H = 2, random matrices, square masks",
+     [] { return swtest::random_plan(106, options(2, 32, 8, 9, kRandomMatrices | kSquareMasks)); }, false,
+     "0247d81560932f396773a902fd5986cdbe0eb56ebd970c9b3753efc12f938a60"},
+    {"H = 3, repeated pixels", [] { return swtest::random_plan(107, options(3, 32, 10, 7, kRepeatPixels)); },
+     false, "77ad8269d9489b9d692c27d82af426b77b120a5c3c8f2ad0c6a22135339c114d"},
+    {"coverage threshold 0", [] { return swtest::random_plan(108, options(3, 32, 10, 9, kSquareMasks, 0)); },
+     false, "7152f0870bfcb5d7276b8af230a237a150ee11585ef1364555e7cc6524b4a126"},
+    {"coverage threshold 1, repeated pixels",
+     [] { return swtest::random_plan(109, options(2, 16, 9, 9, kRepeatPixels, 1)); }, false,
+     "f93f038dd248103619a9b8fabbac2b3ba656dcc0a91252528e0dfa6313ba1eb6"},
+    {"NaN pixels in both images",
+     [] {
+         CallPlan s = swtest::random_plan(110, options(3, 32, 8, 8));
+         s.noisy[9] = std::nan("");
+         s.pilot[40] = std::nan("");
+         return s;
+     },
+     false, "283ef867ba7e95376ed4efb243e0d11c7906df037c65ce41e4bc09f229d46086"},
+    {"H = 4, squares with noise, threshold 1",
+     [] {
+         CallPlan s = noisy(swtest::square_plan(9, 7, 4, 32), 4, 0.1);
+         s.coverage_threshold = 1;
+         return s;
+     },
+     false, "d3ac0595cdda44e781c837b5e7cc0a36e9c1543a8765d6967382d8a8fc681229"},
+    {"H = 5, random masks, image smaller than the box",
+     [] { return swtest::random_plan(205, options(5, 32, 4, 7)); }, false,
+     "df33fc148c9a4ff9eb057cd6f10049b1dd5e9d5daf9add655bd0b48139a203b7"},
+    {"H = 6, squares with noise", [] { return noisy(swtest::square_plan(13, 11, 6, 32), 6, 0.1); }, false,
+     "c731aba3e148f956879dae55139739c7ffcd2d0cc70b58074736559114ac42e2"},
+    {"H = 7, random masks and matrices, N = 14",
+     [] { return swtest::random_plan(207, options(7, 14, 6, 8, kRandomMatrices)); }, false,
+     "5271aebcaa5503403656872474aa0d6078b90b29186acf98e79e03d21057ed3c"},
+    {"H = 8, squares with noise", [] { return noisy(swtest::square_plan(10, 9, 8, 32), 8, 0.1); }, false,
+     "903603bcb635a00af7831e178486667397fbca7840eb1f4a0daf2e7fcfa71bfc"},
+    {"H = 9, random masks, repeated pixels",
+     [] { return swtest::random_plan(209, options(9, 32, 8, 5, kRepeatPixels)); }, false,
+     "03193065dfd29a91171087e224f0b211991fd9a5bf018eb7c4a0e36815bd57f4"},
+    {"H = 10, squares with noise, N = 20", [] { return noisy(swtest::square_plan(6, 7, 10, 20), 10, 0.1); },
+     false, "eb428ed9769c80eac9017d7df3e02960fef432b8e54de597fa60cc8afdcc523c"},
+    {"H = 11, random masks", [] { return swtest::random_plan(211, options(11, 32, 5, 6)); }, false,
+     "e9d4b3f94928c5daf815b147e47ac6b66fbcadd916fe39c11365436a851cf7b3"},
+};
+
+std::string hash_of(const swtest::MexCall& call) {
+    std::vector<double> bytes = call.output();
+    for (const auto& image : {call.noisy(), call.pilot()})
+        bytes.insert(bytes.end(), image.begin(), image.end());
+    return swtest::sha256_hex(bytes.data(), sizeof(double) * bytes.size());
+}
+
+TEST(Golden, EveryCallGivesItsBits) {
+    const bool print = std::getenv("SHAPEWIENER_PRINT_HASHES") != nullptr;
+    for (const Golden& g : kGolden) {
+        const CallPlan plan = g.plan();
+        swtest::MexCall call = swtest::make_call(plan);
+        g.general_path ? call.run_general(plan.h) : call.run();
+        const std::string actual = hash_of(call);
+        if (print)
+            std::printf("    {\"%s\", ... \"%s\"},\n", g.description, actual.c_str()), std::fflush(stdout);
+        EXPECT_EQ(actual, g.sha256) << g.description;
+        // The size-specialised variants compute what the general path does.
+        if (!g.general_path && sw::variant_for(plan.h) != nullptr) {
+            swtest::MexCall general = swtest::make_call(plan);
+            general.run_general(plan.h);
+            EXPECT_EQ(hash_of(general), actual) << g.description << ": variant and general path differ";
+        }
+    }
+}
+
+// The adaptive workloads (see ../shared/workloads/README.md).
+std::string read_file(const std::string& path, bool gzipped) {
+    std::string data;
+    if (!gzipped) {
+        std::ifstream f(path, std::ios::binary);
+        data.assign(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+        return data;
+    }
+    FILE* pipe = popen(("gzip -dc '" + path + "'").c_str(), "r");
+    if (pipe == nullptr) return data;
+    char buf[65536];
+    for (size_t got; (got = std::fread(buf, 1, sizeof buf, pipe)) > 0;) data.append(buf, got);
+    pclose(pipe);
+    return data;
+}
+
+template <class T>
+std::vector<T> values(const std::string& bytes) {
+    std::vector<T> v(bytes.size() / sizeof(T));
+    if (!v.empty()) std::memcpy(v.data(), bytes.data(), sizeof(T) * v.size());
+    return v;
+}
+
+void run_workload(const char* name, uint32_t h) {
+    const char* env = std::getenv("SHAPEWIENER_WORKLOADS");
+    const std::string root = env != nullptr ? env : SHAPEWIENER_WORKLOADS_DIR;
+    const std::string dir = root + "/" + name;
+    if (!std::ifstream(dir + "/out.sha256")) {
+        const char* ci = std::getenv("CI");
+        if (ci != nullptr && std::string(ci) == "true") FAIL() << "no workload at " << dir << " (CI=true)";
+        GTEST_SKIP() << "no workload at " << dir << " (set SHAPEWIENER_WORKLOADS to its folder); not checked";
+    }
+#if defined(SWTEST_ASAN)
+    GTEST_SKIP() << "the workloads' bits are checked in the plain build";
+#endif
+    CallPlan s;
+    s.m = s.k = 512;
+    s.h = h;
+    const uint32_t w = s.w();
+    s.scale_set = values<double>(read_file(dir + "/scaleset.f64", false));
+    s.direction_scale_map = values<uint8_t>(read_file(dir + "/dsm.u8.gz", true));
+    const std::vector<double> t = values<double>(read_file(dir + "/transforms.f64", false));
+    for (size_t len = 1, at = 0; len <= w && at + len * len <= t.size(); at += len * len, ++len) {
+        s.transforms.emplace_back(t.begin() + at, t.begin() + at + len * len);
+    }
+    const std::vector<uint8_t> masks = values<uint8_t>(read_file(dir + "/masks.u8", false));
+    for (size_t at = 0; at + w * w <= masks.size(); at += w * w) {
+        s.sector_masks.emplace_back(masks.begin() + at, masks.begin() + at + w * w);
+    }
+    s.psd = values<double>(read_file(root + "/camera512_gauss1_psd32.f64", false));
+    s.noisy = values<double>(read_file(root + "/camera512_gauss1_noisy.f64", false));
+    s.pilot = s.noisy;
+    const std::vector<int32_t> list = values<int32_t>(read_file(dir + "/list.i32.gz", true));
+    ASSERT_EQ(list.size(), 2u * 512 * 512);
+    s.pixels.assign(list.begin(), list.begin() + 512 * 512);
+    s.keys.assign(list.begin() + 512 * 512, list.end());
+    s.wiener_variance_factor = 6.0;
+    swtest::MexCall call = swtest::make_call(s);
+    call.run();
+    const std::vector<double> out = call.output();
+    const std::string expected = read_file(dir + "/out.sha256", false).substr(0, 64);
+    EXPECT_EQ(swtest::sha256_hex(out.data(), sizeof(double) * out.size()), expected) << name;
+}
+
+TEST(Workload, AdaptiveH7) { run_workload("adaptive_h7", 7); }
+TEST(Workload, AdaptiveH9) { run_workload("adaptive_h9", 9); }
+
+TEST(Sha256, KnownDigests) {
+    EXPECT_EQ(swtest::sha256_hex("", 0), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+    const std::string two_blocks(119, 'a');  // the length pads into a second block
+    EXPECT_EQ(swtest::sha256_hex("abc", 3),
+              "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    EXPECT_EQ(swtest::sha256_hex(two_blocks.data(), two_blocks.size()),
+              "31eba51c313a5c08226adf18d4a359cfdfd8d2e816b13f4af952f7ea6584dcfb");
+}
+
+}  // namespace

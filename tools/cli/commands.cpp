@@ -1,0 +1,190 @@
+#include "commands.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+
+#include "array_io.h"
+#include "caller/coloured_noise.h"
+#include "image_io.h"
+#include "shapewiener/denoise.h"
+
+namespace swcli {
+namespace {
+
+double psnr(const sw::Image& a, const sw::Image& b, double peak) {
+    if (a.rows != b.rows || a.cols != b.cols) {
+        throw std::runtime_error("the images differ in size: " + std::to_string(a.rows) + " x " +
+                                 std::to_string(a.cols) + " and " + std::to_string(b.rows) +
+                                 " x " + std::to_string(b.cols));
+    }
+    double sum = 0.0;
+    for (size_t p = 0; p < a.pixels.size(); ++p) {
+        const double d = a.pixels[p] - b.pixels[p];
+        sum += d * d;
+    }
+    const double mse = sum / static_cast<double>(a.pixels.size());
+    return 10.0 * std::log10(peak * peak / mse);
+}
+
+void check_output_name(const std::string& path) {
+    if (!swio::known_image_extension(path)) {
+        throw std::runtime_error(path + ": unknown image format '" + swio::extension_of(path) +
+                                 "' (use .png, .tif, .tiff or .npy)");
+    }
+}
+
+// A progress bar on stderr, drawn only when stderr is a terminal.
+class ProgressBar {
+public:
+    explicit ProgressBar(bool enabled) : enabled_(enabled && isatty(STDERR_FILENO)) {}
+    ~ProgressBar() { finish(); }
+    bool operator()(double fraction, const char* phase) {
+        if (!enabled_) return true;
+        const int width = 30;
+        const int filled = static_cast<int>(fraction * width + 0.5);
+        std::fprintf(stderr, "\r[%.*s%*s] %3d%% %-8s", filled, "##############################",
+                     width - filled, "", static_cast<int>(fraction * 100 + 0.5), phase);
+        std::fflush(stderr);
+        drawn_ = true;
+        return true;
+    }
+    void finish() {
+        if (drawn_) std::fprintf(stderr, "\r%*s\r", 50, "");
+        drawn_ = false;
+    }
+
+private:
+    bool enabled_;
+    bool drawn_ = false;
+};
+
+}  // namespace
+
+void write_atomically(const std::string& path, const std::function<void(const std::string&)>& write) {
+    const std::filesystem::path target(path);
+    const std::filesystem::path temp =
+        target.parent_path() /
+        (".shapewiener-" + std::to_string(getpid()) + "-" + target.filename().string());
+    try {
+        write(temp.string());
+        std::filesystem::rename(temp, target);
+    } catch (...) {
+        std::error_code ignored;
+        std::filesystem::remove(temp, ignored);
+        throw;
+    }
+}
+
+int run_denoise(const DenoiseArgs& a) {
+    check_output_name(a.output);
+    const auto start = std::chrono::steady_clock::now();
+    const swio::ImageFile input = swio::read_image(a.input);
+    sw::NoiseModel noise;
+    if (!a.psd.empty()) {
+        swio::Array2 p = swio::read_array(a.psd);
+        if (p.rows != input.image.rows || p.cols != input.image.cols) {
+            throw std::runtime_error(a.psd + ": the power spectrum is " + std::to_string(p.rows) +
+                                     " x " + std::to_string(p.cols) + ", the image " +
+                                     std::to_string(input.image.rows) + " x " +
+                                     std::to_string(input.image.cols));
+        }
+        noise = sw::NoiseModel::from_psd(std::move(p.values));
+    } else if (!a.kernel.empty()) {
+        swio::Array2 k = swio::read_array(a.kernel);
+        noise = sw::NoiseModel::from_kernel(std::move(k.values), k.rows, k.cols, a.sigma);
+    } else {
+        noise = sw::NoiseModel::white(a.sigma);
+    }
+    sw::Image reference;
+    if (!a.reference.empty()) reference = swio::read_image(a.reference).image;
+
+    sw::DenoiseOptions options;
+    options.preset = a.preset;
+    options.threads = a.threads;
+    sw::DenoiseReport report;
+    ProgressBar bar(!a.quiet);
+    const sw::Image output = sw::denoise(
+        input.image, noise, options,
+        [&bar](double fraction, const char* phase) { return bar(fraction, phase); }, &report);
+    bar.finish();
+    write_atomically(a.output, [&](const std::string& temp) {
+        swio::write_image(temp, a.output, output, swio::output_kind(a.output, input.kind));
+    });
+    if (!a.quiet) {
+        const double total =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        std::fprintf(stderr,
+                     "%s: %u x %u, preset %s, %d passes, %llu key changes; denoising %.2f s, "
+                     "total %.2f s\n",
+                     a.output.c_str(), input.image.rows, input.image.cols, a.preset.c_str(),
+                     report.passes, static_cast<unsigned long long>(report.key_changes),
+                     report.seconds, total);
+        if (!a.reference.empty()) {
+            std::fprintf(stderr, "PSNR noisy %.2f dB, denoised %.2f dB\n",
+                         psnr(input.image, reference, 1.0), psnr(output, reference, 1.0));
+        }
+    }
+    return 0;
+}
+
+int run_simulate(const SimulateArgs& a) {
+    const std::string ext = swio::extension_of(a.output);
+    if (ext != ".npy" && ext != ".tif" && ext != ".tiff") {
+        throw std::runtime_error(a.output + ": simulate writes float images: use .npy or .tif");
+    }
+    if (!std::isfinite(a.sigma) || a.sigma < 0.0) {
+        throw std::runtime_error("--sigma must be a finite number of at least 0");
+    }
+    const swio::ImageFile input = swio::read_image(a.input);
+    swcaller::NoiseKernel kernel = swcaller::white_kernel();
+    if (!a.kernel.empty()) {
+        const swio::Array2 k = swio::read_array(a.kernel);
+        // Odd sizes, the extra row or column zero, and unit energy.
+        kernel.rows = k.rows | 1u;
+        kernel.cols = k.cols | 1u;
+        kernel.taps.assign(static_cast<size_t>(kernel.rows) * kernel.cols, 0.0);
+        double energy = 0.0;
+        for (double t : k.values) energy += t * t;
+        if (!(energy > 0.0) || !std::isfinite(energy)) {
+            throw std::runtime_error(a.kernel + ": the kernel is all zero or not finite");
+        }
+        const double norm = std::sqrt(energy);
+        for (uint32_t c = 0; c < k.cols; ++c) {
+            for (uint32_t r = 0; r < k.rows; ++r) {
+                kernel.taps[r + static_cast<size_t>(c) * kernel.rows] = k.values[r + static_cast<size_t>(c) * k.rows] / norm;
+            }
+        }
+    }
+    const swcaller::Image noise =
+        swcaller::coloured_noise(input.image.rows, input.image.cols, kernel, a.sigma, a.seed);
+    sw::Image noisy = input.image;
+    for (size_t p = 0; p < noisy.pixels.size(); ++p) noisy.pixels[p] += noise.pixels[p];
+    write_atomically(a.output, [&](const std::string& temp) {
+        swio::write_image(temp, a.output, noisy, swio::SampleKind::kFloat64);
+    });
+    return 0;
+}
+
+int run_compare(const CompareArgs& a) {
+    const sw::Image x = swio::read_image(a.a).image;
+    const sw::Image y = swio::read_image(a.b).image;
+    std::printf("PSNR %.4f dB\n", psnr(x, y, a.peak));
+    return 0;
+}
+
+int run_convert(const ConvertArgs& a) {
+    check_output_name(a.output);
+    const swio::ImageFile input = swio::read_image(a.input);
+    write_atomically(a.output, [&](const std::string& temp) {
+        swio::write_image(temp, a.output, input.image, swio::output_kind(a.output, input.kind));
+    });
+    return 0;
+}
+
+}  // namespace swcli

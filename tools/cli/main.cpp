@@ -1,0 +1,116 @@
+// shapewiener: denoise grey-scale images with coloured noise from the
+// command line. `shapewiener --help` and `shapewiener <command> --help`
+// describe everything.
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include "commands.h"
+#include "shapewiener/denoise.h"
+
+int main(int argc, char** argv) {
+    CLI::App app{
+        "shapewiener: denoises grey-scale images corrupted by white or coloured (correlated)\n"
+        "Gaussian noise. Images: .png (8/16-bit grey), .tif/.tiff (8/16-bit, 32-bit float),\n"
+        ".npy (float32/float64). Integer images are scaled to [0, 1] on input, and noise\n"
+        "levels are then in those units; float images are used as they are."};
+    app.require_subcommand(1);
+
+    swcli::DenoiseArgs d;
+    CLI::App* denoise = app.add_subcommand("denoise", "denoise an image");
+    denoise->add_option("INPUT", d.input, "noisy image (.png, .tif, .npy)")->required();
+    denoise->add_option("OUTPUT", d.output,
+                        "denoised image (.npy: float64; .tif: the input's sample type, float "
+                        "as float32; .png: the input's bit depth, 16 for float input)")
+        ->required();
+    CLI::Option* sigma = denoise->add_option(
+        "--sigma", d.sigma,
+        "noise standard deviation per pixel, in the image's units: white noise, or with "
+        "--kernel the coloured noise sigma * (k conv w) / ||k||");
+    CLI::Option* kernel = denoise->add_option(
+        "--kernel", d.kernel, "noise kernel k (.npy or text: whitespace-separated rows); needs --sigma");
+    CLI::Option* psd = denoise->add_option(
+        "--psd", d.psd,
+        "noise power spectrum of the image's size (.npy or text), DC at (0,0), unshifted; "
+        "white noise of variance s^2 has PSD == s^2");
+    kernel->needs(sigma);
+    psd->excludes(sigma)->excludes(kernel);
+    denoise->add_option("--preset", d.preset, "fast, default or best")
+        ->check(CLI::IsMember({"fast", "default", "best"}))
+        ->capture_default_str();
+    denoise->add_option("--threads", d.threads, "worker threads (0: all)")->capture_default_str();
+    denoise->add_option("--reference", d.reference, "clean image: print the PSNR before and after");
+    denoise->add_flag("--quiet", d.quiet, "no progress bar and no summary");
+
+    swcli::SimulateArgs s;
+    CLI::App* simulate = app.add_subcommand(
+        "simulate", "add Gaussian noise (white, or coloured by a kernel) to an image");
+    simulate->add_option("INPUT", s.input, "clean image")->required();
+    simulate->add_option("OUTPUT", s.output, "noisy image, float: .npy or .tif")->required();
+    simulate->add_option("--sigma", s.sigma, "noise standard deviation per pixel")->required();
+    simulate->add_option("--kernel", s.kernel, "colouring kernel (.npy or text); white without");
+    simulate->add_option("--seed", s.seed, "seed of the noise generator")->capture_default_str();
+
+    swcli::CompareArgs c;
+    CLI::App* compare = app.add_subcommand("compare", "PSNR of image A against reference B");
+    compare->add_option("A", c.a, "image")->required();
+    compare->add_option("B", c.b, "reference image")->required();
+    compare->add_option("--peak", c.peak, "peak value of the PSNR")->capture_default_str();
+
+    swcli::ConvertArgs v;
+    CLI::App* convert = app.add_subcommand(
+        "convert", "convert an image between formats (integer formats round and clip to [0, 1])");
+    convert->add_option("INPUT", v.input, "image")->required();
+    convert->add_option("OUTPUT", v.output, "image (.png, .tif, .npy)")->required();
+
+    swcli::FilterArgs f;
+    CLI::App* filter = app.add_subcommand(
+        "filter",
+        "run the raw filter module on a folder of arguments (the layout of the shared "
+        "workloads: scaleset.f64, dsm.u8[.gz], list.i32[.gz], transforms.f64, masks.u8)");
+    filter->add_option("DIR", f.folder, "folder of arguments")->required();
+    filter->add_option("OUTPUT", f.output, "output image, .npy (float64)")->required();
+    filter->add_option("--noisy", f.noisy, "noisy image (.f64 raw or .npy); default: the *_noisy.f64 beside DIR");
+    filter->add_option("--psd", f.psd, "N x N NoisePsd (.f64 raw or .npy); default: the *_psd32.f64 beside DIR");
+    filter->add_option("--pilot", f.pilot, "pilot image; default: the noisy image");
+    filter->add_option("--rows", f.rows, "image rows for raw .f64 images; default: square");
+    filter->add_option("--wiener-factor", f.wiener_variance_factor, "WienerVarianceFactor")
+        ->capture_default_str();
+    filter->add_option("--noise-level-factor", f.noise_level_factor, "NoiseLevelFactor")
+        ->capture_default_str();
+    filter->add_option("--coverage-threshold", f.coverage_threshold, "CoverageThreshold")
+        ->capture_default_str();
+    filter->add_option("--threads", f.threads, "worker threads (0: all)")->capture_default_str();
+
+    app.failure_message([](const CLI::App*, const CLI::Error& e) {
+        return std::string("shapewiener: error: ") + e.what() + " (see --help)\n";
+    });
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        return app.exit(e) == 0 ? 0 : 2;
+    }
+    try {
+        if (denoise->parsed()) {
+            if (d.psd.empty() && !sigma->count()) {
+                throw std::runtime_error(
+                    "no noise given: use --sigma S (white), --kernel FILE --sigma S, or --psd FILE");
+            }
+            d.has_sigma = sigma->count() > 0;
+            return swcli::run_denoise(d);
+        }
+        if (simulate->parsed()) return swcli::run_simulate(s);
+        if (compare->parsed()) return swcli::run_compare(c);
+        if (convert->parsed()) return swcli::run_convert(v);
+        if (filter->parsed()) return swcli::run_filter(f);
+    } catch (const sw::DenoiseError& e) {
+        std::fprintf(stderr, "shapewiener: error: %s (%s)\n", e.what(), e.error().identifier);
+        return 1;
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "shapewiener: error: %s\n", e.what());
+        return 1;
+    }
+    return 1;
+}
