@@ -20,10 +20,11 @@
 
 #if SHAPEWIENER_X86_SIMD
 // GCC 12 warns about the deliberately undefined upper part in its own
-// AVX-512 conversion intrinsics.
+// AVX-512 conversion intrinsics (as -Wuninitialized in sanitizer builds).
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
 #endif
 #include <immintrin.h>
 #if defined(__GNUC__) && !defined(__clang__)
