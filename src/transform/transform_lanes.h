@@ -280,10 +280,8 @@ void run_all(const ProductLine* lines, uint32_t count) {
 }  // namespace
 
 void run_lines(const ProductLine* lines, uint32_t count) {
-    run_all<2>(lines, count);
-    run_all<1>(lines, count);
-}
-
-void widen(const float* in, double* out, size_t count) {
-    for (size_t i = 0; i < count; ++i) out[i] = in[i];
+    uint32_t pairs = 0;
+    for (uint32_t i = 0; i < count; ++i) pairs += lines[i].y != nullptr ? 1 : 0;
+    if (pairs > 0) run_all<2>(lines, count);
+    if (pairs < count) run_all<1>(lines, count);
 }
