@@ -10,7 +10,7 @@ namespace sw {
 namespace {
 
 LinesFunction lines_for(simd::Level level) {
-    switch (level) {
+    switch (simd::supported(level) ? level : simd::Level::scalar) {
 #if SHAPEWIENER_X86_SIMD
         case simd::Level::sse2: return transform_sse2::run_lines;
         case simd::Level::avx2: return transform_avx2::run_lines;

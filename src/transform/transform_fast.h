@@ -18,29 +18,30 @@
 namespace sw {
 
 // forward_transform() for a box of side w with `level`'s kernels (not
-// Level::reference).
+// Level::reference; an unsupported level runs the one-lane kernels). Small
+// shapes, and shapes whose scratch cannot be had, go through the reference.
 void forward_transform_lanes(uint32_t w, simd::Level level, float* noisy_gather,
                              float* pilot_gather, float* noisy_coefficients,
                              float* pilot_coefficients, const int32_t* column_count,
                              int32_t* row_count, int32_t max_column_count,
                              const double* const* transform_table);
 
-// inverse_transform() for a box of side w with `level`'s kernels (not
-// Level::reference). Falls back to the reference when its scratch cannot
-// be had.
+// inverse_transform() for a box of side w with `level`'s kernels (as
+// above; the one-lane level uses the reference, which is as fast).
 void inverse_transform_lanes(uint32_t w, simd::Level level, float* coefficients, float* out,
                              const int32_t* column_count, const int32_t* row_count,
                              int32_t* row_cursor, int32_t max_column_count,
                              const double* const* transform_table);
 
 // Drop-in replacements: same arguments and effects as the reference
-// routines, bit for bit, at the active SIMD level.
+// routines, bit for bit, at the active SIMD level or the one given (the
+// reference routines themselves at Level::reference).
 template <class Box>
 void forward_transform_fast(const Box& box, float* noisy_gather, float* pilot_gather,
                             float* noisy_coefficients, float* pilot_coefficients,
                             const int32_t* column_count, int32_t* row_count,
-                            int32_t max_column_count, const double* const* transform_table) {
-    const simd::Level level = simd::active();
+                            int32_t max_column_count, const double* const* transform_table,
+                            simd::Level level = simd::active()) {
     if (level == simd::Level::reference) {
         forward_transform(box, noisy_gather, pilot_gather, noisy_coefficients, pilot_coefficients,
                           column_count, row_count, max_column_count, transform_table);
@@ -55,8 +56,8 @@ template <class Box>
 void inverse_transform_fast(const Box& box, float* coefficients, float* out,
                             const int32_t* column_count, const int32_t* row_count,
                             int32_t* row_cursor, int32_t max_column_count,
-                            const double* const* transform_table) {
-    const simd::Level level = simd::active();
+                            const double* const* transform_table,
+                            simd::Level level = simd::active()) {
     if (level == simd::Level::reference) {
         inverse_transform(box, coefficients, out, column_count, row_count, row_cursor,
                           max_column_count, transform_table);
