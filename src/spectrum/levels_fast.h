@@ -15,8 +15,10 @@
 //
 // Spectra in lanes. The coefficients that get a level, and the DC block
 // after them, are split into batches of as many blocks as the instruction
-// set has float lanes; spectrum_kernels.h takes the spectra and weighted
-// sums of a batch at once, each lane with the reference's operations.
+// set has float lanes; spectrum_kernels.h lays a batch's responses out
+// (vector products over the lanes of one row group) and takes the spectra
+// and weighted sums of the batch at once, each lane with the reference's
+// operations.
 //
 // Scratch: unlike the reference, the fast path leaves SpatialBlock,
 // RowSpectrum, BlockSpectrum, the noisy gather array and RowCursor

@@ -3,10 +3,13 @@
 //
 // Every one-dimensional product computes all outputs of its line side by
 // side in double lanes (transform_kernels.h); each output keeps its own
-// running float sum, its term order and its rounding after every term. The
-// transposed products of the inverse read a transposed copy of each matrix
-// they use, made per call in a per-thread buffer. The re-alignment steps
-// are the reference's, so every array ends as the reference leaves it.
+// running float sum, its term order and its rounding after every term. A
+// pilot line with the bits of the noisy line is computed once and copied.
+// The transposed products of the inverse read transposed copies of the
+// matrices, kept per thread and made again when a matrix's bits change
+// (checked once per matrix and call). The re-alignment steps are the
+// reference's, so every array ends as the reference leaves it. Small shapes
+// go through the reference routines, which need no set-up.
 #ifndef SHAPEWIENER_TRANSFORM_TRANSFORM_FAST_H
 #define SHAPEWIENER_TRANSFORM_TRANSFORM_FAST_H
 

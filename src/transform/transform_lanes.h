@@ -9,8 +9,8 @@
 // Each step of a sum waits for the rounding of the step before, so several
 // sums run interleaved in registers: a line's outputs are cut into chunks
 // of lanes, two inputs under the same matrix share its loads, and pieces of
-// two or four lines of similar length run together, going on with fewer as
-// the shorter ones end.
+// lines of similar length run together (about eight sums in flight), going
+// on with fewer as the shorter ones end.
 //
 // This file has no include guard on purpose: transform_kernels.cpp includes
 // it once per instruction set, inside a namespace of its own, with the macro
