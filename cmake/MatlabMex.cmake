@@ -22,8 +22,22 @@ find_library(SHAPEWIENER_MATLAB_UT NAMES ut libut
              PATHS ${Matlab_ROOT_DIR}/bin/glnxa64 ${Matlab_ROOT_DIR}/bin/maci64
                    ${Matlab_ROOT_DIR}/bin/maca64 ${Matlab_ROOT_DIR}/extern/lib/win64/microsoft
              NO_DEFAULT_PATH)
-if(SHAPEWIENER_MATLAB_UT)
-  target_link_libraries(shapewiener_matlab ${SHAPEWIENER_MATLAB_UT})
-else()
-  target_compile_definitions(shapewiener_matlab PRIVATE SHAPEWIENER_NO_MATLAB_INTERRUPT)
+set(_matlab_targets shapewiener_matlab)
+# The denoiser's gateway, shapewiener_denoise, over the same library.
+if(SHAPEWIENER_HAVE_DENOISE)
+  matlab_add_mex(NAME shapewiener_denoise_matlab SRC ${SHAPEWIENER_DENOISE_GATEWAY_SOURCE}
+                 OUTPUT_NAME shapewiener_denoise R2017b LINK_TO shapewiener_core)
+  target_include_directories(shapewiener_denoise_matlab PRIVATE ${PROJECT_SOURCE_DIR}/include
+                             ${PROJECT_SOURCE_DIR}/src)
+  target_link_options(shapewiener_denoise_matlab PRIVATE -static-libstdc++ -static-libgcc)
+  set_target_properties(shapewiener_denoise_matlab PROPERTIES LIBRARY_OUTPUT_DIRECTORY
+                                                             ${CMAKE_BINARY_DIR}/matlab)
+  list(APPEND _matlab_targets shapewiener_denoise_matlab)
 endif()
+foreach(_t ${_matlab_targets})
+  if(SHAPEWIENER_MATLAB_UT)
+    target_link_libraries(${_t} ${SHAPEWIENER_MATLAB_UT})
+  else()
+    target_compile_definitions(${_t} PRIVATE SHAPEWIENER_NO_MATLAB_INTERRUPT)
+  endif()
+endforeach()

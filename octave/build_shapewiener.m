@@ -5,9 +5,10 @@ function mexfile = build_shapewiener(outdir)
 %   build_shapewiener(OUTDIR)   builds into OUTDIR (created if needed)
 %   MEXFILE = build_shapewiener(...) returns the path of the built file.
 %
-%   Compiles the filter sources of this source tree (src/) into one MEX
-%   file and puts the help file shapewiener.m beside it; add OUTDIR to the
-%   path to use the function.
+%   Compiles the library of this source tree (src/) with each gateway into
+%   a MEX file: shapewiener (the filter module) and shapewiener_denoise
+%   (the denoiser), and puts their help files beside them; add OUTDIR to
+%   the path to use the functions. MEXFILE is the filter module's file.
 %
 %   In Octave the host's compiler driver (mkoctfile --mex) is used; in
 %   MATLAB the mex command, with the R2017b matrix API. Both compile as
@@ -34,23 +35,55 @@ function mexfile = build_shapewiener(outdir)
     end
   end
 
-  % The gateway and the library's sources (the list in src/sources.txt).
+  % The library's sources (the list in src/sources.txt) and the gateways:
+  % shapewiener (the filter module) and, when the library has the
+  % denoiser, shapewiener_denoise.
   lines = strsplit(fileread(fullfile(srcdir, 'sources.txt')), {'\r', '\n'});
-  sources = {fullfile(srcdir, 'mex', 'gateway.cpp')};
+  library = {};
   for i = 1:numel(lines)
     line = strtrim(lines{i});
     if ~isempty(line) && line(1) ~= '#'
-      sources{end + 1} = fullfile(root, line);
+      library{end + 1} = fullfile(root, line);
     end
+  end
+  names = {'shapewiener'};
+  gateways = {fullfile(srcdir, 'mex', 'gateway.cpp')};
+  if any(strcmp(library, fullfile(root, 'src/denoise/denoise.cpp')))
+    names{end + 1} = 'shapewiener_denoise';
+    gateways{end + 1} = fullfile(srcdir, 'mex', 'denoise_gateway.cpp');
   end
   % The filter's own headers are included as "mex/...", "driver/..." from
   % src/ and as "shapewiener/..." from include/; src/mx (a standalone mex.h
   % for builds without a host) must stay off the include path so that the
   % host's mex.h is used.
   include = {['-I' srcdir], ['-I' fullfile(root, 'include')]};
+  built = cell(size(names));
+  for g = 1:numel(names)
+    built{g} = compile_gateway(names{g}, [gateways(g), library], include, root, outdir);
+  end
+  mexfile = built{1};
 
+  % The help texts sit beside the compiled files.
+  for g = 1:numel(names)
+    help_file = fullfile(here, [names{g} '.m']);
+    if ~strcmp(absolute_folder(outdir), absolute_folder(here))
+      [ok, msg] = copyfile(help_file, outdir);
+      if ~ok
+        error('build_shapewiener:copy', ...
+              'build_shapewiener: cannot copy the help file: %s', msg);
+      end
+    end
+  end
+  if nargout == 0
+    fprintf('Built %s\n', strjoin(built, ', '));
+    clear mexfile;
+  end
+end
+
+function mexfile = compile_gateway(name, sources, include, root, outdir)
+  % Compiles one gateway with the library into OUTDIR/NAME.<mex extension>.
   if exist('OCTAVE_VERSION', 'builtin')
-    mexfile = fullfile(outdir, 'shapewiener.mex');
+    mexfile = fullfile(outdir, [name '.mex']);
     args = [{'--mex'}, include, sources];
     map = fullfile(root, 'cmake', 'mex_exports.map');
     if isunix() && ~ismac() && exist(map, 'file')
@@ -84,24 +117,11 @@ function mexfile = build_shapewiener(outdir)
       args{end + 1} = 'LDFLAGS=$LDFLAGS -static-libstdc++ -static-libgcc';
     end
     % libut answers whether the user pressed Ctrl-C.
-    args = [args, sources, {'-lut', '-outdir', outdir, '-output', 'shapewiener'}];
+    args = [args, sources, {'-lut', '-outdir', outdir, '-output', name}];
     mex(args{:});
-    mexfile = fullfile(outdir, ['shapewiener.' mexext()]);
+    mexfile = fullfile(outdir, [name '.' mexext()]);
   end
 
-  % The help text sits beside the compiled file.
-  help_file = fullfile(here, 'shapewiener.m');
-  if ~strcmp(absolute_folder(outdir), absolute_folder(here))
-    [ok, msg] = copyfile(help_file, outdir);
-    if ~ok
-      error('build_shapewiener:copy', ...
-            'build_shapewiener: cannot copy the help file: %s', msg);
-    end
-  end
-  if nargout == 0
-    fprintf('Built %s\n', mexfile);
-    clear mexfile;
-  end
 end
 
 function folder = absolute_folder(folder)

@@ -12,9 +12,10 @@
 #   pkg load shapewiener
 #   help shapewiener
 #
-# The package holds DESCRIPTION, COPYING, INDEX, inst/shapewiener.m (the
-# help text) and src/ with the filter sources and a Makefile, which `pkg
-# install` runs to compile shapewiener.mex with the installing Octave's
+# The package holds DESCRIPTION, COPYING, INDEX, inst/shapewiener.m and
+# inst/shapewiener_denoise.m (the help texts) and src/ with the library's
+# sources, the gateways and a Makefile, which `pkg install` runs to compile
+# shapewiener.mex and shapewiener_denoise.mex with the installing Octave's
 # mkoctfile. Set SOURCE_DATE_EPOCH to fix the Date field and the file times.
 set -euo pipefail
 
@@ -38,9 +39,18 @@ if ! [[ $version =~ ^[0-9]+(\.[0-9]+)*$ ]]; then
   exit 2
 fi
 sources=(src/mex/gateway.cpp)
+library=()
 while read -r s; do
-  case $s in ''|'#'*) ;; *) sources+=("$s") ;; esac
+  case $s in ''|'#'*) ;; *) sources+=("$s"); library+=("${s#src/}") ;; esac
 done < "$root/src/sources.txt"
+# The denoiser's gateway comes along when the library has the denoiser.
+targets=(shapewiener.mex)
+helps=(shapewiener.m)
+if [[ " ${sources[*]} " == *" src/denoise/denoise.cpp "* ]]; then
+  sources+=(src/mex/denoise_gateway.cpp)
+  targets+=(shapewiener_denoise.mex)
+  helps+=(shapewiener_denoise.m)
+fi
 
 epoch=${SOURCE_DATE_EPOCH:-$(date +%s)}
 date=$(date -u -d "@$epoch" +%Y-%m-%d)
@@ -55,13 +65,17 @@ mkdir -p "$pkg/inst" "$pkg/src"
 sed -e "s/@VERSION@/$version/" -e "s/@DATE@/$date/" "$here/package/DESCRIPTION.in" \
   > "$pkg/DESCRIPTION"
 cp "$root/LICENSE" "$pkg/COPYING"
-cp "$here/package/INDEX" "$pkg/INDEX"
-cp "$here/shapewiener.m" "$pkg/inst/shapewiener.m"
+for h in "${helps[@]}"; do
+  cp "$here/$h" "$pkg/inst/$h"
+done
+{
+  head -n 2 "$here/package/INDEX"
+  for h in "${helps[@]}"; do echo " ${h%.m}"; done
+} > "$pkg/INDEX"
 
 # The sources keep their folders under src/, as they include each other by
 # those paths. Every header of the filter comes along; the standalone host
 # layer (src/mx, with its own mex.h) does not: the host's mex.h is used.
-package_sources=()
 for s in "${sources[@]}"; do
   case $s in
     src/mx/*) echo "$0: $s belongs to the standalone host layer" >&2; exit 2 ;;
@@ -70,7 +84,6 @@ for s in "${sources[@]}"; do
   esac
   mkdir -p "$pkg/$(dirname "$s")"
   cp "$root/$s" "$pkg/$s"
-  package_sources+=("${s#src/}")
 done
 (cd "$root" && find src -name '*.h' -not -path 'src/mx/*') | while read -r h; do
   mkdir -p "$pkg/$(dirname "$h")"
@@ -80,7 +93,8 @@ done
 mkdir -p "$pkg/src/include"
 cp -r "$root/include/shapewiener" "$pkg/src/include/"
 cp "$root/cmake/mex_exports.map" "$pkg/src/mex_exports.map"
-sed -e "s|@SOURCES@|${package_sources[*]}|" "$here/package/Makefile" > "$pkg/src/Makefile"
+sed -e "s|@LIBRARY@|${library[*]}|" -e "s|@TARGETS@|${targets[*]}|" \
+  "$here/package/Makefile" > "$pkg/src/Makefile"
 
 tarball=$outdir/$name.tar.gz
 tar -C "$stage" --sort=name --owner=0 --group=0 --numeric-owner \

@@ -124,6 +124,11 @@ function varargout = shapewiener(varargin)
 %   indexOutOfRange (a DirectionScaleMap byte outside 1..L) and
 %   scaleOutOfRange (a selected scale outside 1..H).
 %
+%   Threads: the call runs on every hardware thread, with the same bits as
+%   on one. Set the environment variable SHAPEWIENER_THREADS (a whole
+%   number, e.g. setenv('SHAPEWIENER_THREADS', '1')) to choose the count.
+%   Ctrl-C stops a running call within a fraction of a second.
+%
 %   Example (square neighbourhoods of side 3, DCT bank, white noise):
 %     M = 16; K = 16; H = 2; W = 2*H - 1; N = 32; sigma = 0.05;
 %     clean = repmat(linspace(0.2, 0.8, K), M, 1);

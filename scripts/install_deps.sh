@@ -3,10 +3,16 @@
 # already present are left alone; nothing is installed when all are there.
 #   scripts/install_deps.sh          everything: build, tests, Octave, fuzzing
 #   scripts/install_deps.sh --demo   only what the command line and the demo need
+#   scripts/install_deps.sh --bench  only the Python packages of bench/quality
 set -euo pipefail
 packages=(cmake g++ make pkg-config libpng-dev libtiff-dev zlib1g-dev libcli11-dev)
-if [ "${1:-}" != "--demo" ]; then
+if [ "${1:-}" = "--bench" ]; then
+  packages=(python3-numpy python3-scipy python3-skimage python3-pil python3-pytest)
+elif [ "${1:-}" != "--demo" ]; then
   packages+=(googletest libgtest-dev libgmock-dev octave liboctave-dev clang libclang-rt-dev)
+  # The Python module and its suite (pybind11, pytest, NumPy, Dask, image I/O).
+  packages+=(python3-dev pybind11-dev python3-pybind11 python3-pytest python3-numpy python3-dask
+             python3-distributed python3-skimage python3-imageio)
 fi
 missing=()
 for p in "${packages[@]}"; do

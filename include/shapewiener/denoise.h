@@ -45,12 +45,41 @@ struct Image {
     std::vector<double> pixels;
 };
 
+// Denoising one tile of a larger image (tiled or distributed processing).
+// With rows > 0 the image given to denoise() is the window of a rows x cols
+// image (the frame) whose first pixel is the frame's pixel (row0, col0), and
+// the denoiser treats it as that part of the frame: it maps values onto its
+// working range with the frame's value_min and value_max, takes a psd noise
+// model of the frame's size, dithers every pixel as the frame's pixel it is
+// (FilterCall::frame), and visits the pixels in the frame's order restricted
+// to the tile. The pixels at least tile_halo(preset) pixels away from every
+// side of the tile that is not a side of the frame then get the bits the
+// call on the whole frame gives them.
+struct TileFrame {
+    uint32_t rows = 0;  // 0: the image is whole
+    uint32_t cols = 0;
+    uint32_t row0 = 0;
+    uint32_t col0 = 0;
+    double value_min = 0.0;  // the frame's smallest and largest value
+    double value_max = 0.0;
+};
+
 struct DenoiseOptions {
     // "fast" (fixed squares, one pass), "default", or "best".
     std::string preset = "default";
     // Worker threads as in RunOptions (0: SHAPEWIENER_THREADS or all).
     unsigned threads = 0;
+    // Set for a tile of a larger image; default: the image is whole.
+    TileFrame tile;
 };
+
+// The border a tile needs around the pixels it keeps, for a preset: with P
+// passes and largest scale H, P * 2 * (H - 1) pixels (a pass reads values up
+// to H - 1 pixels from a block's centre and the blocks that cover a pixel have
+// their centres up to H - 1 pixels away; the scales of a block look H - 1
+// pixels along each direction; a second pass reads the first pass's estimate
+// around its blocks). Throws DenoiseError for an unknown preset.
+uint32_t tile_halo(const std::string& preset);
 
 // What a call did.
 struct DenoiseReport {

@@ -129,6 +129,17 @@ struct FilterCall {
     // An entry whose pixel is already covered more often than this
     // (rounded) is skipped; 1e9 never skips.
     double coverage_threshold = 1e9;
+    // Not an argument of the module: for tiled processing, the image as a
+    // window of a larger one (its frame). With frame.rows > 0, pixel (i, j)
+    // is dithered as pixel (frame.row0 + i, frame.col0 + j) of a
+    // frame.rows x frame.cols image, so that a tile gets the dither the
+    // whole image gives it. Default: the image is its own frame.
+    struct Frame {
+        uint32_t rows = 0;
+        uint32_t cols = 0;
+        uint32_t row0 = 0;
+        uint32_t col0 = 0;
+    } frame;
 };
 
 // What went wrong. Each code is one <reason> of the identifier
@@ -212,7 +223,8 @@ struct RunOptions {
 // Runs a call that check() accepted: fills `output` (M*K doubles,
 // column-major) and dithers noisy_image and pilot_image in place (pixel q of
 // the noisy image gains ((M*K - 1 - q) mod 256) * 3e-17, of the pilot
-// image that plus 13 * 3e-17). Returns kOutOfMemory or kInterrupted, with
+// image that plus 13 * 3e-17; with a frame, q and M*K count the frame's
+// pixels). Returns kOutOfMemory or kInterrupted, with
 // `output` unspecified, or kNone.
 Error run(const FilterCall& call, double* output, const RunOptions& options = RunOptions());
 

@@ -160,7 +160,8 @@ ProcessingList build_processing_list(uint32_t h, const std::vector<double>& scal
 }
 
 ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set,
-                                const DirectionScaleMap& map, const SectorMaskBank& bank) {
+                                const DirectionScaleMap& map, const SectorMaskBank& bank,
+                                GroupTies ties) {
     const uint32_t w = 2 * h - 1;
     const uint32_t rows = map.rows;
     const uint32_t cols = map.cols;
@@ -175,6 +176,8 @@ ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set
 
     struct Group {
         uint32_t area;
+        uint32_t union_index;
+        std::string rest;  // the key after the union's number: orientation, cut union
         std::vector<int32_t> pixels;
     };
     std::vector<Group> groups;
@@ -234,7 +237,9 @@ ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set
                 if (cut) key += clipped;
             }
             const auto group = group_of_key.emplace(key, static_cast<uint32_t>(groups.size()));
-            if (group.second) groups.push_back(Group{union_area[union_index], {}});
+            if (group.second) {
+                groups.push_back(Group{union_area[union_index], union_index, key.substr(4), {}});
+            }
             groups[group.first->second].pixels.push_back(
                 static_cast<int32_t>(row + static_cast<size_t>(col) * rows + 1));
         }
@@ -242,8 +247,13 @@ ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set
 
     std::vector<uint32_t> order(groups.size());
     for (uint32_t g = 0; g < order.size(); ++g) order[g] = g;
-    std::stable_sort(order.begin(), order.end(),
-                     [&](uint32_t a, uint32_t b) { return groups[a].area < groups[b].area; });
+    std::stable_sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
+        const Group& ga = groups[a];
+        const Group& gb = groups[b];
+        if (ga.area != gb.area || ties == GroupTies::kFirstPixel) return ga.area < gb.area;
+        if (ga.union_index != gb.union_index) return unions[ga.union_index] < unions[gb.union_index];
+        return ga.rest < gb.rest;
+    });
     ProcessingList list;
     list.pixels.reserve(static_cast<size_t>(rows) * cols);
     list.keys.reserve(static_cast<size_t>(rows) * cols);

@@ -53,8 +53,15 @@ ProcessingList build_processing_list(uint32_t h, const std::vector<double>& scal
 // pixel; pixels within a group in increasing (column-major) order. Interior
 // pixels cost one hash look-up; only pixels within h - 1 of the border have
 // their cut union compared.
+//
+// `ties` orders groups of equal area: by their first pixel, or by their
+// content (the union's bytes, then the orientation and the cut union), which
+// depends on no pixel's position: a window of an image then visits its groups
+// in the order the whole image visits them (tiled processing).
+enum class GroupTies { kFirstPixel, kContent };
 ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set,
-                                const DirectionScaleMap& map, const SectorMaskBank& bank);
+                                const DirectionScaleMap& map, const SectorMaskBank& bank,
+                                GroupTies ties = GroupTies::kFirstPixel);
 
 }  // namespace swcaller
 

@@ -41,7 +41,7 @@ Settings preset_settings(const std::string& name) {
 
 swcaller::ShapeArguments adaptive_shapes(const double* image, uint32_t rows, uint32_t cols,
                                          const Autocovariance& r, const ScaleRule& rule,
-                                         bool rows_only) {
+                                         bool rows_only, swcaller::GroupTies ties) {
     const std::vector<uint8_t> chosen = choose_scales(image, rows, cols, r, rule);
     const uint32_t count = static_cast<uint32_t>(rule.lengths.size());
     std::vector<double> scale_set;
@@ -60,18 +60,23 @@ swcaller::ShapeArguments adaptive_shapes(const double* image, uint32_t rows, uin
         }
     }
     const uint32_t h = rule.lengths.back();
-    return swcaller::make_shape_arguments(h, std::move(scale_set), std::move(map), true);
+    return swcaller::make_shape_arguments(h, std::move(scale_set), std::move(map), true, ties);
+}
+
+RangeMap working_range(double lo, double hi, bool normalise) {
+    RangeMap m;
+    if (!normalise) return m;
+    // [min, max] onto [0.1, 0.9]: the module clips every estimate to [0, 1]
+    // and an estimate of exactly 0 everywhere on a shape gets weight 1/0.
+    m.scale = hi > lo ? (hi - lo) / 0.8 : 1.0;
+    m.offset = lo - 0.1 * m.scale;
+    return m;
 }
 
 RangeMap working_range(const sw::Image& image, bool normalise) {
-    RangeMap m;
-    if (!normalise || image.pixels.empty()) return m;
-    // [min, max] onto [0.1, 0.9]: the module clips every estimate to [0, 1]
-    // and an estimate of exactly 0 everywhere on a shape gets weight 1/0.
+    if (!normalise || image.pixels.empty()) return RangeMap();
     const auto [lo, hi] = std::minmax_element(image.pixels.begin(), image.pixels.end());
-    m.scale = *hi > *lo ? (*hi - *lo) / 0.8 : 1.0;
-    m.offset = *lo - 0.1 * m.scale;
-    return m;
+    return working_range(*lo, *hi, normalise);
 }
 
 namespace {
@@ -102,6 +107,18 @@ void check_image(const sw::Image& image) {
     }
 }
 
+void check_tile(const sw::Image& image, const sw::TileFrame& tile) {
+    if (uint64_t{tile.row0} + image.rows > tile.rows || uint64_t{tile.col0} + image.cols > tile.cols ||
+        uint64_t{tile.rows} * tile.cols > 2147483647u) {
+        fail("shapewiener:tile:outside", "the tile does not lie inside its frame of at most 2^31 - 1 pixels.");
+    }
+    for (double v : image.pixels) {
+        if (!(v >= tile.value_min && v <= tile.value_max)) {
+            fail("shapewiener:tile:range", "the tile has a value outside the frame's value range.");
+        }
+    }
+}
+
 // Reports progress and honours a cancel request.
 class ProgressSink {
 public:
@@ -121,16 +138,23 @@ private:
 
 sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
                        const Settings& settings, unsigned threads, const sw::Progress& progress,
-                       sw::DenoiseReport* report) {
+                       sw::DenoiseReport* report, const sw::TileFrame& tile) {
     const auto start = std::chrono::steady_clock::now();
     const ProgressSink step(progress);
     step(0.0, "noise");
     check_image(image);
     const uint32_t rows = image.rows;
     const uint32_t cols = image.cols;
-    const Autocovariance raw = noise_autocovariance(noise, rows, cols);
+    const bool tiled = tile.rows > 0;
+    if (tiled) check_tile(image, tile);
+    // A tile is denoised as its part of the frame: the frame's noise
+    // (a psd model has the frame's size) and value range.
+    const Autocovariance raw =
+        noise_autocovariance(noise, tiled ? tile.rows : rows, tiled ? tile.cols : cols);
 
-    const RangeMap range = working_range(image, settings.normalise_range);
+    const RangeMap range = tiled ? working_range(tile.value_min, tile.value_max,
+                                                 settings.normalise_range)
+                                 : working_range(image, settings.normalise_range);
     swcaller::Image noisy(rows, cols);
     for (size_t p = 0; p < noisy.size(); ++p) {
         noisy.pixels[p] = (image.pixels[p] - range.offset) / range.scale;
@@ -143,9 +167,12 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     const swcaller::ShapeArguments shapes =
         settings.adaptive
             ? adaptive_shapes(noisy.pixels.data(), rows, cols, r, settings.rule,
-                              !transpose_symmetric(psd))
-            : swcaller::fixed_square_shapes(rows, cols, settings.square_scale,
-                                            settings.square_scale);
+                              !transpose_symmetric(psd), swcaller::GroupTies::kContent)
+            : swcaller::make_shape_arguments(
+                  settings.square_scale, swcaller::scale_set(settings.square_scale),
+                  swcaller::fixed_direction_scales(rows, cols,
+                                                   static_cast<uint8_t>(settings.square_scale)),
+                  true, swcaller::GroupTies::kContent);
 
     sw::DenoiseReport done;
     const double first_factor = white ? settings.first_factor_white : settings.first_factor;
@@ -161,8 +188,9 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
         // The module dithers both images in place: every pass gets copies.
         noisy_copy = noisy.pixels;
         pilot = pass == 0 ? noisy.pixels : estimate;
-        const sw::FilterCall call = arrays.call(noisy_copy.data(), pilot.data(), rows, cols,
-                                                pass == 0 ? first_factor : second_factor);
+        sw::FilterCall call = arrays.call(noisy_copy.data(), pilot.data(), rows, cols,
+                                          pass == 0 ? first_factor : second_factor);
+        if (tiled) call.frame = {tile.rows, tile.cols, tile.row0, tile.col0};
         run_module(call, estimate.data(), threads, [&](double fraction) {
             return !progress || progress(begin + share * fraction, phase);
         });
@@ -216,7 +244,13 @@ NoiseModel NoiseModel::from_psd(std::vector<double> psd) {
 Image denoise(const Image& image, const NoiseModel& noise, const DenoiseOptions& options,
               const Progress& progress, DenoiseReport* report) {
     return swdenoise::run_pipeline(image, noise, swdenoise::preset_settings(options.preset),
-                                   options.threads, progress, report);
+                                   options.threads, progress, report, options.tile);
+}
+
+uint32_t tile_halo(const std::string& preset) {
+    const swdenoise::Settings s = swdenoise::preset_settings(preset);
+    const uint32_t h = s.adaptive ? s.rule.lengths.back() : s.square_scale;
+    return static_cast<uint32_t>(s.passes) * 2 * (h - 1);
 }
 
 }  // namespace sw

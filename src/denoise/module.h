@@ -7,7 +7,7 @@
 #include <functional>
 #include <vector>
 
-#include "caller/module_call.h"
+#include "caller/shape_arguments.h"
 #include "shapewiener/filter.h"
 
 namespace swdenoise {

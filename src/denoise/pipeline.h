@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "caller/module_call.h"
+#include "caller/shape_arguments.h"
 #include "denoise/noise.h"
 #include "denoise/scales.h"
 #include "shapewiener/denoise.h"
@@ -43,9 +43,11 @@ Settings preset_settings(const std::string& name);
 // The shapes of one image: scales, masks, transforms and processing list.
 // When `rows_only` every shape is packed by rows (ScaleSet holds the lengths
 // twice and planes 0 and 4 index the second copy, so q0 + q4 > q2 + q6).
+// `ties`: see swcaller::build_shape_list (the denoiser orders by content).
 swcaller::ShapeArguments adaptive_shapes(const double* image, uint32_t rows, uint32_t cols,
                                          const Autocovariance& r, const ScaleRule& rule,
-                                         bool rows_only);
+                                         bool rows_only,
+                                         swcaller::GroupTies ties = swcaller::GroupTies::kFirstPixel);
 
 // The affine map onto the filter's working range: working = (x - offset) /
 // scale takes the image's [min, max] onto [0.1, 0.9] (a constant image onto
@@ -55,11 +57,14 @@ struct RangeMap {
     double scale = 1.0;
 };
 RangeMap working_range(const sw::Image& image, bool normalise);
+// The same map for values known to lie in [lo, hi].
+RangeMap working_range(double lo, double hi, bool normalise);
 
 // Runs the whole denoiser; see sw::denoise.
+// `tile`: see sw::TileFrame (rows 0: the image is whole).
 sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
                        const Settings& settings, unsigned threads, const sw::Progress& progress,
-                       sw::DenoiseReport* report);
+                       sw::DenoiseReport* report, const sw::TileFrame& tile = sw::TileFrame());
 
 }  // namespace swdenoise
 

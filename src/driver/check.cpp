@@ -129,6 +129,17 @@ Error check(const FilterCall& call) {
                 "the size of the noisy image", dims_text(call.pilot_dims, dims, sizeof dims));
     }
 
+    // A frame (tiled processing) must hold the image.
+    const FilterCall::Frame& f = call.frame;
+    if (f.rows > 0 && (uint64_t{f.row0} + m > f.rows || uint64_t{f.col0} + k > f.cols ||
+                       uint64_t{f.rows} * f.cols > INT32_MAX)) {
+        return make_error(ErrorCode::kInvalid, -1, "frame",
+                          "the %llux%llu image at (%u, %u) does not lie inside its %ux%u frame "
+                          "of at most %d pixels.",
+                          static_cast<unsigned long long>(m), static_cast<unsigned long long>(k),
+                          f.row0, f.col0, f.rows, f.cols, INT32_MAX);
+    }
+
     // Scalars.
     const Subject h_arg = argument(kArgMaxScale);
     const Subject n_arg = argument(kArgDftSize);

@@ -4,25 +4,18 @@
 #include <utility>
 
 #include "driver/box.h"
+#include "driver/kernels.h"
+#include "driver/parallel.h"
 #include "driver/phase_marks.h"
 #include "driver/workspace.h"
 #include "estimate/aggregate.h"
 #include "estimate/wiener.h"
 #include "shape/gather.h"
 #include "shape/shape.h"
-#include "spectrum/levels_fast.h"
 #include "spectrum/noise_level.h"
 #include "transform/shape_transform.h"
-#include "transform/transform_fast.h"
 
 namespace sw {
-namespace {
-
-// Releases the workspace however the call leaves.
-struct WorkspaceRelease {
-    Workspace* ws;
-    ~WorkspaceRelease() { workspace_release(ws); }
-};
 
 Error call_error(ErrorCode code, const char* identifier, const char* message) {
     Error e;
@@ -32,11 +25,20 @@ Error call_error(ErrorCode code, const char* identifier, const char* message) {
     return e;
 }
 
+namespace {
+
+// Releases the workspace however the call leaves.
+struct WorkspaceRelease {
+    Workspace* ws;
+    ~WorkspaceRelease() { workspace_release(ws); }
+};
+
 // How often (in list entries) the progress callback is offered a turn.
 constexpr uint32_t kProgressInterval = 4096;
 
-template <uint32_t HC>
-Error run_filter(const FilterCall& call, double* output, const RunOptions& options, uint32_t h) {
+// The serial loop, with the reference kernels or the optimised ones.
+template <uint32_t HC, class Kernels>
+Error serial_filter(const FilterCall& call, double* output, const RunOptions& options, uint32_t h) {
     SW_PHASE_MARK(kPhaseSetup);
     const Box<HC> box{h};
     const uint32_t big_h = box.H();
@@ -69,7 +71,7 @@ Error run_filter(const FilterCall& call, double* output, const RunOptions& optio
         std::memset(cs.weight_sum, 0, sizeof(float) * pixel_count);
         std::memset(cs.coverage_count, 0, sizeof(uint16_t) * pixel_count);
     }
-    dither_images(noisy_image, pilot_image, pixel_count);
+    dither_call_images(noisy_image, pilot_image, m, k, call.frame);
 
     const SpectrumContext spectrum{n,           cs.twiddle, sc.spatial_block, sc.row_spectrum,
                                    sc.block_spectrum, call.noise_psd.data, call.noise_level_factor};
@@ -116,13 +118,13 @@ Error run_filter(const FilterCall& call, double* output, const RunOptions& optio
                     pilot_coefficients);
 
         SW_PHASE_MARK(kPhaseForward);
-        forward_transform_fast(box, noisy_gather, pilot_gather, noisy_coefficients,
+        Kernels::forward(box, noisy_gather, pilot_gather, noisy_coefficients,
                           pilot_coefficients, sc.column_count, sc.row_count,
                           g.max_column_count, table);
 
         if (key_changed) {
             SW_PHASE_MARK(kPhaseNoiseLevel);
-            dc_noise_level = noise_levels_fast(box, spectrum, noisy_coefficients, noisy_gather,
+            dc_noise_level = Kernels::noise_levels(box, spectrum, noisy_coefficients, noisy_gather,
                                           sc.column_count, sc.row_count, sc.row_cursor,
                                           g.max_column_count, table, sc.shape_mask, by_columns,
                                           g.shape_size, sc.coefficient_noise_level);
@@ -137,7 +139,7 @@ Error run_filter(const FilterCall& call, double* output, const RunOptions& optio
             noisy_gather, pilot_gather);
 
         SW_PHASE_MARK(kPhaseInverse);
-        inverse_transform_fast(box, noisy_coefficients, noisy_gather, sc.column_count, sc.row_count,
+        Kernels::inverse(box, noisy_coefficients, noisy_gather, sc.column_count, sc.row_count,
                           sc.row_cursor, g.max_column_count, table);
 
         SW_PHASE_MARK(kPhaseAggregate);
@@ -156,6 +158,24 @@ Error run_filter(const FilterCall& call, double* output, const RunOptions& optio
     if (pixel_count > 0) normalise_output(output, cs.weight_sum, pixel_count);
     SW_PHASE_MARK(kPhaseDone);
     return Error();
+}
+
+// The reference path, the serial loop with the optimised kernels, or the
+// threaded driver, as the options and the memory limit allow.
+template <uint32_t HC>
+Error run_filter(const FilterCall& call, double* output, const RunOptions& options, uint32_t h) {
+    if (options.reference) return serial_filter<HC, ReferenceKernels>(call, output, options, h);
+    const uint32_t m = static_cast<uint32_t>(call.image_dims.rows());
+    const uint32_t k = static_cast<uint32_t>(call.image_dims.cols());
+    const WorkspaceSizes sizes{m, k, Box<HC>{h}.W(), round_to_unsigned(call.dft_size),
+                               static_cast<uint32_t>(call.scale_set.dims.elements())};
+    const unsigned threads = affordable_threads(sizes, requested_threads(options));
+    if (threads > 1 && m * k > 0) {
+        bool ran = false;
+        const Error e = run_parallel<HC>(call, output, options, h, threads, &ran);
+        if (ran) return e;
+    }
+    return serial_filter<HC, FastKernels>(call, output, options, h);
 }
 
 template <size_t... I>

@@ -8,6 +8,9 @@
 
 namespace sw {
 
+// An Error with the given code, identifier and message.
+Error call_error(ErrorCode code, const char* identifier, const char* message);
+
 // One filter definition: HC is the maximum scale fixed at build time (the
 // size-specialised instantiations) or 0 for the general path, which takes
 // the run-time value h.

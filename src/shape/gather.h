@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "shape/shape.h"
+#include "shapewiener/filter.h"
 
 namespace sw {
 
@@ -32,6 +33,35 @@ inline void dither_images(double* noisy, double* pilot, uint32_t pixel_count) {
         const uint32_t step = k % 256;
         noisy[q] = noisy[q] + static_cast<double>(step) * 3e-17;
         pilot[q] = pilot[q] + static_cast<double>(step + 13) * 3e-17;
+    }
+}
+
+// The dither of an M x K image that is the window at (row0, col0) of a
+// frame_rows x frame_cols image: each pixel gets the step of its position
+// in the frame, counted from the frame's last pixel. For the window that is
+// the whole frame this is dither_images.
+inline void dither_window(double* noisy, double* pilot, uint32_t m, uint32_t k, uint32_t row0,
+                          uint32_t col0, uint32_t frame_rows, uint32_t frame_cols) {
+    const uint64_t last = uint64_t{frame_rows} * frame_cols - 1;
+    for (uint32_t j = 0; j < k; ++j) {
+        for (uint32_t i = 0; i < m; ++i) {
+            const uint64_t q = (row0 + uint64_t{i}) + (col0 + uint64_t{j}) * frame_rows;
+            const uint32_t step = static_cast<uint32_t>((last - q) % 256);
+            const size_t at = i + size_t{j} * m;
+            noisy[at] = noisy[at] + static_cast<double>(step) * 3e-17;
+            pilot[at] = pilot[at] + static_cast<double>(step + 13) * 3e-17;
+        }
+    }
+}
+
+// The dither of a call's M x K images: of their place in the call's frame
+// when it has one, else dither_images.
+inline void dither_call_images(double* noisy, double* pilot, uint32_t m, uint32_t k,
+                               const FilterCall::Frame& frame) {
+    if (frame.rows > 0) {
+        dither_window(noisy, pilot, m, k, frame.row0, frame.col0, frame.rows, frame.cols);
+    } else {
+        dither_images(noisy, pilot, m * k);
     }
 }
 

@@ -1,7 +1,11 @@
-function check_installed_package(tarball, workdir)
+function check_installed_package(tarball, workdir, with_denoise)
   % Installs the package TARBALL under WORKDIR (its own prefix and package
   % lists, so no package of the user is touched), loads it, calls the
-  % filter once and checks the help text. Errors on any failure.
+  % filter once and checks the help text; WITH_DENOISE: also the denoiser.
+  % Errors on any failure.
+  if nargin < 3
+    with_denoise = false;
+  end
   prefix = fullfile(workdir, 'prefix');
   pkg('prefix', prefix, fullfile(workdir, 'arch'));
   pkg('local_list', fullfile(workdir, 'local_packages'));
@@ -36,6 +40,20 @@ function check_installed_package(tarball, workdir)
   for i = 1:numel(expected)
     if isempty(strfind(text, expected{i}))
       error('help shapewiener lacks "%s"; it printed:\n%s', expected{i}, text);
+    end
+  end
+
+  if with_denoise
+    where = which('shapewiener_denoise');
+    if ~strncmp(where, workdir, numel(workdir)) || isempty(regexp(where, '\.mex$', 'once'))
+      error('shapewiener_denoise resolves to "%s", not to the installed MEX file', where);
+    end
+    out = shapewiener_denoise(0.5 + 0.1 * randn(12, 10), 'sigma', 0.1, 'preset', 'fast');
+    if ~isequal(size(out), [12, 10]) || any(~isfinite(out(:)))
+      error('the installed denoiser returned an unexpected result');
+    end
+    if isempty(strfind(evalc('help shapewiener_denoise'), 'Example'))
+      error('help shapewiener_denoise lacks its example');
     end
   end
 

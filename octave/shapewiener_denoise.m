@@ -1,0 +1,55 @@
+function varargout = shapewiener_denoise(varargin)
+% SHAPEWIENER_DENOISE  Denoise a grey-scale image with white or coloured noise.
+%
+%   OUT = shapewiener_denoise(Z, 'sigma', S)
+%   OUT = shapewiener_denoise(Z, 'kernel', K, 'sigma', S)
+%   OUT = shapewiener_denoise(Z, 'psd', P)
+%   OUT = shapewiener_denoise(..., 'preset', NAME, 'threads', T)
+%
+%   Estimates the clean image from Z, a real M x K matrix of any numeric
+%   class (or logical), used with its values as given: an 8-bit image
+%   stays in 0..255, so give the noise in those units (or pass
+%   im2double(Z) and the noise on [0, 1]). OUT is a double M x K matrix,
+%   not clipped. The whole denoiser runs in one call: it chooses the
+%   adaptive neighbourhoods, builds the filter's arguments and runs it
+%   (two passes for the default preset). The same call from Python
+%   (shapewiener.denoise) or the shapewiener program gives the same bits.
+%
+%   The noise, in Z's units:
+%     'sigma', S      white noise of standard deviation S;
+%     'kernel', K     with 'sigma': coloured noise S * conv2(w, K) / norm(K(:))
+%                     for standard white noise w, so S is again the
+%                     per-pixel standard deviation; K is centred at
+%                     (floor((rows+1)/2), floor((cols+1)/2));
+%     'psd', P        the noise's power spectrum, M x K, DC at P(1, 1), not
+%                     shifted, scaled so that white noise of variance s^2
+%                     has P == s^2 (mean(P(:)) is the per-pixel variance);
+%                     given alone.
+%   Options:
+%     'preset'        'fast' (fixed squares, one pass), 'default', 'best'
+%     'threads'       worker threads; 0 (default) takes SHAPEWIENER_THREADS
+%                     from the environment or all cores. No option changes
+%                     a bit of the result.
+%
+%   Ctrl-C stops a running call. Errors have identifiers
+%   shapewiener:<what>:<reason>, e.g. shapewiener:noise:missing,
+%   shapewiener:noise:conflict, shapewiener:options:unknown,
+%   shapewiener:options:preset, shapewiener:image:notReal,
+%   shapewiener:image:notFinite.
+%
+%   Example:
+%     z = double(imread('cameraman.tif')) / 255;   % any grey-scale image
+%     k = [1 2 1; 2 4 2; 1 2 1];                   % noise colouring kernel
+%     n = conv2(randn(size(z)), k, 'same') / norm(k(:));
+%     noisy = z + 0.1 * n;
+%     out = shapewiener_denoise(noisy, 'kernel', k, 'sigma', 0.1);
+%     fast = shapewiener_denoise(noisy, 'sigma', 0.1, 'preset', 'fast');
+%
+%   See also shapewiener (the raw filter module).
+%
+%   The function is a compiled MEX file; this file holds its help text.
+
+error('shapewiener:notBuilt', ...
+      ['shapewiener_denoise: the compiled MEX file is missing; only its help ' ...
+       'text was found (%s). Build it with build_shapewiener, or install the ' ...
+       'package with pkg install.'], mfilename('fullpath'));

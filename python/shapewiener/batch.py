@@ -1,0 +1,148 @@
+"""Denoises many images on a Dask cluster:
+
+    python3 -m shapewiener.batch 'in/*.png' outdir/ --sigma 0.05
+    python3 -m shapewiener.batch 'scans/*.npy' out/ --kernel k.npy --sigma 0.02 \\
+        --scheduler tcp://10.0.0.5:8786
+
+Each input becomes outdir/<name> (same name and format). Images are read as
+the command line program reads them: integer images (8/16-bit PNG, integer
+.npy) are scaled to [0, 1] by their type's maximum, so sigma is given in
+those units, and written back in their type (clipped, rounded); float .npy
+files are used and written as float64. Outputs that exist are skipped, so
+an interrupted batch resumes where it stopped (an output appears only once
+complete). An image that fails is reported and the others go on; the exit
+status is 1 when any failed.
+
+Without --scheduler a local cluster on 127.0.0.1 runs --workers worker
+processes with one thread each; every image runs with --threads library
+threads.
+"""
+
+import argparse
+import glob
+import os
+import sys
+import time
+
+import numpy as np
+
+
+def read_image(path):
+    """The image as float64, and how to write a result like it."""
+    if path.endswith(".npy"):
+        raw = np.load(path, allow_pickle=False)
+    else:
+        import imageio
+        raw = np.asarray(imageio.imread(path))
+    if raw.ndim != 2:
+        raise ValueError(f"not a grey-scale image (shape {raw.shape})")
+    if raw.dtype.kind in "ui":
+        return raw.astype(np.float64) / np.iinfo(raw.dtype).max, raw.dtype
+    if raw.dtype.kind == "b":
+        return raw.astype(np.float64), np.dtype(np.uint8)
+    return raw.astype(np.float64), np.dtype(np.float64)
+
+
+def write_image(path, image, dtype):
+    """Writes through a temporary name, so that an existing output is complete."""
+    folder, name = os.path.split(path)
+    temporary = os.path.join(folder, f".{name}.partial")
+    if dtype.kind in "ui":
+        top = np.iinfo(dtype).max
+        image = np.rint(np.clip(image, 0.0, 1.0) * top).astype(dtype)
+    if path.endswith(".npy"):
+        with open(temporary, "wb") as f:
+            np.save(f, image)
+    else:
+        import imageio
+        imageio.imwrite(temporary, image, format=os.path.splitext(name)[1][1:])
+    os.replace(temporary, path)
+
+
+def denoise_file(source, target, noise, preset, threads):
+    """One image; returns (source, None, seconds) or (source, message, seconds)."""
+    import shapewiener
+    start = time.monotonic()
+    try:
+        image, dtype = read_image(source)
+        out = shapewiener.denoise(image, **noise, preset=preset, threads=threads)
+        write_image(target, out, dtype)
+        return source, None, time.monotonic() - start
+    except Exception as e:  # noqa: BLE001 - every failure is reported, the batch goes on
+        return source, f"{type(e).__name__}: {e}", time.monotonic() - start
+
+
+def plan(pattern, outdir):
+    """(input, output) pairs to do, and the count of those already done."""
+    todo, done = [], 0
+    for source in sorted(glob.glob(pattern)):
+        target = os.path.join(outdir, os.path.basename(source))
+        if os.path.exists(target):
+            done += 1
+        else:
+            todo.append((source, target))
+    return todo, done
+
+
+def run(pattern, outdir, noise, preset="default", threads=1, scheduler=None, workers=2,
+        processes=True, out=sys.stderr):
+    """Runs a batch; returns the list of (input, message) that failed."""
+    from distributed import Client, LocalCluster, as_completed
+
+    os.makedirs(outdir, exist_ok=True)
+    todo, done = plan(pattern, outdir)
+    out.write(f"shapewiener batch: {len(todo)} to do, {done} already done\n")
+    if not todo:
+        return []
+    cluster = None
+    if scheduler is None:
+        cluster = LocalCluster(host="127.0.0.1", protocol="tcp://", n_workers=workers,
+                               threads_per_worker=1,
+                               processes=processes, dashboard_address="127.0.0.1:0")
+        client = Client(cluster)
+    else:
+        client = Client(scheduler)
+    failed = []
+    try:
+        futures = [client.submit(denoise_file, s, t, noise, preset, threads, pure=False)
+                   for s, t in todo]
+        for count, future in enumerate(as_completed(futures), 1):
+            source, message, seconds = future.result()
+            status = "ok" if message is None else f"FAILED: {message}"
+            out.write(f"[{count}/{len(todo)}] {os.path.basename(source)} {seconds:.1f} s {status}\n")
+            out.flush()
+            if message is not None:
+                failed.append((source, message))
+    finally:
+        client.close()
+        if cluster is not None:
+            cluster.close()
+    out.write(f"shapewiener batch: {len(todo) - len(failed)} done, {len(failed)} failed\n")
+    return failed
+
+
+def main(argv=None):
+    p = argparse.ArgumentParser(prog="python3 -m shapewiener.batch",
+                                description="Denoise many images on a Dask cluster.")
+    p.add_argument("pattern", help="input files, a glob pattern in quotes ('in/*.png')")
+    p.add_argument("outdir", help="output folder (outputs that exist are skipped)")
+    p.add_argument("--sigma", type=float, help="noise standard deviation (images in [0, 1])")
+    p.add_argument("--kernel", help=".npy file: the noise's colouring kernel (with --sigma)")
+    p.add_argument("--psd", help=".npy file: the noise power spectrum (instead of --sigma)")
+    p.add_argument("--preset", default="default", choices=["fast", "default", "best"])
+    p.add_argument("--threads", type=int, default=1, help="library threads per image (default 1)")
+    p.add_argument("--scheduler", help="address of a running Dask scheduler (default: a local "
+                                       "cluster on 127.0.0.1)")
+    p.add_argument("--workers", type=int, default=2, help="local cluster's worker processes")
+    a = p.parse_args(argv)
+    noise = {"sigma": a.sigma,
+             "kernel": None if a.kernel is None else np.load(a.kernel),
+             "psd": None if a.psd is None else np.load(a.psd)}
+    failed = run(a.pattern, a.outdir, noise, a.preset, a.threads, a.scheduler, a.workers)
+    for source, message in failed:
+        sys.stderr.write(f"failed: {source}: {message}\n")
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

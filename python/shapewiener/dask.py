@@ -1,0 +1,81 @@
+"""Denoising large images tile by tile with Dask.
+
+    import dask.array as da, shapewiener.dask
+    out = shapewiener.dask.denoise(da.from_zarr(...), sigma=0.05)   # lazy
+    out = shapewiener.dask.denoise(numpy_image, chunks=1024, sigma=0.05).compute()
+
+Every output chunk is computed from the same region of the input grown by a
+border (the halo) on every side that is not a side of the image. The tile is
+denoised as that part of the whole image: values are mapped onto the working
+range with the whole image's minimum and maximum (computed once, before the
+tiles), a psd noise model stays the whole image's, every pixel gets the
+dither of its place in the whole image, and the pixels are visited in the
+whole image's order. The halo covers everything a kept pixel depends on:
+with P passes and largest scale H it is P * 2 * (H - 1) pixels, so 6 for
+"fast" (one pass, H = 4), 24 for "default" (two passes, H = 7) and 32 for
+"best" (two passes, H = 9). Chunks may be smaller than the halo.
+"""
+
+import numpy as np
+
+from ._denoise import denoise as _denoise_image
+
+def tile_halo(preset="default"):
+    """The border in pixels a tile needs around the pixels it keeps (the
+    library's sw::tile_halo)."""
+    from . import _core
+    return _core.tile_halo(str(preset))
+
+
+def _denoise_tile(tile, frame, noise, preset, threads, crop):
+    out = _denoise_image(tile, **noise, preset=preset, threads=threads, _tile=frame)
+    return out[crop[0]:crop[1], crop[2]:crop[3]]
+
+
+def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunks=None,
+            threads=1, halo=None):
+    """Denoises a 2-D Dask array (or a NumPy array cut into ``chunks``) tile
+    by tile, one task per chunk of the result; returns a lazy Dask array of
+    float64 with the input's shape and chunks.
+
+    The noise arguments and ``preset`` are those of shapewiener.denoise;
+    ``threads`` is the library's thread count inside one task (default 1:
+    Dask runs the tasks in parallel). ``halo`` overrides the border of
+    tile_halo(preset). The whole image's minimum and maximum are computed
+    right away (one pass over the data).
+    """
+    import dask
+    import dask.array as da
+
+    if not isinstance(array, da.Array):
+        array = da.from_array(np.asarray(array), chunks=chunks or 1024)
+    elif chunks is not None:
+        array = array.rechunk(chunks)
+    if array.ndim != 2:
+        from .errors import Error
+        raise Error("shapewiener:image:size",
+                    f"the image must be a 2-D array; got {array.ndim} dimension(s).")
+    array = array.astype(np.float64)
+    rows, cols = array.shape
+    if halo is None:
+        halo = tile_halo(preset)
+    low, high = (float(v) for v in dask.compute(array.min(), array.max()))
+    noise = {"sigma": sigma, "kernel": kernel,
+             "psd": None if psd is None else dask.delayed(np.asarray(psd, np.float64))}
+
+    starts = [np.concatenate([[0], np.cumsum(c)]) for c in array.chunks]
+    blocks = []
+    for i in range(len(array.chunks[0])):
+        row = []
+        r0, r1 = int(starts[0][i]), int(starts[0][i + 1])
+        tr0, tr1 = max(0, r0 - halo), min(rows, r1 + halo)
+        for j in range(len(array.chunks[1])):
+            c0, c1 = int(starts[1][j]), int(starts[1][j + 1])
+            tc0, tc1 = max(0, c0 - halo), min(cols, c1 + halo)
+            frame = (rows, cols, tr0, tc0, low, high)
+            crop = (r0 - tr0, r1 - tr0, c0 - tc0, c1 - tc0)
+            task = dask.delayed(_denoise_tile, pure=True)(
+                array[tr0:tr1, tc0:tc1], frame, noise, preset, threads, crop)
+            row.append(da.from_delayed(task, shape=(r1 - r0, c1 - c0), dtype=np.float64))
+        blocks.append(row)
+    return da.block(blocks)

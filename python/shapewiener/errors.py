@@ -1,0 +1,17 @@
+"""The exception every rejected call raises."""
+
+
+class Error(ValueError):
+    """A rejected argument or a cancelled call.
+
+    ``identifier`` is ``"shapewiener:<argument>:<reason>"``, the identifier the
+    MEX gateway gives the same error in Octave and MATLAB; ``str(error)`` is the
+    message.
+    """
+
+    def __init__(self, identifier, message):
+        super().__init__(message)
+        self.identifier = identifier
+
+    def __repr__(self):
+        return f"shapewiener.Error({self.identifier!r}, {str(self)!r})"

@@ -1,0 +1,262 @@
+// shapewiener._core: the library's two calls for Python. The Python side
+// (shapewiener/_filter.py, shapewiener/_denoise.py) checks classes and lays
+// the arrays out column-major; this module describes them for the library,
+// releases the GIL while it runs and turns its errors into shapewiener.Error.
+//
+// Ctrl-C: the library calls the progress callback on the calling thread now
+// and then; the callback takes the GIL for a moment and lets Python run its
+// signal handlers. When one raises (KeyboardInterrupt), the call is cancelled
+// and the exception is raised again once the library has returned.
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "shapewiener/filter.h"
+#if defined(SHAPEWIENER_HAVE_DENOISE)
+#include "shapewiener/denoise.h"
+#endif
+
+namespace py = pybind11;
+
+namespace {
+
+[[noreturn]] void raise_error(const char* identifier, const char* message) {
+    py::object cls = py::module_::import("shapewiener.errors").attr("Error");
+    py::object instance = cls(std::string(identifier), std::string(message));
+    PyErr_SetObject(cls.ptr(), instance.ptr());
+    throw py::error_already_set();
+}
+
+sw::Dims dims_of(const py::array& a) {
+    sw::Dims d;
+    const int nd = static_cast<int>(a.ndim());
+    d.count = nd < 2 ? 2 : (nd > sw::Dims::kMaxDims ? sw::Dims::kMaxDims : nd);
+    for (int i = 0; i < sw::Dims::kMaxDims; ++i) d.size[i] = 1;
+    if (nd == 1) d.size[0] = static_cast<uint64_t>(a.shape(0));
+    for (int i = 0; i < nd; ++i) {
+        const int at = i < sw::Dims::kMaxDims ? i : sw::Dims::kMaxDims - 1;
+        const uint64_t n = static_cast<uint64_t>(a.shape(i));
+        d.size[at] = i < sw::Dims::kMaxDims ? n : d.size[at] * n;
+    }
+    return d;
+}
+
+template <class T>
+sw::ArrayView<T> view_of(const py::handle& h) {
+    sw::ArrayView<T> v;
+    if (h.is_none()) return v;
+    const py::array a = py::reinterpret_borrow<py::array>(h);
+    v.data = static_cast<const T*>(a.data());
+    v.dims = dims_of(a);
+    return v;
+}
+
+// Polls Python's signal handlers from the library's progress callback and
+// keeps the exception one of them raised (or the user's callback raised).
+class Interrupt {
+public:
+    ~Interrupt() {
+        if (type_ != nullptr) {
+            py::gil_scoped_acquire gil;
+            Py_XDECREF(type_);
+            Py_XDECREF(value_);
+            Py_XDECREF(traceback_);
+        }
+    }
+    // With the GIL released: false when the call should stop.
+    bool poll(const py::object* user, double fraction, const char* phase) {
+        py::gil_scoped_acquire gil;
+        if (PyErr_CheckSignals() != 0) {
+            PyErr_Fetch(&type_, &value_, &traceback_);
+            return false;
+        }
+        if (user != nullptr && !user->is_none()) {
+            try {
+                const py::object r = (*user)(fraction, phase);
+                if (r.ptr() == Py_False) {
+                    cancelled_ = true;
+                    return false;
+                }
+            } catch (py::error_already_set& e) {
+                e.restore();
+                PyErr_Fetch(&type_, &value_, &traceback_);
+                return false;
+            }
+        }
+        return true;
+    }
+    // With the GIL held: raises the kept exception, if any.
+    void rethrow() {
+        if (type_ == nullptr) return;
+        PyErr_Restore(type_, value_, traceback_);
+        type_ = value_ = traceback_ = nullptr;
+        throw py::error_already_set();
+    }
+    bool cancelled() const { return cancelled_; }
+
+private:
+    PyObject* type_ = nullptr;
+    PyObject* value_ = nullptr;
+    PyObject* traceback_ = nullptr;
+    bool cancelled_ = false;
+};
+
+// The raw module call. The arrays come checked for class and laid out
+// column-major by shapewiener._filter; the images are dithered in place.
+py::array filter_call(py::object scale_set, py::object dsm, py::list transforms, py::list masks,
+                      double dft_size, py::object psd, py::array noisy, py::object plist,
+                      double noise_level_factor, double max_scale, py::array pilot,
+                      double wiener_variance_factor, double coverage_threshold,
+                      py::object frame, unsigned threads) {
+    std::vector<sw::ArrayView<double>> transform_views;
+    std::vector<sw::ArrayView<uint8_t>> mask_views;
+    for (const py::handle h : transforms) transform_views.push_back(view_of<double>(h));
+    for (const py::handle h : masks) mask_views.push_back(view_of<uint8_t>(h));
+    sw::FilterCall c;
+    c.scale_set = view_of<double>(scale_set);
+    c.direction_scale_map = view_of<uint8_t>(dsm);
+    c.transforms = transform_views.data();
+    c.transform_count = transform_views.size();
+    c.sector_masks = mask_views.data();
+    c.sector_mask_count = mask_views.size();
+    c.dft_size = dft_size;
+    c.noise_psd = view_of<double>(psd);
+    c.noisy_image = static_cast<double*>(noisy.mutable_data());
+    c.image_dims = dims_of(noisy);
+    c.processing_list = view_of<int32_t>(plist);
+    c.noise_level_factor = noise_level_factor;
+    c.max_scale = max_scale;
+    c.pilot_image = static_cast<double*>(pilot.mutable_data());
+    c.pilot_dims = dims_of(pilot);
+    c.wiener_variance_factor = wiener_variance_factor;
+    c.coverage_threshold = coverage_threshold;
+    if (!frame.is_none()) {
+        const auto f = frame.cast<std::vector<uint32_t>>();
+        if (f.size() != 4) throw py::value_error("frame must be (rows, cols, row0, col0)");
+        c.frame = {f[0], f[1], f[2], f[3]};
+    }
+    const sw::Error invalid = sw::check(c);
+    if (invalid) raise_error(invalid.identifier, invalid.message);
+
+    const py::ssize_t m = static_cast<py::ssize_t>(c.image_dims.rows());
+    const py::ssize_t k = static_cast<py::ssize_t>(c.image_dims.cols());
+    py::array_t<double, py::array::f_style> out({m, k});
+    double* out_data = out.mutable_data();
+    Interrupt interrupt;
+    sw::RunOptions options;
+    options.threads = threads;
+    options.progress = [&interrupt](double fraction) {
+        return interrupt.poll(nullptr, fraction, "filter");
+    };
+    sw::Error e;
+    {
+        py::gil_scoped_release release;
+        e = sw::run(c, out_data, options);
+    }
+    interrupt.rethrow();
+    if (e) raise_error(e.identifier, e.message);
+    return std::move(out);
+}
+
+#if defined(SHAPEWIENER_HAVE_DENOISE)
+std::vector<double> column_major(const py::array_t<double, py::array::f_style>& a) {
+    return std::vector<double>(a.data(), a.data() + a.size());
+}
+
+// sw::denoise on a column-major float64 matrix. noise: "white", "kernel" or
+// "psd"; tile: None or (rows, cols, row0, col0, value_min, value_max).
+py::tuple denoise_call(py::array_t<double> image, const std::string& noise,
+                       double sigma, py::object kernel, py::object psd, const std::string& preset,
+                       unsigned threads, py::object progress, py::object tile) {
+    if (image.ndim() != 2) throw py::value_error("the image must be a 2-D array");
+    sw::Image in;
+    in.rows = static_cast<uint32_t>(image.shape(0));
+    in.cols = static_cast<uint32_t>(image.shape(1));
+    // One copy, column-major, from whatever memory order the array has.
+    const auto v = image.unchecked<2>();
+    in.pixels.resize(static_cast<size_t>(in.rows) * in.cols);
+    for (py::ssize_t j = 0; j < v.shape(1); ++j) {
+        for (py::ssize_t i = 0; i < v.shape(0); ++i) in.pixels[i + j * v.shape(0)] = v(i, j);
+    }
+    sw::NoiseModel model;
+    if (noise == "white") {
+        model = sw::NoiseModel::white(sigma);
+    } else if (noise == "kernel") {
+        const auto k = kernel.cast<py::array_t<double, py::array::f_style>>();
+        model = sw::NoiseModel::from_kernel(column_major(k), static_cast<uint32_t>(k.shape(0)),
+                                            static_cast<uint32_t>(k.shape(1)), sigma);
+    } else {
+        model = sw::NoiseModel::from_psd(column_major(psd.cast<py::array_t<double, py::array::f_style>>()));
+    }
+    sw::DenoiseOptions options;
+    options.preset = preset;
+    options.threads = threads;
+    if (!tile.is_none()) {
+        const py::tuple t = tile.cast<py::tuple>();
+        options.tile.rows = t[0].cast<uint32_t>();
+        options.tile.cols = t[1].cast<uint32_t>();
+        options.tile.row0 = t[2].cast<uint32_t>();
+        options.tile.col0 = t[3].cast<uint32_t>();
+        options.tile.value_min = t[4].cast<double>();
+        options.tile.value_max = t[5].cast<double>();
+    }
+    Interrupt interrupt;
+    const sw::Progress poll = [&interrupt, &progress](double fraction, const char* phase) {
+        return interrupt.poll(&progress, fraction, phase);
+    };
+    sw::Image result;
+    sw::DenoiseReport report;
+    sw::Error error;
+    {
+        py::gil_scoped_release release;
+        try {
+            result = sw::denoise(in, model, options, poll, &report);
+        } catch (const sw::DenoiseError& e) {
+            error = e.error();
+        }
+        in.pixels.clear();
+        in.pixels.shrink_to_fit();
+    }
+    interrupt.rethrow();
+    if (error) raise_error(error.identifier, error.message);
+
+    // The result's pixels become the array's memory: no copy.
+    auto* pixels = new std::vector<double>(std::move(result.pixels));
+    py::capsule owner(pixels, [](void* p) { delete static_cast<std::vector<double>*>(p); });
+    const py::ssize_t rows = result.rows;
+    py::array out(py::dtype::of<double>(), {rows, static_cast<py::ssize_t>(result.cols)},
+                  {static_cast<py::ssize_t>(sizeof(double)), rows * static_cast<py::ssize_t>(sizeof(double))},
+                  pixels->data(), owner);
+    py::dict r;
+    r["passes"] = report.passes;
+    r["accepted_entries"] = report.accepted_entries;
+    r["key_changes"] = report.key_changes;
+    r["seconds"] = report.seconds;
+    return py::make_tuple(out, r);
+}
+#endif
+
+}  // namespace
+
+PYBIND11_MODULE(_core, m) {
+    m.doc() = "The shapewiener library: the raw filter module and the denoiser.";
+    m.def("filter", &filter_call, "The raw sixteen-argument filter (arrays prepared by shapewiener.filter).");
+#if defined(SHAPEWIENER_HAVE_DENOISE)
+    m.def("denoise", &denoise_call, "sw::denoise on a column-major float64 matrix.");
+    m.def("tile_halo", [](const std::string& preset) {
+        try {
+            return sw::tile_halo(preset);
+        } catch (const sw::DenoiseError& e) {
+            raise_error(e.error().identifier, e.error().message);
+        }
+    }, "The border a tile needs around the pixels it keeps, for a preset.");
+    m.attr("have_denoise") = true;
+#else
+    m.attr("have_denoise") = false;
+#endif
+}

@@ -1,0 +1,58 @@
+"""Dask: tiles with their halo give the whole image's bits; a batch with a
+corrupt file reports it, finishes the others and resumes. Clusters run on
+127.0.0.1 only."""
+
+import os
+
+import numpy as np
+import pytest
+
+from conftest import need
+from test_denoise import sample_image
+
+
+@pytest.fixture(scope="module")
+def client():
+    try:
+        from distributed import Client, LocalCluster
+    except ImportError:
+        need(False, "python3-distributed")
+    cluster = LocalCluster(host="127.0.0.1", protocol="tcp://", n_workers=2, threads_per_worker=1,
+                           processes=False,
+                           dashboard_address="127.0.0.1:0")
+    with Client(cluster) as c:
+        yield c
+    cluster.close()
+
+
+def test_tiles_give_the_whole_images_bits(denoiser, client):
+    """Chunks smaller than twice the halo; the default preset: tests/test_tile.cpp."""
+    import shapewiener.dask
+    preset, chunks = "fast", (10, 13)
+    z = np.tile(sample_image(), (2, 3))[:45, :58] / 255.0
+    k = np.array([[1.0, 2.0, 1.0], [2.0, 4.0, 2.0], [1.0, 2.0, 1.0]])
+    whole = denoiser.denoise(z, kernel=k, sigma=0.05, preset=preset)
+    tiled = shapewiener.dask.denoise(z, chunks=chunks, kernel=k, sigma=0.05,
+                                     preset=preset).compute()
+    mismatched = np.count_nonzero(tiled != whole)
+    assert mismatched == 0, f"{mismatched} of {z.size} pixels differ"
+
+
+def test_a_batch_reports_a_corrupt_file_and_resumes(denoiser, client, tmp_path):
+    import imageio
+    from shapewiener import batch
+    src, out = tmp_path / "in", tmp_path / "out"
+    src.mkdir()
+    z = sample_image()
+    imageio.imwrite(src / "a.png", z.astype(np.uint8))
+    np.save(src / "b.npy", z / 255.0)
+    (src / "c.png").write_bytes(b"\x89PNG\r\n\x1a\n not really")
+    noise = {"sigma": 0.05, "kernel": None, "psd": None}
+    failed = batch.run(str(src / "*"), str(out), noise, preset="fast",
+                       scheduler=client.scheduler.address, out=open(os.devnull, "w"))
+    assert [os.path.basename(f) for f, _ in failed] == ["c.png"]
+    assert sorted(os.listdir(out)) == ["a.png", "b.npy"]
+    b = np.load(out / "b.npy")
+    assert b.tobytes() == denoiser.denoise(z / 255.0, sigma=0.05, preset="fast").tobytes()
+    assert imageio.imread(out / "a.png").dtype == np.uint8
+    assert batch.plan(str(src / "*"), str(out)) == ([(str(src / "c.png"), str(out / "c.png"))], 2)

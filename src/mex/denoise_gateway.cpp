@@ -1,0 +1,209 @@
+// The denoiser's entry point for Octave and MATLAB:
+//   OUT = shapewiener_denoise(Z, 'sigma', S)
+//   OUT = shapewiener_denoise(Z, 'kernel', K, 'sigma', S)
+//   OUT = shapewiener_denoise(Z, 'psd', P)
+// with the options 'preset' ('fast', 'default', 'best') and 'threads'. A thin
+// adapter over sw::denoise (include/shapewiener/denoise.h): it reads the
+// host's arrays, runs, and copies the estimate out. Errors leave through
+// mexErrMsgIdAndTxt only after every object of the gateway is released.
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "mex.h"
+#include "shapewiener/denoise.h"
+
+#if defined(octave_mex_h)
+#include <octave/quit.h>
+#elif defined(MATLAB_MEX_FILE) && !defined(SHAPEWIENER_NO_MATLAB_INTERRUPT)
+// MATLAB's query for a pending Ctrl-C, in libut, which the build links.
+extern "C" bool utIsInterruptPending(void);
+#endif
+
+namespace {
+
+sw::Error make(const char* identifier, const std::string& message,
+               sw::ErrorCode code = sw::ErrorCode::kInvalid) {
+    sw::Error e;
+    e.code = code;
+    std::snprintf(e.identifier, sizeof e.identifier, "%s", identifier);
+    std::snprintf(e.message, sizeof e.message, "%s", message.c_str());
+    return e;
+}
+
+bool interrupt_requested() {
+#if defined(octave_mex_h)
+    return octave_signal_caught != 0;
+#elif defined(MATLAB_MEX_FILE) && !defined(SHAPEWIENER_NO_MATLAB_INTERRUPT)
+    return utIsInterruptPending();
+#else
+    return false;
+#endif
+}
+
+// Any real numeric or logical array, as doubles in column-major order.
+sw::Error read_matrix(const mxArray* a, const char* what, uint32_t* rows, uint32_t* cols,
+                      std::vector<double>* values) {
+    const std::string name(what);
+    if (!(mxIsNumeric(a) || mxIsLogical(a)) || mxIsComplex(a) || mxIsSparse(a)) {
+        return make(("shapewiener:" + name + ":notReal").c_str(),
+                    "the " + name + " must be a real full numeric matrix; got a " +
+                        mxGetClassName(a) + (mxIsComplex(a) ? " complex" : "") + " array.");
+    }
+    if (mxGetNumberOfDimensions(a) != 2) {
+        return make(("shapewiener:" + name + ":size").c_str(),
+                    "the " + name + " must be a 2-D matrix.");
+    }
+    const size_t n = mxGetNumberOfElements(a);
+    const size_t m = mxGetM(a);
+    if (m > UINT32_MAX || mxGetN(a) > UINT32_MAX) {
+        return make(("shapewiener:" + name + ":tooLarge").c_str(), "the " + name + " is too large.");
+    }
+    *rows = static_cast<uint32_t>(m);
+    *cols = static_cast<uint32_t>(mxGetN(a));
+    values->resize(n);
+    const void* data = mxGetData(a);
+    switch (mxGetClassID(a)) {
+#define SW_CASE(id, type) \
+    case id: for (size_t i = 0; i < n; ++i) (*values)[i] = static_cast<double>(static_cast<const type*>(data)[i]); break;
+        SW_CASE(mxDOUBLE_CLASS, double)
+        SW_CASE(mxSINGLE_CLASS, float)
+        SW_CASE(mxINT8_CLASS, int8_t)
+        SW_CASE(mxUINT8_CLASS, uint8_t)
+        SW_CASE(mxINT16_CLASS, int16_t)
+        SW_CASE(mxUINT16_CLASS, uint16_t)
+        SW_CASE(mxINT32_CLASS, int32_t)
+        SW_CASE(mxUINT32_CLASS, uint32_t)
+        SW_CASE(mxINT64_CLASS, int64_t)
+        SW_CASE(mxUINT64_CLASS, uint64_t)
+        SW_CASE(mxLOGICAL_CLASS, mxLogical)
+#undef SW_CASE
+        default:
+            return make(("shapewiener:" + name + ":notReal").c_str(),
+                        "the " + name + " must be a real numeric matrix.");
+    }
+    return sw::Error();
+}
+
+sw::Error read_scalar(const mxArray* a, const char* option, double* value) {
+    if (!(mxIsNumeric(a) || mxIsLogical(a)) || mxIsComplex(a) || mxGetNumberOfElements(a) != 1) {
+        return make((std::string("shapewiener:") + option + ":notScalar").c_str(),
+                    std::string("'") + option + "' takes a real numeric scalar.");
+    }
+    *value = mxGetScalar(a);
+    return sw::Error();
+}
+
+std::string text_of(const mxArray* a) {
+    if (!mxIsChar(a)) return std::string();
+    char* s = mxArrayToString(a);
+    std::string text = s != nullptr ? s : "";
+    mxFree(s);
+    return text;
+}
+
+std::string lower(std::string s) {
+    for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return s;
+}
+
+// Reads the call, runs the denoiser, leaves the estimate in plhs[0].
+sw::Error run(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
+    if (nrhs < 1) return make("shapewiener:nrhs:tooFew", "expected an image and the noise.");
+    if (nlhs > 1) return make("shapewiener:nlhs:tooMany", "returns one output.");
+    if (nrhs % 2 == 0) {
+        return make("shapewiener:options:pairs",
+                    "the options after the image come in name-value pairs.");
+    }
+    sw::Image image;
+    sw::Error e = read_matrix(prhs[0], "image", &image.rows, &image.cols, &image.pixels);
+    if (e) return e;
+
+    bool have_sigma = false, have_kernel = false, have_psd = false;
+    double sigma = 0.0;
+    uint32_t kernel_rows = 0, kernel_cols = 0, psd_rows = 0, psd_cols = 0;
+    std::vector<double> kernel, psd;
+    sw::DenoiseOptions options;
+    for (int i = 1; i + 1 < nrhs; i += 2) {
+        const std::string name = lower(text_of(prhs[i]));
+        const mxArray* value = prhs[i + 1];
+        if (name == "sigma") {
+            e = read_scalar(value, "sigma", &sigma);
+            have_sigma = true;
+        } else if (name == "kernel") {
+            e = read_matrix(value, "kernel", &kernel_rows, &kernel_cols, &kernel);
+            have_kernel = true;
+        } else if (name == "psd") {
+            e = read_matrix(value, "psd", &psd_rows, &psd_cols, &psd);
+            have_psd = true;
+        } else if (name == "preset") {
+            if (!mxIsChar(value)) {
+                return make("shapewiener:preset:notText", "'preset' takes 'fast', 'default' or 'best'.");
+            }
+            options.preset = text_of(value);
+        } else if (name == "threads") {
+            double t = 0.0;
+            e = read_scalar(value, "threads", &t);
+            if (!e && !(t >= 0.0 && t <= 4096.0 && t == static_cast<double>(static_cast<unsigned>(t)))) {
+                return make("shapewiener:threads:outOfRange",
+                            "'threads' takes a whole number from 0 (all cores) to 4096.");
+            }
+            options.threads = static_cast<unsigned>(t);
+        } else {
+            return make("shapewiener:options:unknown",
+                        "unknown option '" + text_of(prhs[i]) +
+                            "'; the options are 'sigma', 'kernel', 'psd', 'preset' and 'threads'.");
+        }
+        if (e) return e;
+    }
+    sw::NoiseModel noise;
+    if (have_psd) {
+        if (have_sigma || have_kernel) {
+            return make("shapewiener:noise:conflict",
+                        "give the noise as 'sigma', as 'kernel' and 'sigma', or as 'psd' alone.");
+        }
+        if (psd_rows != image.rows || psd_cols != image.cols) {
+            return make("shapewiener:noise:psdSize",
+                        "the power spectrum must have the image's size, " +
+                            std::to_string(image.rows) + " x " + std::to_string(image.cols) + ".");
+        }
+        noise = sw::NoiseModel::from_psd(std::move(psd));
+    } else if (!have_sigma) {
+        return make("shapewiener:noise:missing",
+                    "no noise given: pass 'sigma', 'kernel' and 'sigma', or 'psd'.");
+    } else if (have_kernel) {
+        noise = sw::NoiseModel::from_kernel(std::move(kernel), kernel_rows, kernel_cols, sigma);
+    } else {
+        noise = sw::NoiseModel::white(sigma);
+    }
+
+    const sw::Progress progress = [](double, const char*) { return !interrupt_requested(); };
+    try {
+        const sw::Image out = sw::denoise(image, noise, options, progress);
+        plhs[0] = mxCreateDoubleMatrix(out.rows, out.cols, mxREAL);
+        if (!out.pixels.empty()) {
+            std::memcpy(mxGetPr(plhs[0]), out.pixels.data(), sizeof(double) * out.pixels.size());
+        }
+    } catch (const sw::DenoiseError& error) {
+        return error.error();
+    } catch (const std::bad_alloc&) {
+        return make("shapewiener:memory:outOfMemory", "not enough memory.", sw::ErrorCode::kOutOfMemory);
+    }
+    return sw::Error();
+}
+
+}  // namespace
+
+void mexFunction(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
+    const sw::Error e = run(nlhs, plhs, nrhs, prhs);
+    if (!e) return;
+#if defined(octave_mex_h)
+    // Ctrl-C: let the host end the command as it does for an interrupt.
+    if (e.code == sw::ErrorCode::kInterrupted) octave_quit();
+#endif
+    mexErrMsgIdAndTxt(e.identifier, "%s", e.message);
+    std::abort();  // not reached
+}

@@ -1,0 +1,123 @@
+#include "support/shared_workload.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+#include "support/sha256.h"
+
+namespace swtest {
+namespace {
+
+std::vector<char> read_file(const std::string& path) {
+    FILE* f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) throw std::runtime_error("cannot open " + path);
+    std::vector<char> bytes;
+    char buffer[1 << 16];
+    size_t got;
+    while ((got = std::fread(buffer, 1, sizeof buffer, f)) > 0) bytes.insert(bytes.end(), buffer, buffer + got);
+    std::fclose(f);
+    return bytes;
+}
+
+// Decompressed with the system's gzip.
+std::vector<char> read_gzip(const std::string& path) {
+    FILE* pipe = popen(("gzip -dc '" + path + "'").c_str(), "r");
+    if (pipe == nullptr) throw std::runtime_error("cannot run gzip on " + path);
+    std::vector<char> bytes;
+    char buffer[1 << 16];
+    size_t got;
+    while ((got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) bytes.insert(bytes.end(), buffer, buffer + got);
+    if (pclose(pipe) != 0) throw std::runtime_error("gzip failed on " + path);
+    return bytes;
+}
+
+template <class T>
+std::vector<T> as(const std::vector<char>& bytes, size_t count, const std::string& what) {
+    if (count == 0) count = bytes.size() / sizeof(T);
+    if (bytes.size() < count * sizeof(T)) throw std::runtime_error(what + " is too short");
+    std::vector<T> v(count);
+    std::memcpy(v.data(), bytes.data(), count * sizeof(T));
+    return v;
+}
+
+template <class T>
+sw::ArrayView<T> view(const std::vector<T>& v, sw::Dims dims) {
+    return sw::ArrayView<T>{v.data(), dims};
+}
+
+}  // namespace
+
+SharedWorkload::SharedWorkload(const std::string& folder) {
+    const std::string root = folder + "/..";
+    const size_t mk = static_cast<size_t>(m_) * k_;
+    scale_set_ = as<double>(read_file(folder + "/scaleset.f64"), 0, "scaleset.f64");
+    if (scale_set_.empty()) throw std::runtime_error("scaleset.f64 is empty");
+    uint32_t h = 0;
+    for (double s : scale_set_) h = std::max(h, sw::round_to_unsigned(s));
+    const uint32_t w = 2 * h - 1;
+    dsm_ = as<uint8_t>(read_gzip(folder + "/dsm.u8.gz"), mk * 8, "dsm.u8.gz");
+    list_ = as<int32_t>(read_gzip(folder + "/list.i32.gz"), mk * 2, "list.i32.gz");
+    const auto bank = as<double>(read_file(folder + "/transforms.f64"), 0, "transforms.f64");
+    size_t at = 0;
+    for (uint32_t len = 1; len <= w; ++len) {
+        if (at + len * len > bank.size()) throw std::runtime_error("transforms.f64 is too short");
+        transforms_.emplace_back(bank.begin() + at, bank.begin() + at + len * len);
+        at += len * len;
+    }
+    const auto masks = as<uint8_t>(read_file(folder + "/masks.u8"), size_t{8} * h * h * w * w, "masks.u8");
+    for (size_t c = 0; c < size_t{8} * h * h; ++c) {
+        masks_.emplace_back(masks.begin() + c * w * w, masks.begin() + (c + 1) * w * w);
+    }
+    psd_ = as<double>(read_file(root + "/camera512_gauss1_psd32.f64"), 32 * 32, "psd");
+    image_ = as<double>(read_file(root + "/camera512_gauss1_noisy.f64"), mk, "image");
+    const std::vector<char> sha = read_file(folder + "/out.sha256");
+    expected_sha256_.assign(sha.begin(), sha.begin() + std::min<size_t>(64, sha.size()));
+
+    for (uint32_t len = 1; len <= w; ++len) {
+        transform_views_.push_back(view(transforms_[len - 1], sw::Dims::matrix(len, len)));
+    }
+    for (const auto& m : masks_) mask_views_.push_back(view(m, sw::Dims::matrix(w, w)));
+    sw::FilterCall& c = call_;
+    c.scale_set = view(scale_set_, sw::Dims::matrix(1, scale_set_.size()));
+    c.direction_scale_map = view(dsm_, sw::Dims::array3(m_, k_, 8));
+    c.transforms = transform_views_.data();
+    c.transform_count = transform_views_.size();
+    c.sector_masks = mask_views_.data();
+    c.sector_mask_count = mask_views_.size();
+    c.dft_size = 32;
+    c.noise_psd = view(psd_, sw::Dims::matrix(32, 32));
+    c.image_dims = sw::Dims::matrix(m_, k_);
+    c.pilot_dims = c.image_dims;
+    c.processing_list = view(list_, sw::Dims::matrix(mk, 2));
+    c.noise_level_factor = 1;
+    c.max_scale = h;
+    c.wiener_variance_factor = 6;
+    c.coverage_threshold = 1e9;
+}
+
+const sw::FilterCall& SharedWorkload::fresh_call() {
+    noisy_ = image_;
+    pilot_ = image_;
+    call_.noisy_image = noisy_.data();
+    call_.pilot_image = pilot_.data();
+    return call_;
+}
+
+std::string shared_workload_root(const std::string& fallback) {
+    const char* env = std::getenv("SHAPEWIENER_WORKLOADS");
+    const std::string root = env != nullptr && *env != '\0' ? env : fallback;
+    struct stat st;
+    if (stat(root.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return std::string();
+    return root;
+}
+
+std::string output_sha256(const std::vector<double>& output) {
+    return sha256_hex(output.data(), output.size() * sizeof(double));
+}
+
+}  // namespace swtest

@@ -1,0 +1,58 @@
+// The adaptive-shape workloads of the shared workload folder (two real calls
+// with the SHA-256 of their outputs), as plain FilterCalls: for the tests
+// that pin every path's bits to them and for the benchmarks.
+#ifndef SHAPEWIENER_TESTS_SUPPORT_SHARED_WORKLOAD_H
+#define SHAPEWIENER_TESTS_SUPPORT_SHARED_WORKLOAD_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "shapewiener/filter.h"
+
+namespace swtest {
+
+class SharedWorkload {
+public:
+    // Reads `folder` (e.g. ../shared/workloads/adaptive_h9; the image and
+    // the spectrum come from its parent). Throws std::runtime_error when a
+    // file is missing or short.
+    explicit SharedWorkload(const std::string& folder);
+    SharedWorkload(const SharedWorkload&) = delete;
+    SharedWorkload& operator=(const SharedWorkload&) = delete;
+
+    // The call, with freshly copied images (the filter dithers them).
+    const sw::FilterCall& fresh_call();
+    const std::string& expected_sha256() const { return expected_sha256_; }
+    uint32_t pixels() const { return m_ * k_; }
+
+private:
+    uint32_t m_ = 512;
+    uint32_t k_ = 512;
+    std::vector<double> scale_set_;
+    std::vector<uint8_t> dsm_;
+    std::vector<std::vector<double>> transforms_;
+    std::vector<std::vector<uint8_t>> masks_;
+    std::vector<sw::ArrayView<double>> transform_views_;
+    std::vector<sw::ArrayView<uint8_t>> mask_views_;
+    std::vector<double> psd_;
+    std::vector<double> image_;
+    std::vector<double> noisy_;
+    std::vector<double> pilot_;
+    std::vector<int32_t> list_;
+    std::string expected_sha256_;
+    sw::FilterCall call_;
+};
+
+// Lower-case hex SHA-256 of the output's raw bytes (as out.sha256 holds it).
+std::string output_sha256(const std::vector<double>& output);
+
+// The folder of the shared workloads: $SHAPEWIENER_WORKLOADS, else
+// `fallback` (../shared/workloads beside the repository); empty when the
+// folder does not exist.
+std::string shared_workload_root(const std::string& fallback);
+
+}  // namespace swtest
+
+#endif  // SHAPEWIENER_TESTS_SUPPORT_SHARED_WORKLOAD_H

@@ -1,0 +1,218 @@
+// The threaded driver and the serial loop with the optimised kernels give
+// the reference path's bits; interruption through the progress callback.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "driver/parallel.h"
+#include "support/shared_workload.h"
+#include "support/test_args.h"
+
+namespace {
+
+using swtest::CallPlan;
+
+// A plan as a FilterCall; the images are copied (the call dithers them).
+struct PlainCall {
+    CallPlan plan;
+    std::vector<sw::ArrayView<double>> transforms;
+    std::vector<sw::ArrayView<uint8_t>> masks;
+    sw::FilterCall call;
+
+    explicit PlainCall(const CallPlan& p) : plan(p) {
+        const uint32_t w = plan.w();
+        for (const auto& t : plan.transforms) {
+            const uint64_t len = transforms.size() + 1;
+            transforms.push_back({t.data(), sw::Dims::matrix(len, len)});
+        }
+        for (const auto& m : plan.sector_masks) masks.push_back({m.data(), sw::Dims::matrix(w, w)});
+        sw::FilterCall& c = call;
+        c.scale_set = {plan.scale_set.data(), sw::Dims::matrix(1, plan.scale_set.size())};
+        c.direction_scale_map = {plan.direction_scale_map.data(), sw::Dims::array3(plan.m, plan.k, 8)};
+        c.transforms = transforms.data();
+        c.transform_count = transforms.size();
+        c.sector_masks = masks.data();
+        c.sector_mask_count = masks.size();
+        c.dft_size = plan.n;
+        c.noise_psd = {plan.psd.data(), sw::Dims::matrix(plan.n, plan.n)};
+        c.noisy_image = plan.noisy.data();
+        c.image_dims = sw::Dims::matrix(plan.m, plan.k);
+        plan.pixels.insert(plan.pixels.end(), plan.keys.begin(), plan.keys.end());
+        c.processing_list = {plan.pixels.data(), sw::Dims::matrix(uint64_t{plan.m} * plan.k, 2)};
+        c.noise_level_factor = plan.noise_level_factor;
+        c.max_scale = plan.h;
+        c.pilot_image = plan.pilot.data();
+        c.pilot_dims = c.image_dims;
+        c.wiener_variance_factor = plan.wiener_variance_factor;
+        c.coverage_threshold = plan.coverage_threshold;
+    }
+};
+
+struct Result {
+    std::vector<double> output, noisy, pilot;
+};
+
+Result run(const CallPlan& plan, const sw::RunOptions& options) {
+    PlainCall pc(plan);
+    EXPECT_FALSE(sw::check(pc.call)) << sw::check(pc.call).message;
+    Result r;
+    r.output.assign(uint64_t{plan.m} * plan.k, -1.0);
+    const sw::Error e = sw::run(pc.call, r.output.data(), options);
+    EXPECT_FALSE(e) << e.message;
+    r.noisy = pc.plan.noisy;
+    r.pilot = pc.plan.pilot;
+    return r;
+}
+
+sw::RunOptions with_threads(unsigned threads, bool reference = false) {
+    sw::RunOptions o;
+    o.threads = threads;
+    o.reference = reference;
+    return o;
+}
+
+// Keys in runs drawn from {0, 5, 7}: key 0 first, patterns 5, 7, 5, and
+// runs over pixels of different shapes (which reuse the first one's shape).
+void key_runs(CallPlan* plan, uint32_t seed) {
+    std::mt19937 rng(seed);
+    const int32_t choices[3] = {0, 5, 7};
+    int32_t key = 0;
+    for (size_t i = 0; i < plan->keys.size(); ++i) {
+        if (i > 0 && rng() % 3 == 0) key = choices[rng() % 3];
+        plan->keys[i] = key;
+    }
+}
+
+struct Case {
+    const char* what;
+    uint32_t h, n, m, k;
+    bool random_masks, repeat, key_runs;
+    double threshold;
+};
+
+TEST(Threads, EveryThreadCountGivesTheReferenceBits) {
+    const Case cases[] = {
+        // Chunks end at the entry, key-change and value limits (256 entries,
+        // 99 key changes at H = 11, or values of about 240 boxes clipped to
+        // a 20 x 20 image).
+        {"H 11, a key per entry", 11, 32, 12, 12, true, false, false, 1e9},
+        {"H 11, key runs", 11, 32, 20, 20, true, false, true, 1e9},
+        {"large list", 4, 32, 36, 30, true, false, false, 1e9},
+        {"threshold 0", 4, 32, 30, 30, true, false, false, 0},
+        {"threshold 1, repeated pixels", 5, 32, 24, 26, true, true, false, 1},
+        {"threshold 3, key runs", 4, 32, 30, 24, false, true, true, 3},
+        {"key runs, table path", 4, 16, 20, 18, true, false, true, 1e9},
+        {"general H, table path", 3, 10, 17, 15, true, true, false, 1},
+        {"general H, key runs", 2, 32, 25, 30, true, false, true, 0},
+        {"tiny image", 6, 32, 3, 2, true, true, false, 1e9},
+    };
+    uint32_t seed = 40;
+    for (const Case& c : cases) {
+        swtest::RandomOptions o;
+        o.h = c.h;
+        o.n = c.n;
+        o.m = c.m;
+        o.k = c.k;
+        o.random_masks = c.random_masks;
+        o.repeat_pixels = c.repeat;
+        o.coverage_threshold = c.threshold;
+        CallPlan plan = swtest::random_plan(++seed, o);
+        if (c.key_runs) key_runs(&plan, seed);
+        const Result reference = run(plan, with_threads(1, true));
+        for (unsigned threads : {1u, 2u, 3u, 8u}) {
+            const Result r = run(plan, with_threads(threads));
+            EXPECT_TRUE(swtest::same_bits(r.output, reference.output)) << c.what << ", " << threads;
+            EXPECT_TRUE(swtest::same_bits(r.noisy, reference.noisy)) << c.what;
+            EXPECT_TRUE(swtest::same_bits(r.pilot, reference.pilot)) << c.what;
+        }
+    }
+}
+
+TEST(Threads, ProgressRunsOnTheCallingThreadAndStopsTheCall) {
+    swtest::RandomOptions o;
+    o.m = 90;
+    o.k = 100;  // 9000 entries: progress is offered a turn
+    o.random_masks = false;
+    CallPlan plan = swtest::random_plan(7, o);
+    for (int32_t& key : plan.keys) key = 1;  // one noise-level computation
+    for (unsigned threads : {1u, 3u}) {
+        std::vector<double> seen;
+        bool other_thread = false;
+        const std::thread::id caller = std::this_thread::get_id();
+        sw::RunOptions options = with_threads(threads);
+        options.progress = [&](double f) {
+            other_thread |= std::this_thread::get_id() != caller;
+            seen.push_back(f);
+            return seen.size() < 2;
+        };
+        PlainCall pc(plan);
+        std::vector<double> out(uint64_t{plan.m} * plan.k);
+        EXPECT_EQ(sw::run(pc.call, out.data(), options).code, sw::ErrorCode::kInterrupted);
+        EXPECT_FALSE(other_thread);
+        ASSERT_EQ(seen.size(), 2u) << threads;
+        EXPECT_TRUE(seen[0] >= 0.0 && seen[0] <= seen[1] && seen[1] < 1.0) << threads;
+    }
+    // A call after an interrupted one runs as usual.
+    EXPECT_TRUE(swtest::same_bits(run(plan, with_threads(3)).output,
+                                  run(plan, with_threads(1, true)).output));
+}
+
+TEST(Threads, CountFromOptionsEnvironmentOrHardware) {
+    const unsigned hardware = std::max(1u, std::thread::hardware_concurrency());
+    const struct {
+        const char* env;
+        unsigned option, expected;
+    } rows[] = {{nullptr, 5, 5}, {"3", 5, 5}, {"3", 0, 3}, {nullptr, 0, hardware},
+                {"0", 0, hardware}, {"-2", 0, hardware}, {"4x", 0, hardware},
+                {"100000", 0, hardware}};
+    for (const auto& row : rows) {
+        if (row.env != nullptr) {
+            setenv("SHAPEWIENER_THREADS", row.env, 1);
+        } else {
+            unsetenv("SHAPEWIENER_THREADS");
+        }
+        EXPECT_EQ(sw::requested_threads(with_threads(row.option)), row.expected)
+            << (row.env ? row.env : "unset") << " " << row.option;
+    }
+    unsetenv("SHAPEWIENER_THREADS");
+    // Scratch sets beyond 4 GiB are not taken: a 40000 x 40000 image leaves
+    // room for few of them.
+    EXPECT_EQ(sw::affordable_threads({40000, 40000, 21, 1024, 5}, 64), 1u);
+    EXPECT_EQ(sw::affordable_threads({512, 512, 17, 32, 6}, 8), 8u);
+}
+
+// The shared workloads' outputs, pinned by their SHA-256.
+TEST(Threads, SharedWorkloadsKeepTheirBits) {
+#if defined(SWTEST_ASAN)
+    GTEST_SKIP() << "too slow under the sanitizers; the plain build checks the workloads";
+#endif
+    const std::string root = swtest::shared_workload_root(SHAPEWIENER_SHARED_WORKLOADS);
+    if (root.empty()) {
+        const char* ci = std::getenv("CI");
+        if (ci != nullptr && std::string(ci) == "true") FAIL() << "shared workloads missing";
+        GTEST_SKIP() << "shared workloads not found (../shared/workloads beside the repository, "
+                        "or SHAPEWIENER_WORKLOADS): their bits are not checked";
+    }
+    // The serial loop with the optimised kernels, and the threaded driver
+    // with three workers (the golden test runs the default count).
+    const struct {
+        const char* name;
+        std::vector<unsigned> threads;
+    } runs[] = {{"adaptive_h7", {1, 3}}, {"adaptive_h9", {3}}};
+    for (const auto& run : runs) {
+        swtest::SharedWorkload workload(root + "/" + run.name);
+        for (unsigned threads : run.threads) {
+            std::vector<double> out(workload.pixels());
+            const sw::Error e = sw::run(workload.fresh_call(), out.data(), with_threads(threads));
+            ASSERT_FALSE(e) << e.message;
+            EXPECT_EQ(swtest::output_sha256(out),
+                      workload.expected_sha256())
+                << run.name << ", " << threads << " threads";
+        }
+    }
+}
+
+}  // namespace
