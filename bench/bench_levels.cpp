@@ -363,6 +363,8 @@ int main(int argc, char** argv) {
     try {
         swbench::AdaptiveWorkload wl(folder);
         if (pass) {
+            // One thread: the times are the calling thread's CPU time.
+            setenv("SHAPEWIENER_THREADS", "1", 1);
             if (pass_levels.empty()) pass_levels = {Level::reference, sw::simd::best()};
             return bench_pass(wl, pass_levels, reps);
         }
