@@ -1,9 +1,10 @@
 // The hot paths of the adaptive-shape workloads at every SIMD level against
 // the reference routines, side by side in one run:
 //   - the noise levels of a sample of the workload's shapes (every STRIDE-th
-//     key change), as time per coefficient spectrum (impulse response,
-//     spectrum and weighted sum; the DC block counts as one spectrum);
-//   - the forward and inverse shape transforms of the same entries;
+//     key), as time per coefficient spectrum (impulse response, spectrum and
+//     weighted sum; the DC block counts as one spectrum);
+//   - the forward and inverse shape transforms of all entries of those keys,
+//     in the order of the processing list;
 //   - with --pass, whole module calls, single-threaded, with the output's
 //     SHA-256 checked against the workload's.
 // Levels alternate within every repetition; the best repetition counts.
@@ -46,9 +47,10 @@ struct Clock {
 
 double seconds_since(double start) { return Clock::now() - start; }
 
-// One key change of the workload: the shape and its gathered, centred
-// values as the driver has them before the forward transform.
+// One entry of the workload: the shape and its gathered, centred values as
+// the driver has them before the forward transform.
 struct Entry {
+    bool key_change = false;  // the driver computes noise levels here
     std::vector<uint8_t> mask;
     std::vector<float> ng, pg;
     std::vector<int32_t> cc;
@@ -91,15 +93,18 @@ Sample sample_shapes(const swbench::AdaptiveWorkload& wl, uint32_t stride) {
     const uint32_t count = m * k;
     int32_t previous = 0;
     uint32_t changes = 0;
+    bool taking = false;
     for (uint32_t i = 0; i < count; ++i) {
         const int32_t key = list[count + i];
-        if (i > 0 && key == previous) continue;
+        const bool key_change = i == 0 || key != previous;
         previous = key;
-        if (changes++ % stride != 0) continue;
+        if (key_change) taking = changes++ % stride == 0;
+        if (!taking) continue;
         const uint32_t q = static_cast<uint32_t>(list[i]) - 1;
         const uint32_t col = q / m, row = q - col * m;
         uint32_t scales[8];
         Entry e;
+        e.key_change = key_change;
         sw::shape_parameters(dsm, q, count, rounded.data(), scales, &e.by_columns);
         const uint8_t* masks[8];
         for (uint32_t d = 0; d < 8; ++d) {
@@ -125,7 +130,7 @@ Sample sample_shapes(const swbench::AdaptiveWorkload& wl, uint32_t stride) {
                               e.rc.data(), e.mcc, s.table.data());
         e.spectra = 1;
         for (float c : e.nc) e.spectra += c != 0.0f ? 1 : 0;
-        s.spectra += e.spectra;
+        if (e.key_change) s.spectra += e.spectra;
         s.entries.push_back(std::move(e));
     }
     return s;
@@ -190,6 +195,7 @@ Timing run_level(const Sample& s, Level level) {
 
     start = Clock::now();
     for (const Entry& e : s.entries) {
+        if (!e.key_change) continue;
         const float dc = sw::noise_levels_fast(box, ctx, e.nc.data(), ng.data(), e.cc.data(),
                                                e.rc.data(), cursor.data(), e.mcc, s.table.data(),
                                                e.mask.data(), e.by_columns, e.shape_size, levels.data());
@@ -251,8 +257,10 @@ std::vector<Level> levels_to_run() {
 int bench_shapes(const swbench::AdaptiveWorkload& wl, std::vector<Level> levels, uint32_t stride,
                  uint32_t reps) {
     const Sample s = sample_shapes(wl, stride);
-    std::printf("H = %u: %zu shapes (every %u-th key change), %llu coefficient spectra\n", s.h,
-                s.entries.size(), stride, static_cast<unsigned long long>(s.spectra));
+    size_t shapes = 0;
+    for (const Entry& e : s.entries) shapes += e.key_change ? 1 : 0;
+    std::printf("H = %u: %zu shapes (every %u-th key), %llu coefficient spectra, %zu entries\n", s.h,
+                shapes, stride, static_cast<unsigned long long>(s.spectra), s.entries.size());
     std::vector<Timing> best(levels.size());
     bool identical = true;
     for (uint32_t r = 0; r < reps; ++r) {
@@ -355,6 +363,8 @@ int main(int argc, char** argv) {
     try {
         swbench::AdaptiveWorkload wl(folder);
         if (pass) {
+            // One thread: the times are the calling thread's CPU time.
+            setenv("SHAPEWIENER_THREADS", "1", 1);
             if (pass_levels.empty()) pass_levels = {Level::reference, sw::simd::best()};
             return bench_pass(wl, pass_levels, reps);
         }

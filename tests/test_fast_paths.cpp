@@ -8,6 +8,8 @@
 #include <cstring>
 #include <limits>
 #include <random>
+#include <string>
+#include <thread>
 #include <vector>
 
 #include "driver/box.h"
@@ -186,64 +188,181 @@ TEST(FastNoiseLevels, MatchReferenceOnRandomShapes) {
     }
 }
 
+// The arrays the transforms touch, after a forward and an inverse transform.
+struct TransformArrays {
+    std::vector<float> ng, pg, nc, pc, out;
+    std::vector<int32_t> rc, cursor;
+};
+
+TransformArrays run_transforms(const Shape& s, const std::vector<float>& ng,
+                               const std::vector<float>& pg, bool fast) {
+    const uint32_t area = s.w * s.w;
+    TransformArrays a{ng, pg, std::vector<float>(area), std::vector<float>(area),
+                      std::vector<float>(area), std::vector<int32_t>(s.w), std::vector<int32_t>(s.w)};
+    const int32_t mcc = s.g.max_column_count;
+    if (fast) {
+        sw::forward_transform_fast(s.box, a.ng.data(), a.pg.data(), a.nc.data(), a.pc.data(),
+                                   s.cc.data(), a.rc.data(), mcc, s.table.data());
+        sw::inverse_transform_fast(s.box, a.nc.data(), a.out.data(), s.cc.data(), a.rc.data(),
+                                   a.cursor.data(), mcc, s.table.data());
+    } else {
+        sw::forward_transform(s.box, a.ng.data(), a.pg.data(), a.nc.data(), a.pc.data(),
+                              s.cc.data(), a.rc.data(), mcc, s.table.data());
+        sw::inverse_transform(s.box, a.nc.data(), a.out.data(), s.cc.data(), a.rc.data(),
+                              a.cursor.data(), mcc, s.table.data());
+    }
+    return a;
+}
+
+// Every level against the reference on one shape and its gathered values.
+void expect_transforms_match(const Shape& s, const std::vector<float>& ng,
+                             const std::vector<float>& pg, const std::string& what) {
+    const TransformArrays want = run_transforms(s, ng, pg, false);
+    for (Level level : levels_here()) {
+        ASSERT_TRUE(sw::simd::set_level(level));
+        const TransformArrays got = run_transforms(s, ng, pg, true);
+        const std::string where = what + " " + sw::simd::name(level);
+        EXPECT_EQ(first_difference(want.ng, got.ng), UINT32_MAX) << where;
+        EXPECT_EQ(first_difference(want.pg, got.pg), UINT32_MAX) << where;
+        EXPECT_EQ(first_difference(want.nc, got.nc), UINT32_MAX) << where;
+        EXPECT_EQ(first_difference(want.pc, got.pc), UINT32_MAX) << where;
+        EXPECT_EQ(first_difference(want.out, got.out), UINT32_MAX) << where;
+        EXPECT_EQ(want.rc, got.rc) << where;
+        ASSERT_EQ(want.cursor, got.cursor) << where;
+    }
+}
+
+// Random values on the shape's slots, the pilot sharing some lines or all.
+void random_values(const Shape& s, std::mt19937& rng, uint32_t trial, std::vector<float>* ng,
+                   std::vector<float>* pg) {
+    const uint32_t area = s.w * s.w;
+    ng->assign(area, 0.0f);
+    pg->assign(area, 0.0f);
+    std::uniform_real_distribution<float> value(-1.0f, 1.0f);
+    for (uint32_t j = 0; j < s.w; ++j) {
+        for (int32_t f = 0; f < s.cc[j]; ++f) {
+            (*ng)[j * s.w + f] = value(rng);
+            (*pg)[j * s.w + f] = value(rng);
+        }
+    }
+    if (trial % 6 == 1) (*ng)[rng() % area] = std::numeric_limits<float>::quiet_NaN();
+    if (trial % 3 == 0) {
+        for (uint32_t j = 0; j < s.w; ++j) {
+            if (trial % 2 == 0 || rng() % 2 == 0) {
+                std::copy_n(ng->begin() + j * s.w, s.w, pg->begin() + j * s.w);
+            }
+        }
+    }
+}
+
 // Forward and inverse transforms of random shapes: every array the
 // routines touch ends with the reference's bits.
 TEST(FastTransforms, MatchReferenceOnRandomShapes) {
     LevelGuard guard;
     std::mt19937 rng(77);
-    const std::vector<Level> levels = levels_here();
     for (uint32_t trial = 0; trial < 300; ++trial) {
         const Shape s = random_shape(rng, trial);
-        const uint32_t area = s.w * s.w;
-        // The gathered values again (random_shape transformed them in place).
-        std::vector<float> ng(area), pg(area);
-        std::uniform_real_distribution<float> value(-1.0f, 1.0f);
-        for (uint32_t j = 0; j < s.w; ++j) {
-            for (int32_t f = 0; f < s.cc[j]; ++f) {
-                ng[j * s.w + f] = value(rng);
-                pg[j * s.w + f] = value(rng);
+        std::vector<float> ng, pg;
+        random_values(s, rng, trial, &ng, &pg);
+        expect_transforms_match(s, ng, pg, "trial " + std::to_string(trial));
+    }
+}
+
+// The inverse keeps transposed copies of the matrices between calls: a
+// matrix changed in place must not be served from an old copy.
+TEST(FastTransforms, FollowMatricesChangedInPlace) {
+    LevelGuard guard;
+    std::mt19937 rng(5);
+    Shape s = random_shape(rng, 2);
+    while (s.g.shape_size < 40) s = random_shape(rng, 2);  // big enough for the fast inverse
+    std::vector<float> ng, pg;
+    random_values(s, rng, 1, &ng, &pg);
+    expect_transforms_match(s, ng, pg, "before");
+    for (auto& m : s.bank) {
+        for (double& v : m) v = -v;  // same place, other bits
+    }
+    expect_transforms_match(s, ng, pg, "after");
+}
+
+// Lines longer than the kernels take (a 67 x 67 box) go through the
+// reference's products inside the fast routines.
+TEST(FastTransforms, LongLines) {
+    LevelGuard guard;
+    Shape s;
+    const uint32_t h = 34;
+    s.box = sw::RuntimeBox{h};
+    s.w = 2 * h - 1;
+    s.bank = swtest::dct_bank(s.w);
+    for (const auto& t : s.bank) s.table.push_back(t.data());
+    s.cc.assign(s.w, 0);
+    for (uint32_t j = 0; j < s.w; j += 3) s.cc[j] = static_cast<int32_t>(s.w - j);
+    s.g.max_column_count = static_cast<int32_t>(s.w);
+    std::mt19937 rng(9);
+    std::vector<float> ng, pg;
+    random_values(s, rng, 0, &ng, &pg);
+    expect_transforms_match(s, ng, pg, "W 67");
+}
+
+// Threads each with their own shapes get the reference's levels: the
+// scratch of the fast paths is per thread.
+TEST(FastPaths, ThreadsKeepTheirOwnScratch) {
+    LevelGuard guard;
+    std::mt19937 rng(31);
+    std::vector<Shape> shapes;
+    for (uint32_t trial = 0; trial < 16; ++trial) shapes.push_back(random_shape(rng, trial));
+    auto levels_of = [](const Shape& s, bool fast) {
+        std::vector<float> spatial(s.n * s.n), rows(2 * s.n * (s.n / 2 + 1)), block(rows.size());
+        const sw::SpectrumContext ctx{s.n,           s.n == 32 ? nullptr : s.twiddle.data(),
+                                      spatial.data(), rows.data(), block.data(), s.psd.data(),
+                                      s.factor};
+        std::vector<float> levels(s.w * s.w), ng = s.ng;
+        std::vector<int32_t> cursor(s.w);
+        const sw::simd::Level level = fast ? sw::simd::best() : Level::reference;
+        levels.push_back(sw::noise_levels_fast(s.box, ctx, s.nc.data(), ng.data(), s.cc.data(),
+                                               s.rc.data(), cursor.data(), s.g.max_column_count,
+                                               s.table.data(), s.mask.data(), s.by_columns,
+                                               s.g.shape_size, levels.data(), level));
+        return levels;
+    };
+    std::vector<std::vector<float>> want;
+    for (const Shape& s : shapes) want.push_back(levels_of(s, false));
+    std::vector<std::vector<std::vector<float>>> got(4);
+    std::vector<std::thread> threads;
+    for (uint32_t t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (uint32_t round = 0; round < 3; ++round) {
+                for (uint32_t i = t; i < shapes.size(); i += 2) got[t].push_back(levels_of(shapes[i], true));
             }
-        }
-        if (trial % 6 == 1) ng[rng() % area] = std::numeric_limits<float>::quiet_NaN();
-        if (trial % 3 == 0) {  // the pilot equal to the noisy values, on some or all lines
-            for (uint32_t j = 0; j < s.w; ++j) {
-                if (trial % 2 == 0 || rng() % 2 == 0) std::copy_n(ng.begin() + j * s.w, s.w, pg.begin() + j * s.w);
+        });
+    }
+    for (auto& th : threads) th.join();
+    for (uint32_t t = 0; t < 4; ++t) {
+        uint32_t k = 0;
+        for (uint32_t round = 0; round < 3; ++round) {
+            for (uint32_t i = t; i < shapes.size(); i += 2) {
+                EXPECT_EQ(first_difference(want[i], got[t][k++]), UINT32_MAX) << "thread " << t << " shape " << i;
             }
-        }
-        struct Arrays {
-            std::vector<float> ng, pg, nc, pc, out;
-            std::vector<int32_t> rc, cursor;
-        };
-        auto run = [&](bool fast) {
-            Arrays a{ng, pg, std::vector<float>(area), std::vector<float>(area),
-                     std::vector<float>(area), std::vector<int32_t>(s.w), std::vector<int32_t>(s.w)};
-            if (fast) {
-                sw::forward_transform_fast(s.box, a.ng.data(), a.pg.data(), a.nc.data(), a.pc.data(),
-                                           s.cc.data(), a.rc.data(), s.g.max_column_count, s.table.data());
-                sw::inverse_transform_fast(s.box, a.nc.data(), a.out.data(), s.cc.data(), a.rc.data(),
-                                           a.cursor.data(), s.g.max_column_count, s.table.data());
-            } else {
-                sw::forward_transform(s.box, a.ng.data(), a.pg.data(), a.nc.data(), a.pc.data(),
-                                      s.cc.data(), a.rc.data(), s.g.max_column_count, s.table.data());
-                sw::inverse_transform(s.box, a.nc.data(), a.out.data(), s.cc.data(), a.rc.data(),
-                                      a.cursor.data(), s.g.max_column_count, s.table.data());
-            }
-            return a;
-        };
-        const Arrays want = run(false);
-        for (Level level : levels) {
-            ASSERT_TRUE(sw::simd::set_level(level));
-            const Arrays got = run(true);
-            const char* name = sw::simd::name(level);
-            EXPECT_EQ(first_difference(want.ng, got.ng), UINT32_MAX) << "trial " << trial << " " << name;
-            EXPECT_EQ(first_difference(want.pg, got.pg), UINT32_MAX) << "trial " << trial << " " << name;
-            EXPECT_EQ(first_difference(want.nc, got.nc), UINT32_MAX) << "trial " << trial << " " << name;
-            EXPECT_EQ(first_difference(want.pc, got.pc), UINT32_MAX) << "trial " << trial << " " << name;
-            EXPECT_EQ(first_difference(want.out, got.out), UINT32_MAX) << "trial " << trial << " " << name;
-            EXPECT_EQ(want.rc, got.rc) << "trial " << trial << " " << name;
-            ASSERT_EQ(want.cursor, got.cursor) << "trial " << trial << " " << name;
         }
     }
+}
+
+// Counts the forward transform cannot have produced are left to the
+// reference, with nothing written.
+TEST(FastNoiseLevels, LeaveInconsistentCountsToTheReference) {
+    std::mt19937 rng(3);
+    Shape s = random_shape(rng, 1);
+    s.rc[0] += 1;
+    std::vector<float> spatial(s.n * s.n), rows(2 * s.n * (s.n / 2 + 1)), block(rows.size());
+    const sw::SpectrumContext ctx{s.n, s.twiddle.data(), spatial.data(), rows.data(), block.data(),
+                                  s.psd.data(), s.factor};
+    const sw::ShapeLevelsInput in{s.w,         &ctx,           s.nc.data(),  s.cc.data(),
+                                  s.rc.data(), s.g.max_column_count, s.table.data(),
+                                  s.mask.data(), s.by_columns, s.g.shape_size};
+    std::vector<float> levels(s.w * s.w, -3.0f);
+    float dc = -3.0f;
+    EXPECT_FALSE(sw::noise_levels_lanes(in, sw::simd::best(), levels.data(), &dc));
+    EXPECT_EQ(dc, -3.0f);
+    for (float v : levels) EXPECT_EQ(v, -3.0f);
 }
 
 // Whole calls (variants, general path, both spectrum paths, skipped and

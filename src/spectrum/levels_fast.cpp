@@ -22,7 +22,7 @@ struct Kernel {
 #define SHAPEWIENER_KERNEL(ns) {ns::spectrum_sums, ns::lay_out, ns::clear_out, ns::kLanes}
 
 Kernel kernel_for(simd::Level level) {
-    switch (level) {
+    switch (simd::supported(level) ? level : simd::Level::scalar) {
 #if SHAPEWIENER_X86_SIMD
         case simd::Level::sse2: return SHAPEWIENER_KERNEL(spectrum_sse2);
         case simd::Level::avx2: return SHAPEWIENER_KERNEL(spectrum_avx2);

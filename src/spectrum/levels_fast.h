@@ -15,8 +15,10 @@
 //
 // Spectra in lanes. The coefficients that get a level, and the DC block
 // after them, are split into batches of as many blocks as the instruction
-// set has float lanes; spectrum_kernels.h takes the spectra and weighted
-// sums of a batch at once, each lane with the reference's operations.
+// set has float lanes; spectrum_kernels.h lays a batch's responses out
+// (vector products over the lanes of one row group) and takes the spectra
+// and weighted sums of the batch at once, each lane with the reference's
+// operations.
 //
 // Scratch: unlike the reference, the fast path leaves SpatialBlock,
 // RowSpectrum, BlockSpectrum, the noisy gather array and RowCursor
@@ -48,7 +50,8 @@ struct ShapeLevelsInput {
 };
 
 // Writes the W*W coefficient levels and *dc_level as noise_levels() would,
-// with `level`'s kernels (not Level::reference). Returns false, having
+// with `level`'s kernels (not Level::reference; an unsupported level runs
+// the one-lane kernels). Returns false, having
 // written nothing, for inputs it leaves to the reference: a non-finite
 // entry in a matrix the shape uses, or counts that the forward transform
 // cannot have produced.
@@ -56,16 +59,16 @@ bool noise_levels_lanes(const ShapeLevelsInput& in, simd::Level level,
                         float* coefficient_noise_level, float* dc_level);
 
 // Drop-in replacement for noise_levels(): same arguments, same levels and
-// DC level, bit for bit, at the active SIMD level (the reference routine
-// itself at Level::reference).
+// DC level, bit for bit, at the active SIMD level or the one given (the
+// reference routine itself at Level::reference).
 template <class Box>
 float noise_levels_fast(const Box& box, const SpectrumContext& ctx,
                         const float* noisy_coefficients, float* noisy_gather,
                         const int32_t* column_count, const int32_t* row_count,
                         int32_t* row_cursor, int32_t max_column_count,
                         const double* const* transform_table, const uint8_t* shape_mask,
-                        bool by_columns, uint32_t shape_size, float* coefficient_noise_level) {
-    const simd::Level level = simd::active();
+                        bool by_columns, uint32_t shape_size, float* coefficient_noise_level,
+                        simd::Level level = simd::active()) {
     if (level != simd::Level::reference) {
         const ShapeLevelsInput in{box.W(),          &ctx,       noisy_coefficients,
                                   column_count,     row_count,  max_column_count,

@@ -9,47 +9,43 @@
 namespace sw {
 namespace {
 
-struct Kernels {
-    LinesFunction run_lines;
-    WidenFunction widen;
-};
-
-Kernels kernels_for(simd::Level level) {
-    switch (level) {
+LinesFunction lines_for(simd::Level level) {
+    switch (simd::supported(level) ? level : simd::Level::scalar) {
 #if SHAPEWIENER_X86_SIMD
-        case simd::Level::sse2: return {transform_sse2::run_lines, transform_sse2::widen};
-        case simd::Level::avx2: return {transform_avx2::run_lines, transform_avx2::widen};
-        case simd::Level::avx512: return {transform_avx512::run_lines, transform_avx512::widen};
+        case simd::Level::sse2: return transform_sse2::run_lines;
+        case simd::Level::avx2: return transform_avx2::run_lines;
+        case simd::Level::avx512: return transform_avx512::run_lines;
 #endif
-        default: return {transform_scalar::run_lines, transform_scalar::widen};
+        default: return transform_scalar::run_lines;
     }
 }
 
 // Lines of one stage, run together; lines longer than the kernels take go
-// through the reference's product at once. A second input with the bits of
-// the first (the pilot image is often the noisy image itself) is not
-// computed again: its outputs are copies.
+// through the reference's product at once. The inputs are widened to
+// double once, into `widened` (room for two W x W blocks). A second input
+// with the bits of the first (the pilot image is often the noisy image
+// itself) is not computed again: its outputs are copies.
 class Stage {
 public:
-    Stage(ProductLine* lines, ProductLine* copies, LinesFunction run)
-        : lines_(lines), copies_(copies), run_(run) {}
+    Stage(ProductLine* lines, ProductLine* copies, double* widened, LinesFunction run)
+        : lines_(lines), copies_(copies), widened_(widened), run_(run) {}
 
-    // x and y: the inputs as floats; xd and yd: the same widened.
-    void add(const double* m, uint32_t len, const float* x, const double* xd, float* out,
-             const float* y = nullptr, const double* yd = nullptr, float* yo = nullptr) {
+    void add(const double* m, uint32_t len, const float* x, float* out,
+             const float* y = nullptr, float* yo = nullptr) {
         if (y != nullptr && std::memcmp(x, y, sizeof(float) * len) == 0) {
             copies_[copy_count_++] = {m, nullptr, yo, nullptr, out, len};
             y = nullptr;
-            yd = nullptr;
         }
-        if (len <= kMaxProductLine) {
-            lines_[count_++] = {m, xd, out, yd, yo, len};
+        if (len > kMaxProductLine) {
+            for (uint32_t i = 0; i < len; ++i) out[i] = apply_row(x, m, len, i);
+            if (y != nullptr) {
+                for (uint32_t i = 0; i < len; ++i) yo[i] = apply_row(y, m, len, i);
+            }
             return;
         }
-        for (uint32_t i = 0; i < len; ++i) out[i] = apply_row(x, m, len, i);
-        if (y != nullptr) {
-            for (uint32_t i = 0; i < len; ++i) yo[i] = apply_row(y, m, len, i);
-        }
+        const double* xd = widen(x, len);
+        const double* yd = y != nullptr ? widen(y, len) : nullptr;
+        lines_[count_++] = {m, xd, out, yd, yo, len};
     }
     void run() {
         run_(lines_, count_);
@@ -58,14 +54,24 @@ public:
         }
         count_ = 0;
         copy_count_ = 0;
+        used_ = 0;
     }
 
 private:
+    const double* widen(const float* v, uint32_t len) {
+        double* d = widened_ + used_;
+        for (uint32_t i = 0; i < len; ++i) d[i] = v[i];
+        used_ += len;
+        return d;
+    }
+
     ProductLine* lines_;
     ProductLine* copies_;  // yo: the computed outputs, out: where they are copied
+    double* widened_;
     LinesFunction run_;
     uint32_t count_ = 0;
     uint32_t copy_count_ = 0;
+    size_t used_ = 0;
 };
 
 // The row groups floor(mcc * f / len) of f = 0, 1, ..., len - 1 in turn,
@@ -99,6 +105,18 @@ struct SideBox {
     uint32_t w;
     uint32_t W() const { return w; }
 };
+
+// Shapes with fewer pixels than this run faster through the reference
+// routines, which have no set-up (measured on the adaptive workloads; any
+// choice gives the same bits).
+constexpr uint32_t kSmallForward = 16;
+constexpr uint32_t kSmallInverse = 24;
+
+uint32_t pixels(const int32_t* column_count, uint32_t w) {
+    int64_t n = 0;
+    for (uint32_t j = 0; j < w; ++j) n += column_count[j];
+    return n > 0 ? static_cast<uint32_t>(n) : 0;
+}
 
 // Offset of the matrix of length len in a block holding lengths 1, 2, ...
 size_t matrix_offset(uint32_t len) {
@@ -207,30 +225,24 @@ void forward_transform_lanes(uint32_t w, simd::Level level, float* noisy_gather,
                              float* pilot_coefficients, const int32_t* column_count,
                              int32_t* row_count, int32_t max_column_count,
                              const double* const* transform_table) {
-    if (!t_scratch.reserve(w)) {
+    if (pixels(column_count, w) < kSmallForward || !t_scratch.reserve(w)) {
         forward_transform(SideBox{w}, noisy_gather, pilot_gather, noisy_coefficients,
                           pilot_coefficients, column_count, row_count, max_column_count,
                           transform_table);
         return;
     }
-    const Kernels kernels = kernels_for(level);
-    Stage stage(t_scratch.lines, t_scratch.copies, kernels.run_lines);
-    const size_t area = static_cast<size_t>(w) * w;
-    double* xn = t_scratch.widened;
-    double* xp = t_scratch.widened + area;
+    Stage stage(t_scratch.lines, t_scratch.copies, t_scratch.widened, lines_for(level));
     // First-stage coefficient f of column j, at j*W + f here (the reference
     // keeps it at j + f*W of the coefficient block until it moves on).
     float* noisy_first = t_scratch.values;
     float* pilot_first = t_scratch.values + static_cast<size_t>(w) * w;
 
     // Stage 1: block columns.
-    kernels.widen(noisy_gather, xn, area);
-    kernels.widen(pilot_gather, xp, area);
     for (uint32_t j = 0; j < w; ++j) {
         const uint32_t len = static_cast<uint32_t>(column_count[j]);
         if (len == 0) continue;
-        stage.add(transform_table[len - 1], len, noisy_gather + j * w, xn + j * w, noisy_first + j * w,
-                  pilot_gather + j * w, xp + j * w, pilot_first + j * w);
+        stage.add(transform_table[len - 1], len, noisy_gather + j * w, noisy_first + j * w,
+                  pilot_gather + j * w, pilot_first + j * w);
     }
     stage.run();
 
@@ -253,14 +265,11 @@ void forward_transform_lanes(uint32_t w, simd::Level level, float* noisy_gather,
     }
 
     // Stage 3: row groups; coefficient k of group r goes to r*W + k.
-    kernels.widen(noisy_gather, xn, area);
-    kernels.widen(pilot_gather, xp, area);
     for (uint32_t r = 0; r < static_cast<uint32_t>(max_column_count); ++r) {
         const uint32_t len = static_cast<uint32_t>(row_count[r]);
         if (len == 0) continue;
-        stage.add(transform_table[len - 1], len, noisy_gather + r * w, xn + r * w,
-                  noisy_coefficients + r * w, pilot_gather + r * w, xp + r * w,
-                  pilot_coefficients + r * w);
+        stage.add(transform_table[len - 1], len, noisy_gather + r * w, noisy_coefficients + r * w,
+                  pilot_gather + r * w, pilot_coefficients + r * w);
     }
     stage.run();
 }
@@ -269,21 +278,21 @@ void inverse_transform_lanes(uint32_t w, simd::Level level, float* coefficients,
                              const int32_t* column_count, const int32_t* row_count,
                              int32_t* row_cursor, int32_t max_column_count,
                              const double* const* transform_table) {
-    if (!t_scratch.reserve(w) || !t_transposes.reserve(w < kMaxProductLine ? w : kMaxProductLine)) {
+    // With one lane the reference's products are as fast; so they are for
+    // small shapes, with no set-up.
+    if (level == simd::Level::scalar || pixels(column_count, w) < kSmallInverse ||
+        !t_scratch.reserve(w) || !t_transposes.reserve(w < kMaxProductLine ? w : kMaxProductLine)) {
         inverse_transform(SideBox{w}, coefficients, out, column_count, row_count,
                           row_cursor, max_column_count, transform_table);
         return;
     }
     t_transposes.next_call();
-    const Kernels kernels = kernels_for(level);
-    Stage stage(t_scratch.lines, t_scratch.copies, kernels.run_lines);
-    const size_t area = static_cast<size_t>(w) * w;
-    double* xn = t_scratch.widened;
+    Stage stage(t_scratch.lines, t_scratch.copies, t_scratch.widened, lines_for(level));
     // The transposed product with T is the product with its transpose.
-    auto add = [&](uint32_t len, const float* c, const double* cd, float* to) {
+    auto add = [&](uint32_t len, const float* c, float* to) {
         const double* t = transform_table[len - 1];
         if (len <= kMaxProductLine) {
-            stage.add(t_transposes.transposed(t, len), len, c, cd, to);
+            stage.add(t_transposes.transposed(t, len), len, c, to);
         } else {
             for (uint32_t s = 0; s < len; ++s) to[s] = apply_transposed(c, t, len, s);
         }
@@ -291,10 +300,9 @@ void inverse_transform_lanes(uint32_t w, simd::Level level, float* coefficients,
     std::memset(row_cursor, 0, sizeof(int32_t) * w);
 
     // Stage 1: transposed row transforms, then the consumed values cleared.
-    kernels.widen(coefficients, xn, area);
     for (uint32_t r = 0; r < static_cast<uint32_t>(max_column_count); ++r) {
         const uint32_t len = static_cast<uint32_t>(row_count[r]);
-        if (len != 0) add(len, coefficients + r * w, xn + r * w, out + r * w);
+        if (len != 0) add(len, coefficients + r * w, out + r * w);
     }
     stage.run();
     for (uint32_t r = 0; r < static_cast<uint32_t>(max_column_count); ++r) {
@@ -317,10 +325,9 @@ void inverse_transform_lanes(uint32_t w, simd::Level level, float* coefficients,
     }
 
     // Stage 3: transposed column transforms.
-    kernels.widen(coefficients, xn, area);
     for (uint32_t j = 0; j < w; ++j) {
         const uint32_t len = static_cast<uint32_t>(column_count[j]);
-        if (len != 0) add(len, coefficients + j * w, xn + j * w, out + j * w);
+        if (len != 0) add(len, coefficients + j * w, out + j * w);
     }
     stage.run();
 }

@@ -3,10 +3,13 @@
 //
 // Every one-dimensional product computes all outputs of its line side by
 // side in double lanes (transform_kernels.h); each output keeps its own
-// running float sum, its term order and its rounding after every term. The
-// transposed products of the inverse read a transposed copy of each matrix
-// they use, made per call in a per-thread buffer. The re-alignment steps
-// are the reference's, so every array ends as the reference leaves it.
+// running float sum, its term order and its rounding after every term. A
+// pilot line with the bits of the noisy line is computed once and copied.
+// The transposed products of the inverse read transposed copies of the
+// matrices, kept per thread and made again when a matrix's bits change
+// (checked once per matrix and call). The re-alignment steps are the
+// reference's, so every array ends as the reference leaves it. Small shapes
+// go through the reference routines, which need no set-up.
 #ifndef SHAPEWIENER_TRANSFORM_TRANSFORM_FAST_H
 #define SHAPEWIENER_TRANSFORM_TRANSFORM_FAST_H
 
@@ -18,29 +21,30 @@
 namespace sw {
 
 // forward_transform() for a box of side w with `level`'s kernels (not
-// Level::reference).
+// Level::reference; an unsupported level runs the one-lane kernels). Small
+// shapes, and shapes whose scratch cannot be had, go through the reference.
 void forward_transform_lanes(uint32_t w, simd::Level level, float* noisy_gather,
                              float* pilot_gather, float* noisy_coefficients,
                              float* pilot_coefficients, const int32_t* column_count,
                              int32_t* row_count, int32_t max_column_count,
                              const double* const* transform_table);
 
-// inverse_transform() for a box of side w with `level`'s kernels (not
-// Level::reference). Falls back to the reference when its scratch cannot
-// be had.
+// inverse_transform() for a box of side w with `level`'s kernels (as
+// above; the one-lane level uses the reference, which is as fast).
 void inverse_transform_lanes(uint32_t w, simd::Level level, float* coefficients, float* out,
                              const int32_t* column_count, const int32_t* row_count,
                              int32_t* row_cursor, int32_t max_column_count,
                              const double* const* transform_table);
 
 // Drop-in replacements: same arguments and effects as the reference
-// routines, bit for bit, at the active SIMD level.
+// routines, bit for bit, at the active SIMD level or the one given (the
+// reference routines themselves at Level::reference).
 template <class Box>
 void forward_transform_fast(const Box& box, float* noisy_gather, float* pilot_gather,
                             float* noisy_coefficients, float* pilot_coefficients,
                             const int32_t* column_count, int32_t* row_count,
-                            int32_t max_column_count, const double* const* transform_table) {
-    const simd::Level level = simd::active();
+                            int32_t max_column_count, const double* const* transform_table,
+                            simd::Level level = simd::active()) {
     if (level == simd::Level::reference) {
         forward_transform(box, noisy_gather, pilot_gather, noisy_coefficients, pilot_coefficients,
                           column_count, row_count, max_column_count, transform_table);
@@ -55,8 +59,8 @@ template <class Box>
 void inverse_transform_fast(const Box& box, float* coefficients, float* out,
                             const int32_t* column_count, const int32_t* row_count,
                             int32_t* row_cursor, int32_t max_column_count,
-                            const double* const* transform_table) {
-    const simd::Level level = simd::active();
+                            const double* const* transform_table,
+                            simd::Level level = simd::active()) {
     if (level == simd::Level::reference) {
         inverse_transform(box, coefficients, out, column_count, row_count, row_cursor,
                           max_column_count, transform_table);

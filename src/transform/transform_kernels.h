@@ -29,25 +29,19 @@ constexpr uint32_t kMaxProductLine = 64;
 // Runs all lines (each len <= kMaxProductLine). No output may overlap
 // another line's output.
 using LinesFunction = void (*)(const ProductLine* lines, uint32_t count);
-// out[i] = double(in[i]) for i < count.
-using WidenFunction = void (*)(const float* in, double* out, size_t count);
 
 namespace transform_scalar {
 void run_lines(const ProductLine* lines, uint32_t count);
-void widen(const float* in, double* out, size_t count);
 }
 #if SHAPEWIENER_X86_SIMD
 namespace transform_sse2 {
 void run_lines(const ProductLine* lines, uint32_t count);
-void widen(const float* in, double* out, size_t count);
 }
 namespace transform_avx2 {
 void run_lines(const ProductLine* lines, uint32_t count);
-void widen(const float* in, double* out, size_t count);
 }
 namespace transform_avx512 {
 void run_lines(const ProductLine* lines, uint32_t count);
-void widen(const float* in, double* out, size_t count);
 }
 #endif
 

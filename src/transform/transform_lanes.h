@@ -9,8 +9,8 @@
 // Each step of a sum waits for the rounding of the step before, so several
 // sums run interleaved in registers: a line's outputs are cut into chunks
 // of lanes, two inputs under the same matrix share its loads, and pieces of
-// two or four lines of similar length run together, going on with fewer as
-// the shorter ones end.
+// lines of similar length run together (about eight sums in flight), going
+// on with fewer as the shorter ones end.
 //
 // This file has no include guard on purpose: transform_kernels.cpp includes
 // it once per instruction set, inside a namespace of its own, with the macro
@@ -280,10 +280,8 @@ void run_all(const ProductLine* lines, uint32_t count) {
 }  // namespace
 
 void run_lines(const ProductLine* lines, uint32_t count) {
-    run_all<2>(lines, count);
-    run_all<1>(lines, count);
-}
-
-void widen(const float* in, double* out, size_t count) {
-    for (size_t i = 0; i < count; ++i) out[i] = in[i];
+    uint32_t pairs = 0;
+    for (uint32_t i = 0; i < count; ++i) pairs += lines[i].y != nullptr ? 1 : 0;
+    if (pairs > 0) run_all<2>(lines, count);
+    if (pairs < count) run_all<1>(lines, count);
 }
