@@ -14,10 +14,20 @@ using Complex = std::complex<double>;
 
 const double kPi = 3.14159265358979323846;
 
-// The product written out: std::complex's operator* checks for infinities
-// and NaNs through a library call, which the butterflies cannot afford.
-inline Complex times(Complex a, Complex b) {
-    return {a.real() * b.real() - a.imag() * b.imag(), a.real() * b.imag() + a.imag() * b.real()};
+// out[k] = a[k] b[k] for k < n, written out on the doubles: std::complex's
+// operator* checks for infinities and NaNs through a library call, and GCC
+// moves complex temporaries through the stack in halves, reloading them
+// whole, which stalls every product.
+void multiply(Complex* out, const Complex* a, const Complex* b, size_t n) {
+    double* o = reinterpret_cast<double*>(out);
+    const double* x = reinterpret_cast<const double*>(a);
+    const double* y = reinterpret_cast<const double*>(b);
+    for (size_t k = 0; k < 2 * n; k += 2) {
+        const double re = x[k] * y[k] - x[k + 1] * y[k + 1];
+        const double im = x[k] * y[k + 1] + x[k + 1] * y[k];
+        o[k] = re;
+        o[k + 1] = im;
+    }
 }
 
 bool power_of_two(size_t n) { return (n & (n - 1)) == 0; }
@@ -39,7 +49,7 @@ size_t pixels(uint32_t rows, uint32_t cols) {
 }
 
 // Transforms the columns (contiguous), then the rows (stride `rows`), the
-// rows gathered a batch at a time so that each pass over the image reads
+// rows gathered kBatch at a time so that each pass over the image reads
 // whole cache lines.
 void transform_2d(Complex* image, uint32_t rows, uint32_t cols, bool inverse) {
     if (rows > 1) {
@@ -130,16 +140,25 @@ void Fft1d::transform_power_of_two(Complex* a) const {
         j ^= bit;
         if (i < j) std::swap(a[i], a[j]);
     }
+    // On the doubles, as in multiply().
+    double* d = reinterpret_cast<double*>(a);
+    const double* w = reinterpret_cast<const double*>(twiddle_.data());
     for (size_t half = 1; half < m; half <<= 1) {
         const size_t step = m / (2 * half);
         for (size_t i = 0; i < m; i += 2 * half) {
             for (size_t j = 0; j < half; ++j) {
-                const Complex t = twiddle_[j * step];
-                const Complex w = kInverse ? std::conj(t) : t;
-                const Complex u = a[i + j];
-                const Complex v = times(a[i + j + half], w);
-                a[i + j] = u + v;
-                a[i + j + half] = u - v;
+                const double wr = w[2 * j * step];
+                const double wi = kInverse ? -w[2 * j * step + 1] : w[2 * j * step + 1];
+                double* p = d + 2 * (i + j);
+                double* q = p + 2 * half;
+                const double vr = q[0] * wr - q[1] * wi;
+                const double vi = q[0] * wi + q[1] * wr;
+                const double ur = p[0];
+                const double ui = p[1];
+                p[0] = ur + vr;
+                p[1] = ui + vi;
+                q[0] = ur - vr;
+                q[1] = ui - vi;
             }
         }
     }
@@ -147,12 +166,12 @@ void Fft1d::transform_power_of_two(Complex* a) const {
 
 void Fft1d::transform_chirp(Complex* data) {
     Complex* w = scratch_.data();
-    for (size_t t = 0; t < n_; ++t) w[t] = times(data[t], chirp_[t]);
+    multiply(w, data, chirp_.data(), n_);
     std::fill(w + n_, w + m_, Complex(0.0, 0.0));
     transform_power_of_two<false>(w);
-    for (size_t k = 0; k < m_; ++k) w[k] = times(w[k], kernel_[k]);
+    multiply(w, w, kernel_.data(), m_);
     transform_power_of_two<true>(w);
-    for (size_t k = 0; k < n_; ++k) data[k] = times(w[k], chirp_[k]);
+    multiply(data, w, chirp_.data(), n_);
 }
 
 std::vector<Complex> fft2(const double* image, uint32_t rows, uint32_t cols) {
