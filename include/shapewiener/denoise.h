@@ -46,6 +46,9 @@ struct Image {
 };
 
 // Denoising one tile of a larger image (tiled or distributed processing).
+// A tile skips the denoiser's global stage (narrow noise peaks removed over
+// the whole image, see remove_noise_peaks): run that once on the frame and
+// tile its output, with its residual noise.
 // With rows > 0 the image given to denoise() is the window of a rows x cols
 // image (the frame) whose first pixel is the frame's pixel (row0, col0), and
 // the denoiser treats it as that part of the frame: it maps values onto its
@@ -71,6 +74,8 @@ struct DenoiseOptions {
     unsigned threads = 0;
     // Set for a tile of a larger image; default: the image is whole.
     TileFrame tile;
+    // false: skip the global stage (see remove_noise_peaks).
+    bool peaks = true;
 };
 
 // The border a tile needs around the pixels it keeps, for a preset: with P
@@ -103,6 +108,17 @@ public:
 private:
     Error error_;
 };
+
+// The denoiser's first, global stage on its own. Noise whose spectrum has
+// narrow peaks (stripes, moire) is removed where it is concentrated by a
+// frequency-domain gain over the whole image. Returns false when `noise`
+// has no such peaks (then the outputs are untouched); otherwise sets `out`
+// to the image with the peaks removed and `residual` to the psd model of the
+// noise left in it. denoise(image, noise) with a preset equals, bit for
+// bit, denoise(out, residual) with that preset and peaks = false, and so
+// the tiles of `out` (framed by `out`). Throws DenoiseError as denoise().
+bool remove_noise_peaks(const Image& image, const NoiseModel& noise, const std::string& preset,
+                        Image* out, NoiseModel* residual);
 
 // Denoises `image` (any size of at least 1 x 1, NaN/Inf-free, any value
 // range). Returns the estimate: same size, double, not clipped. The image's

@@ -10,6 +10,7 @@
 
 #include "caller/shape_arguments.h"
 #include "denoise/noise.h"
+#include "denoise/peaks.h"
 #include "denoise/scales.h"
 #include "shapewiener/denoise.h"
 
@@ -34,6 +35,9 @@ struct Settings {
     // NoisePsd: the block spectrum with the window's lag weights (true) or
     // the plain folded autocovariance (see block_psd).
     bool weighted_psd = false;
+    // The global stage for noise with narrow spectral peaks (whole images
+    // only; see denoise/peaks.h).
+    PeakRule peaks;
 };
 
 // The settings of a preset: "fast", "default" or "best". Throws DenoiseError
