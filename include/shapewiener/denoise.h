@@ -119,6 +119,9 @@ private:
 // the tiles of `out` (framed by `out`). Throws DenoiseError as denoise().
 bool remove_noise_peaks(const Image& image, const NoiseModel& noise, const std::string& preset,
                         Image* out, NoiseModel* residual);
+// Whether remove_noise_peaks does anything for this noise on a rows x cols
+// image (it depends on the noise only).
+bool noise_has_peaks(const NoiseModel& noise, uint32_t rows, uint32_t cols, const std::string& preset);
 
 // Denoises `image` (any size of at least 1 x 1, NaN/Inf-free, any value
 // range). Returns the estimate: same size, double, not clipped. The image's

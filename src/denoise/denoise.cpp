@@ -285,6 +285,13 @@ bool remove_noise_peaks(const Image& image, const NoiseModel& noise, const std::
     return true;
 }
 
+bool noise_has_peaks(const NoiseModel& noise, uint32_t rows, uint32_t cols, const std::string& preset) {
+    const swdenoise::Settings s = swdenoise::preset_settings(preset);
+    swdenoise::noise_autocovariance(noise, rows, cols);  // checks the model
+    return s.peaks.enabled &&
+           swdenoise::has_peaks(swdenoise::full_psd(noise, rows, cols), rows, cols, s.peaks);
+}
+
 uint32_t tile_halo(const std::string& preset) {
     const swdenoise::Settings s = swdenoise::preset_settings(preset);
     const uint32_t h = s.adaptive ? s.rule.lengths.back() : s.square_scale;
