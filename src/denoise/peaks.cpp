@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
+#include <utility>
 
 #include "denoise/fft.h"
 
@@ -82,10 +83,12 @@ bool has_peaks(const std::vector<double>& psd, uint32_t rows, uint32_t cols, con
     return total > 0.0 && excess >= rule.narrow_share * total;
 }
 
-bool remove_peaks(const std::vector<double>& image, uint32_t rows, uint32_t cols,
-                  const std::vector<double>& psd, const PeakRule& rule,
-                  std::vector<double>* out, std::vector<double>* residual_psd) {
-    if (!has_peaks(psd, rows, cols, rule)) return false;
+namespace {
+
+// One round of the stage.
+void peak_round(const std::vector<double>& image, uint32_t rows, uint32_t cols,
+                const std::vector<double>& psd, const PeakRule& rule, std::vector<double>* out,
+                std::vector<double>* residual_psd) {
     const size_t count = image.size();
     const double limit = rule.threshold * mean_of(psd);
     const std::vector<std::complex<double>> y = fft2(image.data(), rows, cols);
@@ -107,6 +110,22 @@ bool remove_peaks(const std::vector<double>& image, uint32_t rows, uint32_t cols
         (*residual_psd)[p] = gain * gain * psd[p];
     }
     *out = ifft2_real(filtered, rows, cols);
+}
+
+}  // namespace
+
+bool remove_peaks(const std::vector<double>& image, uint32_t rows, uint32_t cols,
+                  const std::vector<double>& psd, const PeakRule& rule,
+                  std::vector<double>* out, std::vector<double>* residual_psd) {
+    if (!has_peaks(psd, rows, cols, rule)) return false;
+    peak_round(image, rows, cols, psd, rule, out, residual_psd);
+    // Later rounds estimate the signal spectrum from a cleaner image.
+    for (int round = 1; round < rule.rounds && has_peaks(*residual_psd, rows, cols, rule); ++round) {
+        std::vector<double> image2, psd2;
+        peak_round(*out, rows, cols, *residual_psd, rule, &image2, &psd2);
+        *out = std::move(image2);
+        *residual_psd = std::move(psd2);
+    }
     return true;
 }
 

@@ -13,6 +13,9 @@
 //        over circular lags, transformed back);
 //   H  = S / (S + P) where P > threshold * mean(P), 1 elsewhere;
 //   out = real(IFFT(H Y)), residual = H^2 P.
+// A second round repeats this on (out, residual): its signal spectrum comes
+// from a much cleaner image (camera, stripes sigma 0.1: 41.4 -> 42.1 dB
+// after the local passes; a third round lost 0.15 dB).
 // The stage runs only for spectra with narrow peaks: those that put at least `narrow_share` of the variance above `narrow_ratio` times
 // the spectrum smoothed by a lag window of `narrow_reach` pixels (what a
 // local shape can resolve). White noise, short kernels and smooth spectra
@@ -30,11 +33,12 @@ namespace swdenoise {
 
 struct PeakRule {
     bool enabled = false;
-    double threshold = 2.0;     // in means of the spectrum
+    double threshold = 1.0;     // in means of the spectrum
     double lag_std = 10.0;      // pixels
     double narrow_reach = 4.0;  // pixels
     double narrow_ratio = 1.5;
     double narrow_share = 0.05;
+    int rounds = 2;  // the stage again on its output and residual, while it has peaks
 };
 
 // The noise's power spectrum at the image's size (DC at (0, 0), column-major,
