@@ -128,7 +128,7 @@ bool noise_has_peaks(const NoiseModel& noise, uint32_t rows, uint32_t cols, cons
 // [min, max] is mapped affinely onto [0.1, 0.9] for the filter (the noise
 // with it) and the estimate mapped back, so denoising a*x + b with the noise
 // scaled by a gives a*y + b up to rounding. Progress phases: "noise",
-// "shapes", "pass 1", "pass 2", "done". Same inputs, same bits, whatever
+// "shapes", "pass 1", "pass 2", "pass 3", "done". Same inputs, same bits, whatever
 // options.threads. Throws DenoiseError: "shapewiener:image:<reason>" (empty,
 // size, notFinite, tooLarge), "shapewiener:noise:<reason>" (sigma,
 // kernelSize, psdSize, negative, notFinite, allZero),

@@ -15,8 +15,8 @@ removed over the whole image, as shapewiener.denoise does (this needs the
 whole image in memory once); the tiles then denoise what is left. The halo
 covers everything a kept pixel depends on:
 with P passes and largest scale H it is P * 2 * (H - 1) pixels, so 6 for
-"fast" (one pass, H = 4), 24 for "default" (two passes, H = 7) and 32 for
-"best" (two passes, H = 9). Chunks may be smaller than the halo.
+"fast" (one pass, H = 4) and 36 for "default" and "best" (three passes,
+H = 7). Chunks may be smaller than the halo.
 """
 
 import numpy as np

@@ -34,7 +34,8 @@ Settings preset_settings(const std::string& name) {
     // "best" is what measured best within 3x the default's time: so far the
     // default itself (H = 9 took 6x as long and was no better; an interval
     // half-width of 1.0 gained on Gaussian noise but lost more on white and
-    // line noise). See bench/RESULTS.md.
+    // line noise; a fourth pass gained nothing over three). See
+    // bench/RESULTS.md.
     if (name == "best") return s;
     fail("shapewiener:options:preset",
          "unknown preset '" + name + "'; the presets are fast, default and best.");
@@ -198,7 +199,8 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     const double share = 0.9 / settings.passes;
     for (int pass = 0; pass < settings.passes; ++pass) {
         const double begin = 0.1 + share * pass;
-        const char* phase = pass == 0 ? "pass 1" : "pass 2";
+        static const char* const kPhases[] = {"pass 1", "pass 2", "pass 3", "pass 4"};
+        const char* phase = kPhases[std::min(pass, 3)];
         step(begin, phase);
         // The module dithers both images in place: every pass gets copies.
         noisy_copy = noisy.pixels;

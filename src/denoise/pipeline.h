@@ -22,9 +22,11 @@ struct Settings {
     bool adaptive = true;
     ScaleRule rule;
     uint32_t square_scale = 4;
-    // Passes (1 or 2) and their WienerVarianceFactors, for coloured noise and
-    // for white noise (every lag but 0 of the autocovariance is 0).
-    int passes = 2;
+    // Passes and their WienerVarianceFactors, for coloured noise and for
+    // white noise (every lag but 0 of the autocovariance is 0): the first
+    // against the noisy image, every later one against the previous pass's
+    // estimate with the second factor.
+    int passes = 3;
     double first_factor = 6.0;
     double second_factor = 2.0;
     double first_factor_white = 9.0;
