@@ -176,7 +176,7 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
         noisy.pixels[p] = (input.pixels[p] - range.offset) / range.scale;
     }
     const Autocovariance r = raw.scaled(1.0 / (range.scale * range.scale));
-    const std::vector<double> psd = with_floor(block_psd(r, settings.weighted_psd), kPsdFloor);
+    const std::vector<double> psd = block_psd(r, settings.weighted_psd);
     const bool white = is_white(r);
 
     step(0.02, "shapes");
@@ -195,7 +195,7 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     const double second_factor = white ? settings.second_factor_white : settings.second_factor;
     const CallArrays arrays(shapes, psd);
     std::vector<double> estimate(noisy.size());
-    std::vector<double> noisy_copy, pilot;
+    std::vector<double> noisy_copy, pilot, previous;
     const double share = 0.9 / settings.passes;
     for (int pass = 0; pass < settings.passes; ++pass) {
         const double begin = 0.1 + share * pass;
@@ -208,9 +208,19 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
         sw::FilterCall call = arrays.call(noisy_copy.data(), pilot.data(), rows, cols,
                                           pass == 0 ? first_factor : second_factor);
         if (tiled) call.frame = {tile.rows, tile.cols, tile.row0, tile.col0};
+        if (pass > 0) previous = estimate;
         run_module(call, estimate.data(), threads, [&](double fraction) {
             return !progress || progress(begin + share * fraction, phase);
         });
+        // The filter's arithmetic gives 0/0 for a coefficient whose noise
+        // level is 0 (its value was exactly 0 on the key's first entry, as
+        // the rounding residue of the mean removal can be) where a later
+        // entry of the key has a residue and the pilot none: that shape's
+        // weight is NaN, and so are its pixels. They keep the pilot's value.
+        const std::vector<double>& fallback = pass == 0 ? noisy.pixels : previous;
+        for (size_t p = 0; p < estimate.size(); ++p) {
+            if (std::isnan(estimate[p])) estimate[p] = fallback[p];
+        }
         done.passes = pass + 1;
     }
     done.accepted_entries = static_cast<uint64_t>(done.passes) * rows * cols;
