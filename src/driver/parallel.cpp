@@ -18,6 +18,7 @@
 #include "estimate/wiener.h"
 #include "shape/gather.h"
 #include "shape/shape.h"
+#include "shape/shape_layout.h"
 #include "transform/shape_transform.h"
 
 namespace sw {
@@ -90,6 +91,13 @@ uint64_t chunk_bytes(const WorkspaceSizes& sizes) {
                                    (sizeof(PlannedEntry) + sizeof(uint32_t) + sizeof(double));
     return kChunkSlots * per_chunk + c.key_slots * (sizeof(KeyState) + c.box_area * sizeof(float));
 }
+
+// A thread's listed shape and the key and clipping it was made for.
+struct ListedShape {
+    ShapeLayout layout;
+    uint64_t key = UINT64_MAX;
+    ClipReach reach{};
+};
 
 // Marks a shape's pixels in the coverage counts, as the aggregation does.
 template <class Box>
@@ -311,6 +319,7 @@ private:
     // one left, computes it, and counts it done.
     void work(unsigned index) {
         const EntryScratch sc = workspace_scratch(ws_, sizes_, index);
+        ListedShape listed{{sc.pixel_offset, sc.packed_slot, sc.box_index}};
         std::unique_lock<std::mutex> lock(mutex_);
         for (;;) {
             if (stopping_) return;
@@ -324,7 +333,7 @@ private:
                 lock.unlock();
                 if (!failed_.load()) {
                     try {
-                        compute(c, e, sc);
+                        compute(c, e, sc, &listed);
                     } catch (...) {
                         fail();
                     }
@@ -350,7 +359,7 @@ private:
 
     // One entry, as the serial loop computes it, up to the values it would
     // aggregate.
-    void compute(Chunk& c, uint32_t e, const EntryScratch& sc) {
+    void compute(Chunk& c, uint32_t e, const EntryScratch& sc, ListedShape* listed) {
         const PlannedEntry& pe = c.entries[e];
         const uint32_t col = pe.pixel / m_;
         const uint32_t row = pe.pixel - col * m_;
@@ -360,12 +369,18 @@ private:
         float* levels = levels_.data() + slot * limits_.box_area;
         const double* const* table = ws_.call.transform_table;
 
-        const uint8_t* masks[8];
-        fetch_sector_masks(call_.sector_masks, ks.direction_scale, box_.H(), masks);
-        const GatherResult g = gather_shape(
-            box_, row, col, clip, masks, ks.by_columns, call_.noisy_image, call_.pilot_image, m_,
-            sc.shape_mask, sc.noisy_gather, sc.pilot_gather, sc.column_count, sc.row_count,
-            sc.row_cursor);
+        const ClipReach reach = clip_reach(clip, row, col);
+        if (listed->key != pe.key || !(listed->reach == reach)) {
+            const uint8_t* masks[8];
+            fetch_sector_masks(call_.sector_masks, ks.direction_scale, box_.H(), masks);
+            build_layout(box_, row, col, clip, masks, ks.by_columns, m_, sc.shape_mask,
+                         sc.column_count, &listed->layout);
+            listed->key = pe.key;
+            listed->reach = reach;
+        }
+        const GatherResult g =
+            gather_listed(box_, clip, listed->layout, call_.noisy_image, call_.pilot_image, m_,
+                          sc.noisy_gather, sc.pilot_gather, sc.row_count, sc.row_cursor);
         remove_mean(box_, g.noisy_mean, sc.noisy_gather, sc.pilot_gather, sc.noisy_coefficients,
                     sc.pilot_coefficients);
         Kernels::forward(box_, sc.noisy_gather, sc.pilot_gather, sc.noisy_coefficients,
@@ -399,10 +414,9 @@ private:
             sc.pilot_gather);
         Kernels::inverse(box_, sc.noisy_coefficients, sc.noisy_gather, sc.column_count,
                          sc.row_count, sc.row_cursor, g.max_column_count, table);
-        c.weights[e] = shape_estimate(box_, row, col, clip, sc.noisy_gather, sc.column_count,
-                                      ks.by_columns, sc.shape_mask, s.dc_estimate,
-                                      s.estimate_variance, shape_size, sc.noisy_coefficients,
-                                      c.values.data() + pe.offset);
+        c.weights[e] = estimate_listed(clip, listed->layout, sc.noisy_gather, s.dc_estimate,
+                                       s.estimate_variance, shape_size,
+                                       c.values.data() + pe.offset);
     }
 
     using Kernels = FastKernels;

@@ -1,0 +1,163 @@
+// The optimised path's gathering and aggregation through a list of the
+// shape's pixels.
+//
+// Consecutive entries of one key whose boxes are clipped alike have the same
+// shape in box coordinates: the same shape mask, column counts and packing.
+// build_layout() forms these once, as gather_shape() does, and lists every
+// shape pixel in gather_shape()'s visiting order (box columns outer, rows
+// inner) with its image offset from the clipped box's first pixel, its slot
+// in the packed block and its index in the clipped box. Gathering and
+// aggregating then visit only the listed pixels, with the same operations
+// in the same order as gather_shape() and aggregate_shape() (every pixel is
+// touched once per entry, so the order of the image updates is free).
+#ifndef SHAPEWIENER_SHAPE_SHAPE_LAYOUT_H
+#define SHAPEWIENER_SHAPE_SHAPE_LAYOUT_H
+
+#include <cstdint>
+#include <cstring>
+
+#include "estimate/aggregate.h"
+#include "shape/gather.h"
+#include "shape/shape.h"
+
+namespace sw {
+
+// How the box around (row, col) is clipped: its reach up, down, left and
+// right. Entries of one key with equal reaches share a layout.
+struct ClipReach {
+    uint32_t up, down, left, right;
+    bool operator==(const ClipReach& o) const {
+        return up == o.up && down == o.down && left == o.left && right == o.right;
+    }
+};
+
+inline ClipReach clip_reach(const ClippedBox& clip, uint32_t row, uint32_t col) {
+    return {row - clip.r0, clip.r1 - row, col - clip.c0, clip.c1 - col};
+}
+
+// The listed pixels (arrays of W*W) and what gather_shape() reports of the
+// shape alone.
+struct ShapeLayout {
+    uint32_t* pixel_offset;  // (y - r0) + (x - c0) * m
+    uint32_t* packed_slot;   // b * W + slot
+    uint32_t* box_index;     // (y - r0) + (x - c0) * (r1 - r0 + 1)
+    uint32_t size = 0;
+    int32_t max_column_count = 0;
+};
+
+// Forms shape_mask and column_count as gather_shape() does (both stay valid
+// while the layout is used) and lists the shape's pixels.
+template <class Box>
+void build_layout(const Box& box, uint32_t row, uint32_t col, const ClippedBox& clip,
+                  const uint8_t* const masks[8], bool by_columns, uint32_t m,
+                  uint8_t* shape_mask, int32_t* column_count, ShapeLayout* layout) {
+    const uint32_t w = box.W();
+    const uint32_t reach = box.H() - 1;
+    const uint32_t rows = clip.r1 - clip.r0 + 1;
+    std::memset(shape_mask, 0, w * w);
+    std::memset(column_count, 0, sizeof(int32_t) * w);
+    uint32_t n = 0;
+    int32_t max_count = 0;
+    for (uint32_t x = clip.c0; x <= clip.c1; ++x) {
+        const uint32_t j = x - col + reach;
+        for (uint32_t y = clip.r0; y <= clip.r1; ++y) {
+            const uint32_t i = y - row + reach;
+            const uint32_t at = i + j * w;
+            const uint8_t byte = masks[0][at] | masks[1][at] | masks[2][at] | masks[3][at] |
+                                 masks[4][at] | masks[5][at] | masks[6][at] | masks[7][at];
+            shape_mask[at] = byte;
+            if (byte == 0) continue;
+            const uint32_t b = by_columns ? j : i;
+            layout->pixel_offset[n] = (y - clip.r0) + (x - clip.c0) * m;
+            layout->packed_slot[n] = b * w + static_cast<uint32_t>(column_count[b]);
+            layout->box_index[n] = (y - clip.r0) + (x - clip.c0) * rows;
+            column_count[b] = column_count[b] + 1;
+            if (column_count[b] > max_count) max_count = column_count[b];
+            n = n + 1;
+        }
+    }
+    layout->size = n;
+    layout->max_column_count = max_count;
+}
+
+// gather_shape() for a shape listed in `layout` (with its shape mask and
+// column counts already in place): clears both gather arrays, row_count and
+// row_cursor, packs the values and takes the means.
+template <class Box>
+GatherResult gather_listed(const Box& box, const ClippedBox& clip, const ShapeLayout& layout,
+                           const double* noisy, const double* pilot, uint32_t m,
+                           float* noisy_gather, float* pilot_gather, int32_t* row_count,
+                           int32_t* row_cursor) {
+    const uint32_t w = box.W();
+    std::memset(noisy_gather, 0, sizeof(float) * w * w);
+    std::memset(pilot_gather, 0, sizeof(float) * w * w);
+    std::memset(row_count, 0, sizeof(int32_t) * w);
+    std::memset(row_cursor, 0, sizeof(int32_t) * w);
+    const size_t first = clip.r0 + static_cast<size_t>(clip.c0) * m;
+    const double* noisy_at = noisy + first;
+    const double* pilot_at = pilot + first;
+    float sum_noisy = 0.0f;
+    float sum_pilot = 0.0f;
+    for (uint32_t e = 0; e < layout.size; ++e) {
+        const uint32_t p = layout.pixel_offset[e];
+        const uint32_t t = layout.packed_slot[e];
+        const float nv = static_cast<float>(noisy_at[p]);
+        const float pv = static_cast<float>(pilot_at[p]);
+        noisy_gather[t] = nv;
+        pilot_gather[t] = pv;
+        sum_noisy = sum_noisy + nv;
+        sum_pilot = sum_pilot + pv;
+    }
+    GatherResult result;
+    result.max_column_count = layout.max_column_count;
+    result.shape_size = layout.size;
+    const double size = static_cast<double>(layout.size);
+    result.noisy_mean = static_cast<float>(static_cast<double>(sum_noisy) / size);
+    result.pilot_mean = static_cast<float>(static_cast<double>(sum_pilot) / size);
+    return result;
+}
+
+// The clipped estimate of shape pixel e (aggregate_shape()'s operations).
+inline float listed_estimate(const ShapeLayout& layout, const float* packed, float dc_estimate,
+                             uint32_t e) {
+    const float v = dc_estimate + packed[layout.packed_slot[e]];
+    float clipped = 0.0f;
+    if (v > 0.0f) clipped = 1.0f > v ? v : 1.0f;
+    return clipped;
+}
+
+// aggregate_shape() for a listed shape; leaves `reconstruction` alone.
+inline void aggregate_listed(const ClippedBox& clip, const ShapeLayout& layout,
+                             const float* packed, float dc_estimate, float estimate_variance,
+                             double shape_size, uint32_t m, double* output, float* weight_sum,
+                             uint16_t* coverage_count) {
+    const double weight = 1.0 / (static_cast<double>(estimate_variance) * shape_size);
+    const size_t first = clip.r0 + static_cast<size_t>(clip.c0) * m;
+    double* out = output + first;
+    float* sums = weight_sum + first;
+    uint16_t* counts = coverage_count + first;
+    for (uint32_t e = 0; e < layout.size; ++e) {
+        const double clipped = static_cast<double>(listed_estimate(layout, packed, dc_estimate, e));
+        const uint32_t p = layout.pixel_offset[e];
+        out[p] = out[p] + clipped * weight;
+        sums[p] = static_cast<float>(static_cast<double>(sums[p]) + weight);
+        counts[p] = static_cast<uint16_t>(counts[p] + 1);
+    }
+}
+
+// shape_estimate() for a listed shape: the same values (kNotInShape off the
+// shape) and weight; leaves `reconstruction` alone.
+inline double estimate_listed(const ClippedBox& clip, const ShapeLayout& layout,
+                              const float* packed, float dc_estimate, float estimate_variance,
+                              double shape_size, float* values) {
+    const uint32_t area = (clip.r1 - clip.r0 + 1) * (clip.c1 - clip.c0 + 1);
+    for (uint32_t a = 0; a < area; ++a) values[a] = kNotInShape;
+    for (uint32_t e = 0; e < layout.size; ++e) {
+        values[layout.box_index[e]] = listed_estimate(layout, packed, dc_estimate, e);
+    }
+    return 1.0 / (static_cast<double>(estimate_variance) * shape_size);
+}
+
+}  // namespace sw
+
+#endif  // SHAPEWIENER_SHAPE_SHAPE_LAYOUT_H
