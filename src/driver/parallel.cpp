@@ -164,8 +164,11 @@ public:
         }
         have_workspace_ = true;
         try {
-            workers_.reserve(threads_);
-            for (unsigned i = 0; i < threads_; ++i) workers_.emplace_back([this, i] { work(i); });
+            // The calling thread computes too, with the last scratch set.
+            workers_.reserve(threads_ - 1);
+            for (unsigned i = 0; i + 1 < threads_; ++i) {
+                workers_.emplace_back([this, i] { work(i); });
+            }
         } catch (...) {
             // Fewer workers than asked for: go on with those that started.
         }
@@ -174,6 +177,9 @@ public:
 
     Error run() {
         const CallState& cs = ws_.call;
+        own_scratch_ = workspace_scratch(ws_, sizes_, threads_ - 1);
+        own_listed_.layout = {own_scratch_.pixel_offset, own_scratch_.packed_slot,
+                              own_scratch_.box_index};
         for (uint32_t i = 0; i < sizes_.w; ++i) cs.transform_table[i] = call_.transforms[i].data;
         for (uint32_t i = 0; i < sizes_.l; ++i) {
             cs.rounded_scales[i] = round_to_unsigned(call_.scale_set.data[i]);
@@ -283,26 +289,63 @@ private:
         c->list_end = list_at_;
     }
 
-    // Waits until every entry of chunk number `number` is computed, offering
-    // the progress callback a turn now and then. False when it says stop.
-    // Chunk number `number` must not be dispatched after this: its slot
-    // gets the next chunk but two once it is committed.
+    // Waits until every entry of chunk number `number` is computed, taking
+    // entries itself while there are any left to take, and offering the
+    // progress callback a turn at least every kProgressWait. False when it
+    // says stop. Chunk number `number` must not be dispatched after this:
+    // its slot gets the next chunk but two once it is committed.
     bool wait_done(Chunk& c, uint64_t number, uint32_t list_done) {
+        auto offered = std::chrono::steady_clock::now();
+        std::unique_lock<std::mutex> lock(mutex_);
         for (;;) {
-            {
-                std::unique_lock<std::mutex> lock(mutex_);
-                if (chunk_done_.wait_for(lock, kProgressWait, [&] {
-                        return c.done == c.entries.size() || failed_.load();
-                    })) {
-                    if (dispatch_ <= number) dispatch_ = number + 1;
-                    return true;
+            if (c.done == c.entries.size() || failed_.load()) {
+                if (dispatch_ <= number) dispatch_ = number + 1;
+                return true;
+            }
+            if (!take_and_compute(lock, own_scratch_, &own_listed_)) {
+                chunk_done_.wait_for(lock, kProgressWait, [&] {
+                    return c.done == c.entries.size() || failed_.load() || dispatch_ < planned_;
+                });
+            }
+            if (options_.progress) {
+                const auto now = std::chrono::steady_clock::now();
+                if (now - offered >= kProgressWait) {
+                    offered = now;
+                    lock.unlock();
+                    if (!options_.progress(static_cast<double>(list_done) / pixel_count_)) {
+                        return false;
+                    }
+                    lock.lock();
                 }
             }
-            if (options_.progress &&
-                !options_.progress(static_cast<double>(list_done) / pixel_count_)) {
-                return false;
-            }
         }
+    }
+
+    // With `lock` held: takes the next entry of the oldest planned chunk
+    // that has one left, computes it (without the lock) and counts it done.
+    // False when there is nothing to take.
+    bool take_and_compute(std::unique_lock<std::mutex>& lock, const EntryScratch& sc,
+                          ListedShape* listed) {
+        while (dispatch_ < planned_) {
+            Chunk& c = chunks_[dispatch_ % kChunkSlots];
+            if (c.taken == c.entries.size()) {
+                ++dispatch_;
+                continue;
+            }
+            const uint32_t e = c.order[c.taken++];
+            lock.unlock();
+            if (!failed_.load()) {
+                try {
+                    compute(c, e, sc, listed);
+                } catch (...) {
+                    fail();
+                }
+            }
+            lock.lock();
+            if (++c.done == c.entries.size()) chunk_done_.notify_all();
+            return true;
+        }
+        return false;
     }
 
     void stop_workers() {
@@ -315,34 +358,14 @@ private:
         workers_.clear();
     }
 
-    // A worker: takes the next entry of the oldest planned chunk that has
-    // one left, computes it, and counts it done.
+    // A worker: computes entries of planned chunks until stopped.
     void work(unsigned index) {
         const EntryScratch sc = workspace_scratch(ws_, sizes_, index);
         ListedShape listed{{sc.pixel_offset, sc.packed_slot, sc.box_index}};
         std::unique_lock<std::mutex> lock(mutex_);
         for (;;) {
             if (stopping_) return;
-            if (dispatch_ < planned_) {
-                Chunk& c = chunks_[dispatch_ % kChunkSlots];
-                if (c.taken == c.entries.size()) {
-                    ++dispatch_;
-                    continue;
-                }
-                const uint32_t e = c.order[c.taken++];
-                lock.unlock();
-                if (!failed_.load()) {
-                    try {
-                        compute(c, e, sc, &listed);
-                    } catch (...) {
-                        fail();
-                    }
-                }
-                lock.lock();
-                if (++c.done == c.entries.size()) chunk_done_.notify_all();
-                continue;
-            }
-            work_ready_.wait(lock);
+            if (!take_and_compute(lock, sc, &listed)) work_ready_.wait(lock);
         }
     }
 
@@ -440,6 +463,10 @@ private:
     std::vector<KeyState> keys_;
     std::vector<float> levels_;
     std::vector<std::thread> workers_;
+
+    // The calling thread's scratch set and listed shape.
+    EntryScratch own_scratch_{};
+    ListedShape own_listed_{{nullptr, nullptr, nullptr}};
 
     // Planning state (calling thread).
     uint32_t list_at_ = 0;
