@@ -367,8 +367,9 @@ TEST(FastNoiseLevels, LeaveInconsistentCountsToTheReference) {
     for (float v : levels) EXPECT_EQ(v, -3.0f);
 }
 
-// Gathering and aggregating through the shape's pixel list give what
-// gather_shape, aggregate_shape and shape_estimate give: random sector
+// Gathering and aggregating through the shape's pixel list (in one step or
+// in the threaded driver's two) give what gather_shape and aggregate_shape
+// give: random sector
 // masks, clippings, orientations, NaN pixels and estimates around [0, 1].
 TEST(ListedShapes, GatherAndAggregateLikeTheReference) {
     std::mt19937 rng(77);
@@ -396,8 +397,8 @@ TEST(ListedShapes, GatherAndAggregateLikeTheReference) {
         const sw::GatherResult want =
             sw::gather_shape(box, row, col, clip, masks, by_columns, noisy.data(), pilot.data(), m,
                              mask.data(), ng.data(), pg.data(), cc.data(), rc.data(), cur.data());
-        std::vector<uint32_t> offsets(w * w), slots(w * w), indices(w * w);
-        sw::ShapeLayout layout{offsets.data(), slots.data(), indices.data()};
+        std::vector<uint32_t> offsets(w * w), slots(w * w);
+        sw::ShapeLayout layout{offsets.data(), slots.data()};
         sw::build_layout(box, row, col, clip, masks, by_columns, m, mask2.data(), cc2.data(),
                          &layout);
         const sw::GatherResult got =
@@ -436,15 +437,17 @@ TEST(ListedShapes, GatherAndAggregateLikeTheReference) {
         EXPECT_EQ(first_difference(sums, sums2), UINT32_MAX) << trial;
         EXPECT_TRUE(counts == counts2) << trial;
 
-        const uint32_t area = (clip.r1 - clip.r0 + 1) * (clip.c1 - clip.c0 + 1);
-        std::vector<float> values(area, 5.0f), values2 = values;
-        const double weight = sw::shape_estimate(box, row, col, clip, packed.data(), cc.data(),
-                                                 by_columns, mask.data(), dc, variance, size,
-                                                 scratch.data(), values.data());
-        const double weight2 =
-            sw::estimate_listed(clip, layout, packed.data(), dc, variance, size, values2.data());
-        EXPECT_EQ(std::memcmp(&weight, &weight2, sizeof weight), 0) << trial;
-        EXPECT_EQ(first_difference(values, values2), UINT32_MAX) << trial;
+        // A second entry on the same pixels, in one step and in the
+        // threaded driver's two halves.
+        std::vector<double> out3 = out2;
+        std::vector<float> sums3 = sums2, values(w * w);
+        sw::aggregate_listed(clip, layout, packed.data(), dc, variance, size, m, out2.data(),
+                             sums2.data(), counts2.data());
+        const double weight =
+            sw::estimate_listed(layout, packed.data(), dc, variance, size, values.data());
+        sw::commit_listed(clip, layout, values.data(), weight, m, out3.data(), sums3.data());
+        EXPECT_TRUE(swtest::same_bits(out2, out3)) << trial;
+        EXPECT_EQ(first_difference(sums2, sums3), UINT32_MAX) << trial;
     }
 }
 

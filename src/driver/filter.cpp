@@ -89,7 +89,7 @@ Error serial_filter(const FilterCall& call, double* output, const RunOptions& op
     bool by_columns = false;
     float dc_noise_level = 0.0f;
     // The listed shape of the optimised path and the clipping it was made for.
-    ShapeLayout layout{sc.pixel_offset, sc.packed_slot, sc.box_index};
+    ShapeLayout layout{sc.pixel_offset, sc.packed_slot};
     ClipReach layout_reach{};
 
     for (uint32_t i = 0; i < pixel_count; ++i) {

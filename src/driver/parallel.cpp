@@ -89,7 +89,9 @@ uint64_t chunk_bytes(const WorkspaceSizes& sizes) {
     const uint64_t per_chunk = c.arena_floats * sizeof(float) +
                                uint64_t{kChunkEntries} *
                                    (sizeof(PlannedEntry) + sizeof(uint32_t) + sizeof(double));
-    return kChunkSlots * per_chunk + c.key_slots * (sizeof(KeyState) + c.box_area * sizeof(float));
+    const uint64_t committing = c.box_area * (1 + 2 * sizeof(uint32_t)) + sizes.w * sizeof(int32_t);
+    return kChunkSlots * per_chunk + c.key_slots * (sizeof(KeyState) + c.box_area * sizeof(float)) +
+           committing;
 }
 
 // A thread's listed shape and the key and clipping it was made for.
@@ -153,6 +155,12 @@ public:
                 c.values.resize(static_cast<size_t>(limits_.arena_floats));
             }
             keys_ = std::vector<KeyState>(static_cast<size_t>(limits_.key_slots));
+            const size_t area = static_cast<size_t>(limits_.box_area);
+            commit_mask_.resize(area);
+            commit_counts_.resize(sizes_.w);
+            commit_offsets_.resize(area);
+            commit_slots_.resize(area);
+            committing_.layout = {commit_offsets_.data(), commit_slots_.data()};
             levels_.resize(static_cast<size_t>(limits_.key_slots * limits_.box_area));
         } catch (const std::bad_alloc&) {
             *error = out_of_memory();
@@ -178,8 +186,7 @@ public:
     Error run() {
         const CallState& cs = ws_.call;
         own_scratch_ = workspace_scratch(ws_, sizes_, threads_ - 1);
-        own_listed_.layout = {own_scratch_.pixel_offset, own_scratch_.packed_slot,
-                              own_scratch_.box_index};
+        own_listed_.layout = {own_scratch_.pixel_offset, own_scratch_.packed_slot};
         for (uint32_t i = 0; i < sizes_.w; ++i) cs.transform_table[i] = call_.transforms[i].data;
         for (uint32_t i = 0; i < sizes_.l; ++i) {
             cs.rounded_scales[i] = round_to_unsigned(call_.scale_set.data[i]);
@@ -211,9 +218,20 @@ public:
             for (uint32_t e = 0; e < c.entries.size(); ++e) {
                 const PlannedEntry& pe = c.entries[e];
                 const uint32_t col = pe.pixel / m_;
-                const ClippedBox clip = clipped_box(pe.pixel - col * m_, col, m_, k_, box_.H());
-                commit_estimate(clip, c.values.data() + pe.offset, c.weights[e], m_, output_,
-                                cs.weight_sum);
+                const uint32_t row = pe.pixel - col * m_;
+                const ClippedBox clip = clipped_box(row, col, m_, k_, box_.H());
+                const ClipReach reach = clip_reach(clip, row, col);
+                if (committing_.key != pe.key || !(committing_.reach == reach)) {
+                    const KeyState& ks = keys_[pe.key % limits_.key_slots];
+                    const uint8_t* masks[8];
+                    fetch_sector_masks(call_.sector_masks, ks.direction_scale, box_.H(), masks);
+                    build_layout(box_, row, col, clip, masks, ks.by_columns, m_,
+                                 commit_mask_.data(), commit_counts_.data(), &committing_.layout);
+                    committing_.key = pe.key;
+                    committing_.reach = reach;
+                }
+                commit_listed(clip, committing_.layout, c.values.data() + pe.offset,
+                              c.weights[e], m_, output_, cs.weight_sum);
             }
             ++committed;
             list_done = c.list_end;
@@ -361,7 +379,7 @@ private:
     // A worker: computes entries of planned chunks until stopped.
     void work(unsigned index) {
         const EntryScratch sc = workspace_scratch(ws_, sizes_, index);
-        ListedShape listed{{sc.pixel_offset, sc.packed_slot, sc.box_index}};
+        ListedShape listed{{sc.pixel_offset, sc.packed_slot}};
         std::unique_lock<std::mutex> lock(mutex_);
         for (;;) {
             if (stopping_) return;
@@ -437,7 +455,7 @@ private:
             sc.pilot_gather);
         Kernels::inverse(box_, sc.noisy_coefficients, sc.noisy_gather, sc.column_count,
                          sc.row_count, sc.row_cursor, g.max_column_count, table);
-        c.weights[e] = estimate_listed(clip, listed->layout, sc.noisy_gather, s.dc_estimate,
+        c.weights[e] = estimate_listed(listed->layout, sc.noisy_gather, s.dc_estimate,
                                        s.estimate_variance, shape_size,
                                        c.values.data() + pe.offset);
     }
@@ -466,7 +484,13 @@ private:
 
     // The calling thread's scratch set and listed shape.
     EntryScratch own_scratch_{};
-    ListedShape own_listed_{{nullptr, nullptr, nullptr}};
+    ListedShape own_listed_{{nullptr, nullptr}};
+    // The listed shape of the entries being committed, in arrays of its own.
+    ListedShape committing_{{nullptr, nullptr}};
+    std::vector<uint8_t> commit_mask_;
+    std::vector<int32_t> commit_counts_;
+    std::vector<uint32_t> commit_offsets_;
+    std::vector<uint32_t> commit_slots_;
 
     // Planning state (calling thread).
     uint32_t list_at_ = 0;

@@ -46,7 +46,6 @@ struct EntryScratch {
     // The shape's pixels as listed by shape_layout.h (optimised path).
     uint32_t* pixel_offset;          // w*w
     uint32_t* packed_slot;           // w*w
-    uint32_t* box_index;             // w*w
 };
 
 struct Workspace {

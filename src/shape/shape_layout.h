@@ -5,8 +5,8 @@
 // shape in box coordinates: the same shape mask, column counts and packing.
 // build_layout() forms these once, as gather_shape() does, and lists every
 // shape pixel in gather_shape()'s visiting order (box columns outer, rows
-// inner) with its image offset from the clipped box's first pixel, its slot
-// in the packed block and its index in the clipped box. Gathering and
+// inner) with its image offset from the clipped box's first pixel and its
+// slot in the packed block. Gathering and
 // aggregating then visit only the listed pixels, with the same operations
 // in the same order as gather_shape() and aggregate_shape() (every pixel is
 // touched once per entry, so the order of the image updates is free).
@@ -40,7 +40,6 @@ inline ClipReach clip_reach(const ClippedBox& clip, uint32_t row, uint32_t col) 
 struct ShapeLayout {
     uint32_t* pixel_offset;  // (y - r0) + (x - c0) * m
     uint32_t* packed_slot;   // b * W + slot
-    uint32_t* box_index;     // (y - r0) + (x - c0) * (r1 - r0 + 1)
     uint32_t size = 0;
     int32_t max_column_count = 0;
 };
@@ -53,7 +52,6 @@ void build_layout(const Box& box, uint32_t row, uint32_t col, const ClippedBox& 
                   uint8_t* shape_mask, int32_t* column_count, ShapeLayout* layout) {
     const uint32_t w = box.W();
     const uint32_t reach = box.H() - 1;
-    const uint32_t rows = clip.r1 - clip.r0 + 1;
     std::memset(shape_mask, 0, w * w);
     std::memset(column_count, 0, sizeof(int32_t) * w);
     uint32_t n = 0;
@@ -70,7 +68,6 @@ void build_layout(const Box& box, uint32_t row, uint32_t col, const ClippedBox& 
             const uint32_t b = by_columns ? j : i;
             layout->pixel_offset[n] = (y - clip.r0) + (x - clip.c0) * m;
             layout->packed_slot[n] = b * w + static_cast<uint32_t>(column_count[b]);
-            layout->box_index[n] = (y - clip.r0) + (x - clip.c0) * rows;
             column_count[b] = column_count[b] + 1;
             if (column_count[b] > max_count) max_count = column_count[b];
             n = n + 1;
@@ -145,17 +142,29 @@ inline void aggregate_listed(const ClippedBox& clip, const ShapeLayout& layout,
     }
 }
 
-// shape_estimate() for a listed shape: the same values (kNotInShape off the
-// shape) and weight; leaves `reconstruction` alone.
-inline double estimate_listed(const ClippedBox& clip, const ShapeLayout& layout,
-                              const float* packed, float dc_estimate, float estimate_variance,
-                              double shape_size, float* values) {
-    const uint32_t area = (clip.r1 - clip.r0 + 1) * (clip.c1 - clip.c0 + 1);
-    for (uint32_t a = 0; a < area; ++a) values[a] = kNotInShape;
+// The threaded driver's aggregation in two halves. estimate_listed() stores
+// the clipped estimate of every listed pixel, in list order, and returns
+// the weight; commit_listed() adds them into output and weight_sum with
+// aggregate_listed()'s operations (coverage is counted apart). Committed in
+// list order, the two give aggregate_shape()'s bits.
+inline double estimate_listed(const ShapeLayout& layout, const float* packed, float dc_estimate,
+                              float estimate_variance, double shape_size, float* values) {
     for (uint32_t e = 0; e < layout.size; ++e) {
-        values[layout.box_index[e]] = listed_estimate(layout, packed, dc_estimate, e);
+        values[e] = listed_estimate(layout, packed, dc_estimate, e);
     }
     return 1.0 / (static_cast<double>(estimate_variance) * shape_size);
+}
+
+inline void commit_listed(const ClippedBox& clip, const ShapeLayout& layout, const float* values,
+                          double weight, uint32_t m, double* output, float* weight_sum) {
+    const size_t first = clip.r0 + static_cast<size_t>(clip.c0) * m;
+    double* out = output + first;
+    float* sums = weight_sum + first;
+    for (uint32_t e = 0; e < layout.size; ++e) {
+        const uint32_t p = layout.pixel_offset[e];
+        out[p] = out[p] + static_cast<double>(values[e]) * weight;
+        sums[p] = static_cast<float>(static_cast<double>(sums[p]) + weight);
+    }
 }
 
 }  // namespace sw
