@@ -15,6 +15,7 @@
 #include "driver/box.h"
 #include "driver/workspace.h"
 #include "estimate/aggregate.h"
+#include "estimate/wiener.h"
 #include "shape/gather.h"
 #include "shape/shape_layout.h"
 #include "simd/simd.h"
@@ -367,9 +368,10 @@ TEST(FastNoiseLevels, LeaveInconsistentCountsToTheReference) {
     for (float v : levels) EXPECT_EQ(v, -3.0f);
 }
 
-// Gathering and aggregating through the shape's pixel list (in one step or
-// in the threaded driver's two) give what gather_shape and aggregate_shape
-// give: random sector
+// Gathering, centring, shrinking and aggregating (in one step or in the
+// threaded driver's two) through the shape's pixel list give what
+// gather_shape, remove_mean, wiener_shrink and aggregate_shape give: random
+// sector
 // masks, clippings, orientations, NaN pixels and estimates around [0, 1].
 TEST(ListedShapes, GatherAndAggregateLikeTheReference) {
     std::mt19937 rng(77);
@@ -410,6 +412,41 @@ TEST(ListedShapes, GatherAndAggregateLikeTheReference) {
         EXPECT_EQ(first_difference(ng, ng2), UINT32_MAX) << trial;
         EXPECT_EQ(first_difference(pg, pg2), UINT32_MAX) << trial;
         EXPECT_TRUE(mask == mask2 && cc == cc2 && rc == rc2 && cur == cur2) << trial;
+        std::vector<float> nc(w * w, 9.0f), pc = nc, nc2 = nc, pc2 = nc;
+        sw::remove_mean(box, want.noisy_mean, ng.data(), pg.data(), nc.data(), pc.data());
+        sw::remove_mean_listed(box, layout, got.noisy_mean, ng2.data(), pg2.data(), nc2.data(),
+                               pc2.data());
+        EXPECT_EQ(first_difference(ng, ng2), UINT32_MAX) << trial;
+        EXPECT_EQ(first_difference(pg, pg2), UINT32_MAX) << trial;
+        EXPECT_TRUE(nc == nc2 && pc == pc2) << trial;
+
+        // Shrinkage of coefficients where the forward transform leaves them
+        // (some 0 or NaN), with levels and gather arrays filled everywhere.
+        const int32_t groups = int32_t(rng() % (w + 1));
+        std::vector<int32_t> lengths(w, 0);
+        std::vector<float> levels(w * w), y(w * w, 0.0f), e(w * w, 0.0f);
+        for (int32_t r = 0; r < groups; ++r) {
+            lengths[r] = int32_t(rng() % (w + 1));
+            for (int32_t k = 0; k < lengths[r]; ++k) {
+                const double u = unit(rng);
+                y[r * w + k] = u < 0.1 ? 0.0f : u < 0.13 ? std::nanf("") : float(unit(rng) - 0.5);
+                e[r * w + k] = unit(rng) < 0.1 ? 0.0f : float(unit(rng) - 0.5);
+            }
+        }
+        for (auto& v : levels) v = unit(rng) < 0.05 ? 0.0f : float(unit(rng));
+        std::vector<float> y2 = y, fill(w * w, 3.0f), fill2 = fill, fill3 = fill, fill4 = fill;
+        const float dc_level = float(unit(rng)), lambda = float(1 + 3 * unit(rng));
+        const sw::ShrinkResult sw1 =
+            sw::wiener_shrink(box, y.data(), e.data(), levels.data(), dc_level, 0.3f, 0.2f, 9.0,
+                              lambda, fill.data(), fill2.data());
+        const sw::ShrinkResult sw2 = sw::wiener_shrink_listed(
+            box, lengths.data(), groups, y2.data(), e.data(), levels.data(), dc_level, 0.3f, 0.2f,
+            9.0, lambda, fill3.data(), fill4.data());
+        EXPECT_TRUE(same(sw1.dc_estimate, sw2.dc_estimate) &&
+                    same(sw1.estimate_variance, sw2.estimate_variance))
+            << trial;
+        EXPECT_EQ(first_difference(y, y2), UINT32_MAX) << trial;
+        EXPECT_TRUE(fill == fill3 && fill2 == fill4) << trial;
 
         // Estimates, some of them outside [0, 1] or NaN, onto an image
         // that already holds sums.

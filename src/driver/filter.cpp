@@ -124,15 +124,17 @@ Error serial_filter(const FilterCall& call, double* output, const RunOptions& op
             }
             g = gather_listed(box, clip, layout, noisy_image, pilot_image, m, noisy_gather,
                               pilot_gather, sc.row_count, sc.row_cursor);
+            remove_mean_listed(box, layout, g.noisy_mean, noisy_gather, pilot_gather,
+                               noisy_coefficients, pilot_coefficients);
         } else {
             const uint8_t* masks[8];
             fetch_sector_masks(call.sector_masks, direction_scale, big_h, masks);
             g = gather_shape(box, row, col, clip, masks, by_columns, noisy_image, pilot_image, m,
                              sc.shape_mask, noisy_gather, pilot_gather, sc.column_count,
                              sc.row_count, sc.row_cursor);
+            remove_mean(box, g.noisy_mean, noisy_gather, pilot_gather, noisy_coefficients,
+                        pilot_coefficients);
         }
-        remove_mean(box, g.noisy_mean, noisy_gather, pilot_gather, noisy_coefficients,
-                    pilot_coefficients);
 
         SW_PHASE_MARK(kPhaseForward);
         Kernels::forward(box, noisy_gather, pilot_gather, noisy_coefficients,
@@ -150,10 +152,18 @@ Error serial_filter(const FilterCall& call, double* output, const RunOptions& op
         SW_PHASE_MARK(kPhaseShrink);
         std::memset(sc.row_cursor, 0, sizeof(int32_t) * w);
         const double shape_size = static_cast<double>(g.shape_size);
-        const ShrinkResult s = wiener_shrink(
-            box, noisy_coefficients, pilot_coefficients, sc.coefficient_noise_level,
-            dc_noise_level, g.noisy_mean, g.pilot_mean, shape_size, call.wiener_variance_factor,
-            noisy_gather, pilot_gather);
+        ShrinkResult s;
+        if constexpr (Kernels::kListedShapes) {
+            s = wiener_shrink_listed(box, sc.row_count, g.max_column_count, noisy_coefficients,
+                                     pilot_coefficients, sc.coefficient_noise_level,
+                                     dc_noise_level, g.noisy_mean, g.pilot_mean, shape_size,
+                                     call.wiener_variance_factor, noisy_gather, pilot_gather);
+        } else {
+            s = wiener_shrink(box, noisy_coefficients, pilot_coefficients,
+                              sc.coefficient_noise_level, dc_noise_level, g.noisy_mean,
+                              g.pilot_mean, shape_size, call.wiener_variance_factor, noisy_gather,
+                              pilot_gather);
+        }
 
         SW_PHASE_MARK(kPhaseInverse);
         Kernels::inverse(box, noisy_coefficients, noisy_gather, sc.column_count, sc.row_count,

@@ -422,8 +422,8 @@ private:
         const GatherResult g =
             gather_listed(box_, clip, listed->layout, call_.noisy_image, call_.pilot_image, m_,
                           sc.noisy_gather, sc.pilot_gather, sc.row_count, sc.row_cursor);
-        remove_mean(box_, g.noisy_mean, sc.noisy_gather, sc.pilot_gather, sc.noisy_coefficients,
-                    sc.pilot_coefficients);
+        remove_mean_listed(box_, listed->layout, g.noisy_mean, sc.noisy_gather, sc.pilot_gather,
+                           sc.noisy_coefficients, sc.pilot_coefficients);
         Kernels::forward(box_, sc.noisy_gather, sc.pilot_gather, sc.noisy_coefficients,
                          sc.pilot_coefficients, sc.column_count, sc.row_count,
                          g.max_column_count, table);
@@ -449,10 +449,10 @@ private:
         }
         std::memset(sc.row_cursor, 0, sizeof(int32_t) * sizes_.w);
         const double shape_size = static_cast<double>(g.shape_size);
-        const ShrinkResult s = wiener_shrink(
-            box_, sc.noisy_coefficients, sc.pilot_coefficients, levels, ks.dc_level, g.noisy_mean,
-            g.pilot_mean, shape_size, call_.wiener_variance_factor, sc.noisy_gather,
-            sc.pilot_gather);
+        const ShrinkResult s = wiener_shrink_listed(
+            box_, sc.row_count, g.max_column_count, sc.noisy_coefficients, sc.pilot_coefficients,
+            levels, ks.dc_level, g.noisy_mean, g.pilot_mean, shape_size,
+            call_.wiener_variance_factor, sc.noisy_gather, sc.pilot_gather);
         Kernels::inverse(box_, sc.noisy_coefficients, sc.noisy_gather, sc.column_count,
                          sc.row_count, sc.row_cursor, g.max_column_count, table);
         c.weights[e] = estimate_listed(listed->layout, sc.noisy_gather, s.dc_estimate,

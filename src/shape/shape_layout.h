@@ -1,5 +1,5 @@
-// The optimised path's gathering and aggregation through a list of the
-// shape's pixels.
+// The optimised path's gathering, centring, shrinkage and aggregation
+// through a list of the shape's pixels.
 //
 // Consecutive entries of one key whose boxes are clipped alike have the same
 // shape in box coordinates: the same shape mask, column counts and packing.
@@ -17,6 +17,7 @@
 #include <cstring>
 
 #include "estimate/aggregate.h"
+#include "estimate/wiener.h"
 #include "shape/gather.h"
 #include "shape/shape.h"
 
@@ -111,6 +112,70 @@ GatherResult gather_listed(const Box& box, const ClippedBox& clip, const ShapeLa
     const double size = static_cast<double>(layout.size);
     result.noisy_mean = static_cast<float>(static_cast<double>(sum_noisy) / size);
     result.pilot_mean = static_cast<float>(static_cast<double>(sum_pilot) / size);
+    return result;
+}
+
+// remove_mean() for a listed shape: every other slot of the gather arrays
+// holds 0, which remove_mean() leaves as it is.
+template <class Box>
+void remove_mean_listed(const Box& box, const ShapeLayout& layout, float noisy_mean,
+                        float* noisy_gather, float* pilot_gather, float* noisy_coefficients,
+                        float* pilot_coefficients) {
+    const uint32_t area = box.W() * box.W();
+    std::memset(noisy_coefficients, 0, sizeof(float) * area);
+    std::memset(pilot_coefficients, 0, sizeof(float) * area);
+    const double mean = static_cast<double>(noisy_mean);
+    for (uint32_t e = 0; e < layout.size; ++e) {
+        const uint32_t t = layout.packed_slot[e];
+        if (noisy_gather[t] != 0.0f) {
+            const double td = static_cast<double>(t);
+            noisy_gather[t] =
+                static_cast<float>(static_cast<double>(noisy_gather[t]) - (td * 1e-17 + mean));
+            pilot_gather[t] = static_cast<float>(static_cast<double>(pilot_gather[t]) -
+                                                 ((td + 2.0) * 1e-17 + mean));
+        }
+    }
+}
+
+// wiener_shrink() after the forward transform, which leaves non-zero
+// coefficients only at r * W + k with k < row_count[r]: visits those
+// positions alone, in wiener_shrink()'s order.
+template <class Box>
+ShrinkResult wiener_shrink_listed(const Box& box, const int32_t* row_count,
+                                  int32_t max_column_count, float* noisy_coefficients,
+                                  const float* pilot_coefficients, const float* noise_level,
+                                  float dc_noise_level, float noisy_mean, float pilot_mean,
+                                  double shape_size, double lambda, float* noisy_gather,
+                                  float* pilot_gather) {
+    const uint32_t w = box.W();
+    float variance = 0.0f;
+    for (uint32_t r = 0; r < static_cast<uint32_t>(max_column_count); ++r) {
+        const uint32_t end = r * w + static_cast<uint32_t>(row_count[r]);
+        for (uint32_t t = r * w; t < end; ++t) {
+            const float y = noisy_coefficients[t];
+            if (y != 0.0f) {
+                const float e = pilot_coefficients[t];
+                const float sigma = noise_level[t];
+                const float energy = e * e;
+                const float noise = sigma * sigma;
+                const double de = static_cast<double>(energy);
+                const float factor =
+                    static_cast<float>(de / (static_cast<double>(noise) * lambda + de));
+                noisy_coefficients[t] = y * factor;
+                variance = variance + sigma * ((factor * factor) * sigma);
+            }
+        }
+    }
+    std::memset(noisy_gather, 0, sizeof(float) * w * w);
+    std::memset(pilot_gather, 0, sizeof(float) * w * w);
+    const float pilot_power = pilot_mean * pilot_mean;
+    const float dc_noise = dc_noise_level * dc_noise_level;
+    const double dp = static_cast<double>(pilot_power);
+    const float dc_factor =
+        static_cast<float>(dp / ((static_cast<double>(dc_noise) * lambda) / shape_size + dp));
+    ShrinkResult result;
+    result.dc_estimate = noisy_mean * dc_factor;
+    result.estimate_variance = ((dc_factor * dc_factor) * dc_noise_level) * dc_noise_level + variance;
     return result;
 }
 
