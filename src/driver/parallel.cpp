@@ -31,6 +31,8 @@ namespace {
 // every chunk in flight and the one carried into the oldest.
 constexpr uint32_t kChunkEntries = 256;
 constexpr uint32_t kChunkSlots = 3;
+// Entries a thread takes at once (fewer trips through the run's mutex).
+constexpr uint32_t kTakeEntries = 4;
 constexpr uint64_t kArenaFloats = uint64_t{1} << 16;
 constexpr uint64_t kLevelFloats = uint64_t{1} << 17;
 // The calling thread offers the progress callback a turn after every
@@ -339,9 +341,11 @@ private:
         }
     }
 
-    // With `lock` held: takes the next entry of the oldest planned chunk
-    // that has one left, computes it (without the lock) and counts it done.
-    // False when there is nothing to take.
+    // With `lock` held: takes the next entries (up to kTakeEntries) of the
+    // oldest planned chunk that has any left, computes them in order
+    // (without the lock) and counts them done. False when there is nothing
+    // to take. A key change comes before every other entry of its chunk, so
+    // a thread that waits for one waits for a thread that does not wait.
     bool take_and_compute(std::unique_lock<std::mutex>& lock, const EntryScratch& sc,
                           ListedShape* listed) {
         while (dispatch_ < planned_) {
@@ -350,17 +354,21 @@ private:
                 ++dispatch_;
                 continue;
             }
-            const uint32_t e = c.order[c.taken++];
+            const uint32_t first = c.taken;
+            const uint32_t left = static_cast<uint32_t>(c.entries.size()) - first;
+            const uint32_t count = left < kTakeEntries ? left : kTakeEntries;
+            c.taken += count;
             lock.unlock();
-            if (!failed_.load()) {
+            for (uint32_t i = first; i < first + count && !failed_.load(); ++i) {
                 try {
-                    compute(c, e, sc, listed);
+                    compute(c, c.order[i], sc, listed);
                 } catch (...) {
                     fail();
                 }
             }
             lock.lock();
-            if (++c.done == c.entries.size()) chunk_done_.notify_all();
+            c.done += count;
+            if (c.done == c.entries.size()) chunk_done_.notify_all();
             return true;
         }
         return false;
