@@ -1,6 +1,6 @@
 // PSNR of denoiser settings on the cases bench/denoise_cases.py writes.
 // Usage: shapewiener_denoise_variants VARIANTS IMAGES KINDS DIR (comma-separated lists;
-// variants: default, fast, best, weighted, nonorm, g1.0, g1.6).
+// variants: default, fast, best, weighted, nonorm, g1.0, g1.6, p3, p3f1).
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -30,6 +30,10 @@ swdenoise::Settings variant(const std::string& v) {
     if (v == "nonorm") s.normalise_range = false;
     if (v == "g1.0") s.rule.gamma = 1.0;
     if (v == "g1.6") s.rule.gamma = 1.6;
+    if (v == "p3") s.passes = 3;
+    if (v == "p3f1") { s.passes = 3; s.second_factor = 1.0; s.second_factor_white = 1.0; }
+    if (v == "p4") s.passes = 4;
+    if (v == "p3f3") { s.passes = 3; s.second_factor = 3.0; s.second_factor_white = 2.0; }
     return s;
 }
 

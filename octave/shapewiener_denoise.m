@@ -12,7 +12,7 @@ function varargout = shapewiener_denoise(varargin)
 %   im2double(Z) and the noise on [0, 1]). OUT is a double M x K matrix,
 %   not clipped. The whole denoiser runs in one call: it chooses the
 %   adaptive neighbourhoods, builds the filter's arguments and runs it
-%   (two passes for the default preset). The same call from Python
+%   (three passes for the default preset). The same call from Python
 %   (shapewiener.denoise) or the shapewiener program gives the same bits.
 %
 %   The noise, in Z's units:

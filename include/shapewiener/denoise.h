@@ -46,6 +46,9 @@ struct Image {
 };
 
 // Denoising one tile of a larger image (tiled or distributed processing).
+// A tile skips the denoiser's global stage (narrow noise peaks removed over
+// the whole image, see remove_noise_peaks): run that once on the frame and
+// tile its output, with its residual noise.
 // With rows > 0 the image given to denoise() is the window of a rows x cols
 // image (the frame) whose first pixel is the frame's pixel (row0, col0), and
 // the denoiser treats it as that part of the frame: it maps values onto its
@@ -71,6 +74,8 @@ struct DenoiseOptions {
     unsigned threads = 0;
     // Set for a tile of a larger image; default: the image is whole.
     TileFrame tile;
+    // false: skip the global stage (see remove_noise_peaks).
+    bool peaks = true;
 };
 
 // The border a tile needs around the pixels it keeps, for a preset: with P
@@ -104,12 +109,26 @@ private:
     Error error_;
 };
 
+// The denoiser's first, global stage on its own. Noise whose spectrum has
+// narrow peaks (stripes, moire) is removed where it is concentrated by a
+// frequency-domain gain over the whole image. Returns false when `noise`
+// has no such peaks (then the outputs are untouched); otherwise sets `out`
+// to the image with the peaks removed and `residual` to the psd model of the
+// noise left in it. denoise(image, noise) with a preset equals, bit for
+// bit, denoise(out, residual) with that preset and peaks = false, and so
+// the tiles of `out` (framed by `out`). Throws DenoiseError as denoise().
+bool remove_noise_peaks(const Image& image, const NoiseModel& noise, const std::string& preset,
+                        Image* out, NoiseModel* residual);
+// Whether remove_noise_peaks does anything for this noise on a rows x cols
+// image (it depends on the noise only).
+bool noise_has_peaks(const NoiseModel& noise, uint32_t rows, uint32_t cols, const std::string& preset);
+
 // Denoises `image` (any size of at least 1 x 1, NaN/Inf-free, any value
 // range). Returns the estimate: same size, double, not clipped. The image's
 // [min, max] is mapped affinely onto [0.1, 0.9] for the filter (the noise
 // with it) and the estimate mapped back, so denoising a*x + b with the noise
 // scaled by a gives a*y + b up to rounding. Progress phases: "noise",
-// "shapes", "pass 1", "pass 2", "done". Same inputs, same bits, whatever
+// "shapes", "pass 1", "pass 2", "pass 3", "done". Same inputs, same bits, whatever
 // options.threads. Throws DenoiseError: "shapewiener:image:<reason>" (empty,
 // size, notFinite, tooLarge), "shapewiener:noise:<reason>" (sigma,
 // kernelSize, psdSize, negative, notFinite, allZero),

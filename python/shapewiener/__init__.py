@@ -11,9 +11,9 @@ denoises large images tile by tile and ``python3 -m shapewiener.batch`` many
 images on a Dask cluster. Every rejected call raises ``shapewiener.Error``.
 """
 
-from ._denoise import denoise
+from ._denoise import denoise, remove_noise_peaks
 from ._filter import filter  # noqa: A004 - the module's own name
 from .errors import Error
 
 __version__ = "0.1.0"
-__all__ = ["denoise", "filter", "Error"]
+__all__ = ["denoise", "remove_noise_peaks", "filter", "Error"]

@@ -51,7 +51,7 @@ class _ProgressLine:
 
 
 def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=None,
-            progress=False, _tile=None):
+            progress=False, _tile=None, _peaks=True):
     """Denoises a grey-scale image corrupted by white or coloured noise.
 
     z:       2-D array of any real dtype (float, integer or bool) in any memory
@@ -81,5 +81,18 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
     noise, s, k, p = _noise(sigma, kernel, psd)
     callback = _ProgressLine() if progress is True else (progress or None)
     out, _report = _core.denoise(image, noise, s, k, p, str(preset),
-                                 0 if threads is None else int(threads), callback, _tile)
+                                 0 if threads is None else int(threads), callback, _tile,
+                                 bool(_peaks))
     return out
+
+
+def remove_noise_peaks(z, *, sigma=None, kernel=None, psd=None, preset="default"):
+    """The denoiser's global first stage alone: for noise whose spectrum has
+    narrow peaks (stripes, moire) returns (image, residual_psd), the image
+    with those peaks removed over the whole image and the spectrum of the
+    noise left in it; None for any other noise. denoise(z, ...) equals
+    denoise(image, psd=residual_psd) without this stage (what the tiles of
+    shapewiener.dask get)."""
+    image = _as_matrix(z, "image")
+    noise, s, k, p = _noise(sigma, kernel, psd)
+    return _core.remove_noise_peaks(image, noise, s, k, p, str(preset))

@@ -10,15 +10,26 @@ denoised as that part of the whole image: values are mapped onto the working
 range with the whole image's minimum and maximum (computed once, before the
 tiles), a psd noise model stays the whole image's, every pixel gets the
 dither of its place in the whole image, and the pixels are visited in the
-whole image's order. The halo covers everything a kept pixel depends on:
+whole image's order. Noise with narrow spectral peaks (stripes) is first
+removed over the whole image, as shapewiener.denoise does (this needs the
+whole image in memory once); the tiles then denoise what is left. The halo
+covers everything a kept pixel depends on:
 with P passes and largest scale H it is P * 2 * (H - 1) pixels, so 6 for
-"fast" (one pass, H = 4), 24 for "default" (two passes, H = 7) and 32 for
-"best" (two passes, H = 9). Chunks may be smaller than the halo.
+"fast" (one pass, H = 4) and 36 for "default" and "best" (three passes,
+H = 7). Chunks may be smaller than the halo.
 """
 
 import numpy as np
 
 from ._denoise import denoise as _denoise_image
+from ._denoise import remove_noise_peaks
+from ._denoise import _noise
+
+
+def _noise_has_peaks(shape, sigma, kernel, psd, preset):
+    from . import _core
+    kind, s, k, p = _noise(sigma, kernel, psd)
+    return _core.noise_has_peaks(int(shape[0]), int(shape[1]), kind, s, k, p, str(preset))
 
 def tile_halo(preset="default"):
     """The border in pixels a tile needs around the pixels it keeps (the
@@ -28,7 +39,7 @@ def tile_halo(preset="default"):
 
 
 def _denoise_tile(tile, frame, noise, preset, threads, crop):
-    out = _denoise_image(tile, **noise, preset=preset, threads=threads, _tile=frame)
+    out = _denoise_image(tile, **noise, preset=preset, threads=threads, _tile=frame, _peaks=False)
     return out[crop[0]:crop[1], crop[2]:crop[3]]
 
 
@@ -42,7 +53,8 @@ def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunk
     ``threads`` is the library's thread count inside one task (default 1:
     Dask runs the tasks in parallel). ``halo`` overrides the border of
     tile_halo(preset). The whole image's minimum and maximum are computed
-    right away (one pass over the data).
+    right away (one pass over the data); for noise with narrow spectral
+    peaks, so is the global first stage, on the whole image.
     """
     import dask
     import dask.array as da
@@ -59,6 +71,12 @@ def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunk
     rows, cols = array.shape
     if halo is None:
         halo = tile_halo(preset)
+    if _noise_has_peaks(array.shape, sigma, kernel, psd, preset):
+        staged = remove_noise_peaks(array.compute(), sigma=sigma, kernel=kernel, psd=psd,
+                                    preset=preset)
+        if staged is not None:
+            array = da.from_array(staged[0], chunks=array.chunks)
+            sigma, kernel, psd = None, None, staged[1]
     low, high = (float(v) for v in dask.compute(array.min(), array.max()))
     noise = {"sigma": sigma, "kernel": kernel,
              "psd": None if psd is None else dask.delayed(np.asarray(psd, np.float64))}

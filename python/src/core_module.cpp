@@ -170,9 +170,7 @@ std::vector<double> column_major(const py::array_t<double, py::array::f_style>& 
 
 // sw::denoise on a column-major float64 matrix. noise: "white", "kernel" or
 // "psd"; tile: None or (rows, cols, row0, col0, value_min, value_max).
-py::tuple denoise_call(py::array_t<double> image, const std::string& noise,
-                       double sigma, py::object kernel, py::object psd, const std::string& preset,
-                       unsigned threads, py::object progress, py::object tile) {
+sw::Image image_of(const py::array_t<double>& image) {
     if (image.ndim() != 2) throw py::value_error("the image must be a 2-D array");
     sw::Image in;
     in.rows = static_cast<uint32_t>(image.shape(0));
@@ -183,6 +181,11 @@ py::tuple denoise_call(py::array_t<double> image, const std::string& noise,
     for (py::ssize_t j = 0; j < v.shape(1); ++j) {
         for (py::ssize_t i = 0; i < v.shape(0); ++i) in.pixels[i + j * v.shape(0)] = v(i, j);
     }
+    return in;
+}
+
+sw::NoiseModel model_of(const std::string& noise, double sigma, const py::object& kernel,
+                        const py::object& psd) {
     sw::NoiseModel model;
     if (noise == "white") {
         model = sw::NoiseModel::white(sigma);
@@ -193,7 +196,50 @@ py::tuple denoise_call(py::array_t<double> image, const std::string& noise,
     } else {
         model = sw::NoiseModel::from_psd(column_major(psd.cast<py::array_t<double, py::array::f_style>>()));
     }
+    return model;
+}
+
+// A column-major float64 array that owns `values` without a copy.
+py::array owned_matrix(std::vector<double>&& values, uint32_t rows, uint32_t cols) {
+    auto* pixels = new std::vector<double>(std::move(values));
+    py::capsule owner(pixels, [](void* p) { delete static_cast<std::vector<double>*>(p); });
+    const py::ssize_t r = rows;
+    return py::array(py::dtype::of<double>(), {r, static_cast<py::ssize_t>(cols)},
+                     {static_cast<py::ssize_t>(sizeof(double)), r * static_cast<py::ssize_t>(sizeof(double))},
+                     pixels->data(), owner);
+}
+
+// sw::remove_noise_peaks: None when the noise has no narrow peaks, else
+// (image, residual psd).
+py::object remove_peaks_call(py::array_t<double> image, const std::string& noise, double sigma,
+                             py::object kernel, py::object psd, const std::string& preset) {
+    const sw::Image in = image_of(image);
+    const sw::NoiseModel model = model_of(noise, sigma, kernel, psd);
+    sw::Image out;
+    sw::NoiseModel residual;
+    bool applied = false;
+    sw::Error error;
+    {
+        py::gil_scoped_release release;
+        try {
+            applied = sw::remove_noise_peaks(in, model, preset, &out, &residual);
+        } catch (const sw::DenoiseError& e) {
+            error = e.error();
+        }
+    }
+    if (error) raise_error(error.identifier, error.message);
+    if (!applied) return py::none();
+    return py::make_tuple(owned_matrix(std::move(out.pixels), out.rows, out.cols),
+                          owned_matrix(std::move(residual.psd), out.rows, out.cols));
+}
+
+py::tuple denoise_call(py::array_t<double> image, const std::string& noise,
+                       double sigma, py::object kernel, py::object psd, const std::string& preset,
+                       unsigned threads, py::object progress, py::object tile, bool peaks) {
+    sw::Image in = image_of(image);
+    const sw::NoiseModel model = model_of(noise, sigma, kernel, psd);
     sw::DenoiseOptions options;
+    options.peaks = peaks;
     options.preset = preset;
     options.threads = threads;
     if (!tile.is_none()) {
@@ -226,12 +272,7 @@ py::tuple denoise_call(py::array_t<double> image, const std::string& noise,
     if (error) raise_error(error.identifier, error.message);
 
     // The result's pixels become the array's memory: no copy.
-    auto* pixels = new std::vector<double>(std::move(result.pixels));
-    py::capsule owner(pixels, [](void* p) { delete static_cast<std::vector<double>*>(p); });
-    const py::ssize_t rows = result.rows;
-    py::array out(py::dtype::of<double>(), {rows, static_cast<py::ssize_t>(result.cols)},
-                  {static_cast<py::ssize_t>(sizeof(double)), rows * static_cast<py::ssize_t>(sizeof(double))},
-                  pixels->data(), owner);
+    py::array out = owned_matrix(std::move(result.pixels), result.rows, result.cols);
     py::dict r;
     r["passes"] = report.passes;
     r["accepted_entries"] = report.accepted_entries;
@@ -248,6 +289,16 @@ PYBIND11_MODULE(_core, m) {
     m.def("filter", &filter_call, "The raw sixteen-argument filter (arrays prepared by shapewiener.filter).");
 #if defined(SHAPEWIENER_HAVE_DENOISE)
     m.def("denoise", &denoise_call, "sw::denoise on a column-major float64 matrix.");
+    m.def("noise_has_peaks", [](uint32_t rows, uint32_t cols, const std::string& noise, double sigma,
+                                py::object kernel, py::object psd, const std::string& preset) {
+        try {
+            return sw::noise_has_peaks(model_of(noise, sigma, kernel, psd), rows, cols, preset);
+        } catch (const sw::DenoiseError& e) {
+            raise_error(e.error().identifier, e.error().message);
+        }
+    }, "Whether sw::remove_noise_peaks does anything for this noise and size.");
+    m.def("remove_noise_peaks", &remove_peaks_call,
+          "sw::remove_noise_peaks: None, or (image, residual psd).");
     m.def("tile_halo", [](const std::string& preset) {
         try {
             return sw::tile_halo(preset);

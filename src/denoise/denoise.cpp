@@ -23,6 +23,7 @@ void fail(const std::string& identifier, const std::string& message, sw::ErrorCo
 
 Settings preset_settings(const std::string& name) {
     Settings s;
+    s.peaks.enabled = true;
     if (name == "default") return s;
     if (name == "fast") {
         s.adaptive = false;
@@ -33,7 +34,8 @@ Settings preset_settings(const std::string& name) {
     // "best" is what measured best within 3x the default's time: so far the
     // default itself (H = 9 took 6x as long and was no better; an interval
     // half-width of 1.0 gained on Gaussian noise but lost more on white and
-    // line noise). See bench/RESULTS.md.
+    // line noise; a fourth pass gained nothing over three). See
+    // bench/RESULTS.md.
     if (name == "best") return s;
     fail("shapewiener:options:preset",
          "unknown preset '" + name + "'; the presets are fast, default and best.");
@@ -149,15 +151,29 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     if (tiled) check_tile(image, tile);
     // A tile is denoised as its part of the frame: the frame's noise
     // (a psd model has the frame's size) and value range.
-    const Autocovariance raw =
+    Autocovariance raw =
         noise_autocovariance(noise, tiled ? tile.rows : rows, tiled ? tile.cols : cols);
+    // Narrow noise peaks go first, over the whole image; the local passes
+    // then see what is left (a tiled caller runs this stage on the frame).
+    sw::Image source;
+    sw::NoiseModel residual;
+    const bool peaks = !tiled && settings.peaks.enabled &&
+                       remove_peaks(image.pixels, rows, cols, full_psd(noise, rows, cols),
+                                    settings.peaks, &source.pixels, &residual.psd);
+    if (peaks) {
+        source.rows = rows;
+        source.cols = cols;
+        residual.kind = sw::NoiseModel::Kind::kPsd;
+        raw = noise_autocovariance(residual, rows, cols);
+    }
+    const sw::Image& input = peaks ? source : image;
 
     const RangeMap range = tiled ? working_range(tile.value_min, tile.value_max,
                                                  settings.normalise_range)
-                                 : working_range(image, settings.normalise_range);
+                                 : working_range(input, settings.normalise_range);
     swcaller::Image noisy(rows, cols);
     for (size_t p = 0; p < noisy.size(); ++p) {
-        noisy.pixels[p] = (image.pixels[p] - range.offset) / range.scale;
+        noisy.pixels[p] = (input.pixels[p] - range.offset) / range.scale;
     }
     const Autocovariance r = raw.scaled(1.0 / (range.scale * range.scale));
     const std::vector<double> psd = block_psd(r, settings.weighted_psd);
@@ -183,7 +199,8 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     const double share = 0.9 / settings.passes;
     for (int pass = 0; pass < settings.passes; ++pass) {
         const double begin = 0.1 + share * pass;
-        const char* phase = pass == 0 ? "pass 1" : "pass 2";
+        static const char* const kPhases[] = {"pass 1", "pass 2", "pass 3", "pass 4"};
+        const char* phase = kPhases[std::min(pass, 3)];
         step(begin, phase);
         // The module dithers both images in place: every pass gets copies.
         noisy_copy = noisy.pixels;
@@ -243,8 +260,38 @@ NoiseModel NoiseModel::from_psd(std::vector<double> psd) {
 
 Image denoise(const Image& image, const NoiseModel& noise, const DenoiseOptions& options,
               const Progress& progress, DenoiseReport* report) {
-    return swdenoise::run_pipeline(image, noise, swdenoise::preset_settings(options.preset),
-                                   options.threads, progress, report, options.tile);
+    swdenoise::Settings settings = swdenoise::preset_settings(options.preset);
+    settings.peaks.enabled = settings.peaks.enabled && options.peaks;
+    return swdenoise::run_pipeline(image, noise, settings, options.threads, progress, report,
+                                   options.tile);
+}
+
+bool remove_noise_peaks(const Image& image, const NoiseModel& noise, const std::string& preset,
+                        Image* out, NoiseModel* residual) {
+    const swdenoise::Settings s = swdenoise::preset_settings(preset);
+    swdenoise::noise_autocovariance(noise, image.rows, image.cols);  // checks the model
+    if (image.pixels.size() != static_cast<size_t>(image.rows) * image.cols || image.pixels.empty()) {
+        swdenoise::fail("shapewiener:image:size", "the image's size and its values disagree.");
+    }
+    std::vector<double> pixels, psd;
+    if (!s.peaks.enabled ||
+        !swdenoise::remove_peaks(image.pixels, image.rows, image.cols,
+                                 swdenoise::full_psd(noise, image.rows, image.cols), s.peaks,
+                                 &pixels, &psd)) {
+        return false;
+    }
+    out->rows = image.rows;
+    out->cols = image.cols;
+    out->pixels = std::move(pixels);
+    *residual = NoiseModel::from_psd(std::move(psd));
+    return true;
+}
+
+bool noise_has_peaks(const NoiseModel& noise, uint32_t rows, uint32_t cols, const std::string& preset) {
+    const swdenoise::Settings s = swdenoise::preset_settings(preset);
+    swdenoise::noise_autocovariance(noise, rows, cols);  // checks the model
+    return s.peaks.enabled &&
+           swdenoise::has_peaks(swdenoise::full_psd(noise, rows, cols), rows, cols, s.peaks);
 }
 
 uint32_t tile_halo(const std::string& preset) {

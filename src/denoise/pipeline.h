@@ -10,6 +10,7 @@
 
 #include "caller/shape_arguments.h"
 #include "denoise/noise.h"
+#include "denoise/peaks.h"
 #include "denoise/scales.h"
 #include "shapewiener/denoise.h"
 
@@ -21,9 +22,11 @@ struct Settings {
     bool adaptive = true;
     ScaleRule rule;
     uint32_t square_scale = 4;
-    // Passes (1 or 2) and their WienerVarianceFactors, for coloured noise and
-    // for white noise (every lag but 0 of the autocovariance is 0).
-    int passes = 2;
+    // Passes and their WienerVarianceFactors, for coloured noise and for
+    // white noise (every lag but 0 of the autocovariance is 0): the first
+    // against the noisy image, every later one against the previous pass's
+    // estimate with the second factor.
+    int passes = 3;
     double first_factor = 6.0;
     double second_factor = 2.0;
     double first_factor_white = 9.0;
@@ -34,6 +37,9 @@ struct Settings {
     // NoisePsd: the block spectrum with the window's lag weights (true) or
     // the plain folded autocovariance (see block_psd).
     bool weighted_psd = false;
+    // The global stage for noise with narrow spectral peaks (whole images
+    // only; see denoise/peaks.h).
+    PeakRule peaks;
 };
 
 // The settings of a preset: "fast", "default" or "best". Throws DenoiseError
