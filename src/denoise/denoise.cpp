@@ -176,7 +176,7 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
         noisy.pixels[p] = (input.pixels[p] - range.offset) / range.scale;
     }
     const Autocovariance r = raw.scaled(1.0 / (range.scale * range.scale));
-    const std::vector<double> psd = block_psd(r, settings.weighted_psd);
+    const std::vector<double> psd = with_floor(block_psd(r, settings.weighted_psd), kPsdFloor);
     const bool white = is_white(r);
 
     step(0.02, "shapes");

@@ -185,6 +185,14 @@ std::vector<double> block_psd(const Autocovariance& r, bool weighted) {
     return psd;
 }
 
+std::vector<double> with_floor(std::vector<double> psd, double fraction) {
+    double sum = 0.0;
+    for (double p : psd) sum += p;
+    const double floor = fraction * sum / static_cast<double>(psd.size());
+    for (double& p : psd) p = std::max(p, floor);
+    return psd;
+}
+
 bool transpose_symmetric(const std::vector<double>& psd) {
     const int n = static_cast<int>(kBlockSide);
     double largest = 0.0;

@@ -50,6 +50,15 @@ Autocovariance noise_autocovariance(const sw::NoiseModel& noise, uint32_t rows, 
 // spectrum sampled on the grid.
 std::vector<double> block_psd(const Autocovariance& r, bool weighted = true);
 
+// The spectrum with every value raised to at least `fraction` times its
+// mean. The filter gives a shape the weight 1 / (the variance of its
+// estimate); a spectrum that is (nearly) zero over a whole band, as a
+// residual of narrow peaks or a user's spectrum can be, lets that variance
+// underflow for some shapes and their weight overflow (NaN pixels). The
+// floor kPsdFloor is far below any noise that matters.
+constexpr double kPsdFloor = 1e-5;
+std::vector<double> with_floor(std::vector<double> psd, double fraction);
+
 // Whether a 32 x 32 spectrum is unchanged by transposition (to 1e-12 of its
 // largest value): then the module's packing orientation does not matter.
 bool transpose_symmetric(const std::vector<double>& psd);
