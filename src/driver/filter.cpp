@@ -12,6 +12,7 @@
 #include "estimate/wiener.h"
 #include "shape/gather.h"
 #include "shape/shape.h"
+#include "shape/shape_layout.h"
 #include "spectrum/noise_level.h"
 #include "transform/shape_transform.h"
 
@@ -87,6 +88,9 @@ Error serial_filter(const FilterCall& call, double* output, const RunOptions& op
     uint32_t direction_scale[8] = {0, 0, 0, 0, 0, 0, 0, 0};
     bool by_columns = false;
     float dc_noise_level = 0.0f;
+    // The listed shape of the optimised path and the clipping it was made for.
+    ShapeLayout layout{sc.pixel_offset, sc.packed_slot};
+    ClipReach layout_reach{};
 
     for (uint32_t i = 0; i < pixel_count; ++i) {
         SW_PHASE_MARK(kPhaseLoop);
@@ -108,14 +112,29 @@ Error serial_filter(const FilterCall& call, double* output, const RunOptions& op
             shape_parameters(call.direction_scale_map.data, q, pixel_count, cs.rounded_scales,
                              direction_scale, &by_columns);
         }
-        const uint8_t* masks[8];
-        fetch_sector_masks(call.sector_masks, direction_scale, big_h, masks);
-        const GatherResult g =
-            gather_shape(box, row, col, clip, masks, by_columns, noisy_image, pilot_image, m,
-                         sc.shape_mask, noisy_gather, pilot_gather, sc.column_count,
-                         sc.row_count, sc.row_cursor);
-        remove_mean(box, g.noisy_mean, noisy_gather, pilot_gather, noisy_coefficients,
-                    pilot_coefficients);
+        GatherResult g;
+        if constexpr (Kernels::kListedShapes) {
+            const ClipReach reach = clip_reach(clip, row, col);
+            if (key_changed || !(reach == layout_reach)) {
+                const uint8_t* masks[8];
+                fetch_sector_masks(call.sector_masks, direction_scale, big_h, masks);
+                build_layout(box, row, col, clip, masks, by_columns, m, sc.shape_mask,
+                             sc.column_count, &layout);
+                layout_reach = reach;
+            }
+            g = gather_listed(box, clip, layout, noisy_image, pilot_image, m, noisy_gather,
+                              pilot_gather, sc.row_count, sc.row_cursor);
+            remove_mean_listed(box, layout, g.noisy_mean, noisy_gather, pilot_gather,
+                               noisy_coefficients, pilot_coefficients);
+        } else {
+            const uint8_t* masks[8];
+            fetch_sector_masks(call.sector_masks, direction_scale, big_h, masks);
+            g = gather_shape(box, row, col, clip, masks, by_columns, noisy_image, pilot_image, m,
+                             sc.shape_mask, noisy_gather, pilot_gather, sc.column_count,
+                             sc.row_count, sc.row_cursor);
+            remove_mean(box, g.noisy_mean, noisy_gather, pilot_gather, noisy_coefficients,
+                        pilot_coefficients);
+        }
 
         SW_PHASE_MARK(kPhaseForward);
         Kernels::forward(box, noisy_gather, pilot_gather, noisy_coefficients,
@@ -133,19 +152,32 @@ Error serial_filter(const FilterCall& call, double* output, const RunOptions& op
         SW_PHASE_MARK(kPhaseShrink);
         std::memset(sc.row_cursor, 0, sizeof(int32_t) * w);
         const double shape_size = static_cast<double>(g.shape_size);
-        const ShrinkResult s = wiener_shrink(
-            box, noisy_coefficients, pilot_coefficients, sc.coefficient_noise_level,
-            dc_noise_level, g.noisy_mean, g.pilot_mean, shape_size, call.wiener_variance_factor,
-            noisy_gather, pilot_gather);
+        ShrinkResult s;
+        if constexpr (Kernels::kListedShapes) {
+            s = wiener_shrink_listed(box, sc.row_count, g.max_column_count, noisy_coefficients,
+                                     pilot_coefficients, sc.coefficient_noise_level,
+                                     dc_noise_level, g.noisy_mean, g.pilot_mean, shape_size,
+                                     call.wiener_variance_factor, noisy_gather, pilot_gather);
+        } else {
+            s = wiener_shrink(box, noisy_coefficients, pilot_coefficients,
+                              sc.coefficient_noise_level, dc_noise_level, g.noisy_mean,
+                              g.pilot_mean, shape_size, call.wiener_variance_factor, noisy_gather,
+                              pilot_gather);
+        }
 
         SW_PHASE_MARK(kPhaseInverse);
         Kernels::inverse(box, noisy_coefficients, noisy_gather, sc.column_count, sc.row_count,
                           sc.row_cursor, g.max_column_count, table);
 
         SW_PHASE_MARK(kPhaseAggregate);
-        aggregate_shape(box, row, col, clip, noisy_gather, sc.column_count, by_columns,
-                        sc.shape_mask, s.dc_estimate, s.estimate_variance, shape_size, m,
-                        noisy_coefficients, output, cs.weight_sum, cs.coverage_count);
+        if constexpr (Kernels::kListedShapes) {
+            aggregate_listed(clip, layout, noisy_gather, s.dc_estimate, s.estimate_variance,
+                             shape_size, m, output, cs.weight_sum, cs.coverage_count);
+        } else {
+            aggregate_shape(box, row, col, clip, noisy_gather, sc.column_count, by_columns,
+                            sc.shape_mask, s.dc_estimate, s.estimate_variance, shape_size, m,
+                            noisy_coefficients, output, cs.weight_sum, cs.coverage_count);
+        }
 
         // The gather array and the coefficient block of each pair swap roles.
         std::swap(noisy_gather, noisy_coefficients);

@@ -13,6 +13,8 @@
 namespace sw {
 
 struct ReferenceKernels {
+    // Gather and aggregate through the shape's pixel list (shape_layout.h).
+    static constexpr bool kListedShapes = false;
     template <class... A>
     static void forward(A&&... a) {
         forward_transform(std::forward<A>(a)...);
@@ -30,6 +32,7 @@ struct ReferenceKernels {
 // The optimised path's kernels: the same bits in the widest SIMD lanes the
 // processor offers (the reference routines where it offers none).
 struct FastKernels {
+    static constexpr bool kListedShapes = true;
     template <class... A>
     static void forward(A&&... a) {
         forward_transform_fast(std::forward<A>(a)...);

@@ -18,6 +18,7 @@
 #include "estimate/wiener.h"
 #include "shape/gather.h"
 #include "shape/shape.h"
+#include "shape/shape_layout.h"
 #include "transform/shape_transform.h"
 
 namespace sw {
@@ -30,6 +31,8 @@ namespace {
 // every chunk in flight and the one carried into the oldest.
 constexpr uint32_t kChunkEntries = 256;
 constexpr uint32_t kChunkSlots = 3;
+// Entries a thread takes at once (fewer trips through the run's mutex).
+constexpr uint32_t kTakeEntries = 4;
 constexpr uint64_t kArenaFloats = uint64_t{1} << 16;
 constexpr uint64_t kLevelFloats = uint64_t{1} << 17;
 // The calling thread offers the progress callback a turn after every
@@ -88,8 +91,17 @@ uint64_t chunk_bytes(const WorkspaceSizes& sizes) {
     const uint64_t per_chunk = c.arena_floats * sizeof(float) +
                                uint64_t{kChunkEntries} *
                                    (sizeof(PlannedEntry) + sizeof(uint32_t) + sizeof(double));
-    return kChunkSlots * per_chunk + c.key_slots * (sizeof(KeyState) + c.box_area * sizeof(float));
+    const uint64_t committing = c.box_area * (1 + 2 * sizeof(uint32_t)) + sizes.w * sizeof(int32_t);
+    return kChunkSlots * per_chunk + c.key_slots * (sizeof(KeyState) + c.box_area * sizeof(float)) +
+           committing;
 }
+
+// A thread's listed shape and the key and clipping it was made for.
+struct ListedShape {
+    ShapeLayout layout;
+    uint64_t key = UINT64_MAX;
+    ClipReach reach{};
+};
 
 // Marks a shape's pixels in the coverage counts, as the aggregation does.
 template <class Box>
@@ -145,6 +157,12 @@ public:
                 c.values.resize(static_cast<size_t>(limits_.arena_floats));
             }
             keys_ = std::vector<KeyState>(static_cast<size_t>(limits_.key_slots));
+            const size_t area = static_cast<size_t>(limits_.box_area);
+            commit_mask_.resize(area);
+            commit_counts_.resize(sizes_.w);
+            commit_offsets_.resize(area);
+            commit_slots_.resize(area);
+            committing_.layout = {commit_offsets_.data(), commit_slots_.data()};
             levels_.resize(static_cast<size_t>(limits_.key_slots * limits_.box_area));
         } catch (const std::bad_alloc&) {
             *error = out_of_memory();
@@ -156,8 +174,11 @@ public:
         }
         have_workspace_ = true;
         try {
-            workers_.reserve(threads_);
-            for (unsigned i = 0; i < threads_; ++i) workers_.emplace_back([this, i] { work(i); });
+            // The calling thread computes too, with the last scratch set.
+            workers_.reserve(threads_ - 1);
+            for (unsigned i = 0; i + 1 < threads_; ++i) {
+                workers_.emplace_back([this, i] { work(i); });
+            }
         } catch (...) {
             // Fewer workers than asked for: go on with those that started.
         }
@@ -166,6 +187,8 @@ public:
 
     Error run() {
         const CallState& cs = ws_.call;
+        own_scratch_ = workspace_scratch(ws_, sizes_, threads_ - 1);
+        own_listed_.layout = {own_scratch_.pixel_offset, own_scratch_.packed_slot};
         for (uint32_t i = 0; i < sizes_.w; ++i) cs.transform_table[i] = call_.transforms[i].data;
         for (uint32_t i = 0; i < sizes_.l; ++i) {
             cs.rounded_scales[i] = round_to_unsigned(call_.scale_set.data[i]);
@@ -197,9 +220,20 @@ public:
             for (uint32_t e = 0; e < c.entries.size(); ++e) {
                 const PlannedEntry& pe = c.entries[e];
                 const uint32_t col = pe.pixel / m_;
-                const ClippedBox clip = clipped_box(pe.pixel - col * m_, col, m_, k_, box_.H());
-                commit_estimate(clip, c.values.data() + pe.offset, c.weights[e], m_, output_,
-                                cs.weight_sum);
+                const uint32_t row = pe.pixel - col * m_;
+                const ClippedBox clip = clipped_box(row, col, m_, k_, box_.H());
+                const ClipReach reach = clip_reach(clip, row, col);
+                if (committing_.key != pe.key || !(committing_.reach == reach)) {
+                    const KeyState& ks = keys_[pe.key % limits_.key_slots];
+                    const uint8_t* masks[8];
+                    fetch_sector_masks(call_.sector_masks, ks.direction_scale, box_.H(), masks);
+                    build_layout(box_, row, col, clip, masks, ks.by_columns, m_,
+                                 commit_mask_.data(), commit_counts_.data(), &committing_.layout);
+                    committing_.key = pe.key;
+                    committing_.reach = reach;
+                }
+                commit_listed(clip, committing_.layout, c.values.data() + pe.offset,
+                              c.weights[e], m_, output_, cs.weight_sum);
             }
             ++committed;
             list_done = c.list_end;
@@ -275,26 +309,69 @@ private:
         c->list_end = list_at_;
     }
 
-    // Waits until every entry of chunk number `number` is computed, offering
-    // the progress callback a turn now and then. False when it says stop.
-    // Chunk number `number` must not be dispatched after this: its slot
-    // gets the next chunk but two once it is committed.
+    // Waits until every entry of chunk number `number` is computed, taking
+    // entries itself while there are any left to take, and offering the
+    // progress callback a turn at least every kProgressWait. False when it
+    // says stop. Chunk number `number` must not be dispatched after this:
+    // its slot gets the next chunk but two once it is committed.
     bool wait_done(Chunk& c, uint64_t number, uint32_t list_done) {
+        auto offered = std::chrono::steady_clock::now();
+        std::unique_lock<std::mutex> lock(mutex_);
         for (;;) {
-            {
-                std::unique_lock<std::mutex> lock(mutex_);
-                if (chunk_done_.wait_for(lock, kProgressWait, [&] {
-                        return c.done == c.entries.size() || failed_.load();
-                    })) {
-                    if (dispatch_ <= number) dispatch_ = number + 1;
-                    return true;
+            if (c.done == c.entries.size() || failed_.load()) {
+                if (dispatch_ <= number) dispatch_ = number + 1;
+                return true;
+            }
+            if (!take_and_compute(lock, own_scratch_, &own_listed_)) {
+                chunk_done_.wait_for(lock, kProgressWait, [&] {
+                    return c.done == c.entries.size() || failed_.load() || dispatch_ < planned_;
+                });
+            }
+            if (options_.progress) {
+                const auto now = std::chrono::steady_clock::now();
+                if (now - offered >= kProgressWait) {
+                    offered = now;
+                    lock.unlock();
+                    if (!options_.progress(static_cast<double>(list_done) / pixel_count_)) {
+                        return false;
+                    }
+                    lock.lock();
                 }
             }
-            if (options_.progress &&
-                !options_.progress(static_cast<double>(list_done) / pixel_count_)) {
-                return false;
-            }
         }
+    }
+
+    // With `lock` held: takes the next entries (up to kTakeEntries) of the
+    // oldest planned chunk that has any left, computes them in order
+    // (without the lock) and counts them done. False when there is nothing
+    // to take. A key change comes before every other entry of its chunk, so
+    // a thread that waits for one waits for a thread that does not wait.
+    bool take_and_compute(std::unique_lock<std::mutex>& lock, const EntryScratch& sc,
+                          ListedShape* listed) {
+        while (dispatch_ < planned_) {
+            Chunk& c = chunks_[dispatch_ % kChunkSlots];
+            if (c.taken == c.entries.size()) {
+                ++dispatch_;
+                continue;
+            }
+            const uint32_t first = c.taken;
+            const uint32_t left = static_cast<uint32_t>(c.entries.size()) - first;
+            const uint32_t count = left < kTakeEntries ? left : kTakeEntries;
+            c.taken += count;
+            lock.unlock();
+            for (uint32_t i = first; i < first + count && !failed_.load(); ++i) {
+                try {
+                    compute(c, c.order[i], sc, listed);
+                } catch (...) {
+                    fail();
+                }
+            }
+            lock.lock();
+            c.done += count;
+            if (c.done == c.entries.size()) chunk_done_.notify_all();
+            return true;
+        }
+        return false;
     }
 
     void stop_workers() {
@@ -307,33 +384,14 @@ private:
         workers_.clear();
     }
 
-    // A worker: takes the next entry of the oldest planned chunk that has
-    // one left, computes it, and counts it done.
+    // A worker: computes entries of planned chunks until stopped.
     void work(unsigned index) {
         const EntryScratch sc = workspace_scratch(ws_, sizes_, index);
+        ListedShape listed{{sc.pixel_offset, sc.packed_slot}};
         std::unique_lock<std::mutex> lock(mutex_);
         for (;;) {
             if (stopping_) return;
-            if (dispatch_ < planned_) {
-                Chunk& c = chunks_[dispatch_ % kChunkSlots];
-                if (c.taken == c.entries.size()) {
-                    ++dispatch_;
-                    continue;
-                }
-                const uint32_t e = c.order[c.taken++];
-                lock.unlock();
-                if (!failed_.load()) {
-                    try {
-                        compute(c, e, sc);
-                    } catch (...) {
-                        fail();
-                    }
-                }
-                lock.lock();
-                if (++c.done == c.entries.size()) chunk_done_.notify_all();
-                continue;
-            }
-            work_ready_.wait(lock);
+            if (!take_and_compute(lock, sc, &listed)) work_ready_.wait(lock);
         }
     }
 
@@ -350,7 +408,7 @@ private:
 
     // One entry, as the serial loop computes it, up to the values it would
     // aggregate.
-    void compute(Chunk& c, uint32_t e, const EntryScratch& sc) {
+    void compute(Chunk& c, uint32_t e, const EntryScratch& sc, ListedShape* listed) {
         const PlannedEntry& pe = c.entries[e];
         const uint32_t col = pe.pixel / m_;
         const uint32_t row = pe.pixel - col * m_;
@@ -360,14 +418,20 @@ private:
         float* levels = levels_.data() + slot * limits_.box_area;
         const double* const* table = ws_.call.transform_table;
 
-        const uint8_t* masks[8];
-        fetch_sector_masks(call_.sector_masks, ks.direction_scale, box_.H(), masks);
-        const GatherResult g = gather_shape(
-            box_, row, col, clip, masks, ks.by_columns, call_.noisy_image, call_.pilot_image, m_,
-            sc.shape_mask, sc.noisy_gather, sc.pilot_gather, sc.column_count, sc.row_count,
-            sc.row_cursor);
-        remove_mean(box_, g.noisy_mean, sc.noisy_gather, sc.pilot_gather, sc.noisy_coefficients,
-                    sc.pilot_coefficients);
+        const ClipReach reach = clip_reach(clip, row, col);
+        if (listed->key != pe.key || !(listed->reach == reach)) {
+            const uint8_t* masks[8];
+            fetch_sector_masks(call_.sector_masks, ks.direction_scale, box_.H(), masks);
+            build_layout(box_, row, col, clip, masks, ks.by_columns, m_, sc.shape_mask,
+                         sc.column_count, &listed->layout);
+            listed->key = pe.key;
+            listed->reach = reach;
+        }
+        const GatherResult g =
+            gather_listed(box_, clip, listed->layout, call_.noisy_image, call_.pilot_image, m_,
+                          sc.noisy_gather, sc.pilot_gather, sc.row_count, sc.row_cursor);
+        remove_mean_listed(box_, listed->layout, g.noisy_mean, sc.noisy_gather, sc.pilot_gather,
+                           sc.noisy_coefficients, sc.pilot_coefficients);
         Kernels::forward(box_, sc.noisy_gather, sc.pilot_gather, sc.noisy_coefficients,
                          sc.pilot_coefficients, sc.column_count, sc.row_count,
                          g.max_column_count, table);
@@ -393,16 +457,15 @@ private:
         }
         std::memset(sc.row_cursor, 0, sizeof(int32_t) * sizes_.w);
         const double shape_size = static_cast<double>(g.shape_size);
-        const ShrinkResult s = wiener_shrink(
-            box_, sc.noisy_coefficients, sc.pilot_coefficients, levels, ks.dc_level, g.noisy_mean,
-            g.pilot_mean, shape_size, call_.wiener_variance_factor, sc.noisy_gather,
-            sc.pilot_gather);
+        const ShrinkResult s = wiener_shrink_listed(
+            box_, sc.row_count, g.max_column_count, sc.noisy_coefficients, sc.pilot_coefficients,
+            levels, ks.dc_level, g.noisy_mean, g.pilot_mean, shape_size,
+            call_.wiener_variance_factor, sc.noisy_gather, sc.pilot_gather);
         Kernels::inverse(box_, sc.noisy_coefficients, sc.noisy_gather, sc.column_count,
                          sc.row_count, sc.row_cursor, g.max_column_count, table);
-        c.weights[e] = shape_estimate(box_, row, col, clip, sc.noisy_gather, sc.column_count,
-                                      ks.by_columns, sc.shape_mask, s.dc_estimate,
-                                      s.estimate_variance, shape_size, sc.noisy_coefficients,
-                                      c.values.data() + pe.offset);
+        c.weights[e] = estimate_listed(listed->layout, sc.noisy_gather, s.dc_estimate,
+                                       s.estimate_variance, shape_size,
+                                       c.values.data() + pe.offset);
     }
 
     using Kernels = FastKernels;
@@ -426,6 +489,16 @@ private:
     std::vector<KeyState> keys_;
     std::vector<float> levels_;
     std::vector<std::thread> workers_;
+
+    // The calling thread's scratch set and listed shape.
+    EntryScratch own_scratch_{};
+    ListedShape own_listed_{{nullptr, nullptr}};
+    // The listed shape of the entries being committed, in arrays of its own.
+    ListedShape committing_{{nullptr, nullptr}};
+    std::vector<uint8_t> commit_mask_;
+    std::vector<int32_t> commit_counts_;
+    std::vector<uint32_t> commit_offsets_;
+    std::vector<uint32_t> commit_slots_;
 
     // Planning state (calling thread).
     uint32_t list_at_ = 0;

@@ -4,7 +4,8 @@
 // entry uses follow from the arguments' shapes and scales alone, never from
 // pixel values. So the calling thread plans the list chunk by chunk (the
 // coverage test on simulated counts, the key changes, the shape parameters
-// of every key), workers compute the entries of planned chunks in any order
+// of every key), the workers and, while it has nothing to plan or commit,
+// the calling thread compute the entries of planned chunks in any order
 // (each key change first, as the entries of its key need its noise levels),
 // and the calling thread commits every chunk's weighted values into the
 // output and the weight sums in list order, so every sum keeps its order.
@@ -30,8 +31,8 @@ unsigned requested_threads(const RunOptions& options);
 // within 4 GiB: at most `wanted`, 1 when not even two fit (serial loop).
 unsigned affordable_threads(const WorkspaceSizes& sizes, unsigned wanted);
 
-// Runs the call on `threads` (>= 2) workers with the kernels of the
-// optimised path. Sets *ran to false, having touched nothing, when the
+// Runs the call on `threads` (>= 2) threads, the calling one and
+// threads - 1 workers, with the kernels of the optimised path. Sets *ran to false, having touched nothing, when the
 // workers cannot be started; the caller then runs the serial loop.
 template <uint32_t HC>
 Error run_parallel(const FilterCall& call, double* output, const RunOptions& options, uint32_t h,

@@ -14,7 +14,7 @@ uint64_t align_up(uint64_t offset) { return (offset + kAlign - 1) / kAlign * kAl
 // Byte offsets of the regions, the stride of one scratch set and the total.
 struct Layout {
     uint64_t shared[4];   // weight_sum, coverage_count, rounded_scales, transform_table
-    uint64_t scratch[12]; // within one scratch set, in EntryScratch order
+    uint64_t scratch[14]; // within one scratch set, in EntryScratch order
     uint64_t scratch_start;
     uint64_t scratch_stride;
     uint64_t total;
@@ -27,7 +27,7 @@ Layout layout_of(const WorkspaceSizes& s, unsigned scratch_count) {
     const uint64_t mk = static_cast<uint64_t>(s.m) * s.k;
     const uint64_t half = n / 2 + 1;
     const uint64_t shared_bytes[4] = {4 * mk, 2 * mk, 4 * uint64_t{s.l}, sizeof(double*) * w};
-    const uint64_t scratch_bytes[12] = {
+    const uint64_t scratch_bytes[14] = {
         4 * n * n,     // SpatialBlock
         8 * n * half,  // RowSpectrum
         8 * n * half,  // BlockSpectrum
@@ -40,6 +40,8 @@ Layout layout_of(const WorkspaceSizes& s, unsigned scratch_count) {
         4 * w,         // RowCount
         4 * w,         // RowCursor
         w * w,         // ShapeMask
+        4 * w * w,     // pixel offsets of the shape layout
+        4 * w * w,     // packed slots of the shape layout
     };
     Layout layout{};
     uint64_t at = 0;
@@ -49,7 +51,7 @@ Layout layout_of(const WorkspaceSizes& s, unsigned scratch_count) {
     }
     layout.scratch_start = at;
     uint64_t in = 0;
-    for (int r = 0; r < 12; ++r) {
+    for (int r = 0; r < 14; ++r) {
         layout.scratch[r] = in;
         in = align_up(in + scratch_bytes[r]);
     }
@@ -138,6 +140,8 @@ EntryScratch workspace_scratch(const Workspace& ws, const WorkspaceSizes& sizes,
     s.row_count = reinterpret_cast<int32_t*>(at + r[9]);
     s.row_cursor = reinterpret_cast<int32_t*>(at + r[10]);
     s.shape_mask = at + r[11];
+    s.pixel_offset = reinterpret_cast<uint32_t*>(at + r[12]);
+    s.packed_slot = reinterpret_cast<uint32_t*>(at + r[13]);
     return s;
 }
 

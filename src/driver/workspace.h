@@ -43,6 +43,9 @@ struct EntryScratch {
     int32_t* row_count;              // w
     int32_t* row_cursor;             // w
     uint8_t* shape_mask;             // w*w
+    // The shape's pixels as listed by shape_layout.h (optimised path).
+    uint32_t* pixel_offset;          // w*w
+    uint32_t* packed_slot;           // w*w
 };
 
 struct Workspace {

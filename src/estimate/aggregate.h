@@ -46,56 +46,6 @@ void aggregate_shape(const Box& box, uint32_t row, uint32_t col, const ClippedBo
     }
 }
 
-// The aggregation of an entry computed apart from the output, in two
-// halves. shape_estimate does what aggregate_shape does up to the clipping
-// and stores, for every pixel of the clipped box (columns outer, rows
-// inner), the clipped value (a float: v itself, 1 or 0) or kNotInShape;
-// it returns the weight. commit_estimate then adds those values into output
-// and weight_sum with aggregate_shape's operations; coverage is counted
-// apart. Committed in list order, the two give aggregate_shape's bits.
-constexpr float kNotInShape = -1.0f;  // clipped values are never negative
-
-template <class Box>
-double shape_estimate(const Box& box, uint32_t row, uint32_t col, const ClippedBox& clip,
-                      const float* packed, const int32_t* column_count, bool by_columns,
-                      const uint8_t* shape_mask, float dc_estimate, float estimate_variance,
-                      double shape_size, float* reconstruction, float* values) {
-    const uint32_t w = box.W();
-    const uint32_t reach = box.H() - 1;
-    std::memset(reconstruction, 0, sizeof(float) * w * w);
-    for (uint32_t b = 0; b < w; ++b) {
-        walk_line(w, b, static_cast<uint32_t>(column_count[b]), by_columns, shape_mask,
-                  [&](uint32_t slot, uint32_t, uint32_t at) { reconstruction[at] = packed[b * w + slot]; });
-    }
-    for (uint32_t x = clip.c0; x <= clip.c1; ++x) {
-        const uint32_t j = x - col + reach;
-        for (uint32_t y = clip.r0; y <= clip.r1; ++y) {
-            const uint32_t i = y - row + reach;
-            float clipped = kNotInShape;
-            if (shape_mask[i + j * w] != 0) {
-                const float v = dc_estimate + reconstruction[i + j * w];
-                clipped = 0.0f;
-                if (v > 0.0f) clipped = 1.0f > v ? v : 1.0f;
-            }
-            *values++ = clipped;
-        }
-    }
-    return 1.0 / (static_cast<double>(estimate_variance) * shape_size);
-}
-
-inline void commit_estimate(const ClippedBox& clip, const float* values, double weight,
-                            uint32_t m, double* output, float* weight_sum) {
-    for (uint32_t x = clip.c0; x <= clip.c1; ++x) {
-        for (uint32_t y = clip.r0; y <= clip.r1; ++y) {
-            const float clipped = *values++;
-            if (clipped == kNotInShape) continue;
-            const size_t p = y + static_cast<size_t>(x) * m;
-            output[p] = output[p] + static_cast<double>(clipped) * weight;
-            weight_sum[p] = static_cast<float>(static_cast<double>(weight_sum[p]) + weight);
-        }
-    }
-}
-
 // Divides every output pixel by its accumulated weight.
 inline void normalise_output(double* output, const float* weight_sum, uint32_t pixel_count) {
     for (uint32_t q = 0; q < pixel_count; ++q) {

@@ -32,7 +32,9 @@ public:
 
     void add(const double* m, uint32_t len, const float* x, float* out,
              const float* y = nullptr, float* yo = nullptr) {
-        if (y != nullptr && std::memcmp(x, y, sizeof(float) * len) == 0) {
+        // The first values settle most comparisons without a call.
+        if (y != nullptr && std::memcmp(x, y, sizeof(float)) == 0 &&
+            std::memcmp(x, y, sizeof(float) * len) == 0) {
             copies_[copy_count_++] = {m, nullptr, yo, nullptr, out, len};
             y = nullptr;
         }
@@ -190,6 +192,68 @@ private:
     uint32_t call_ = 1;
 };
 
+// Where the re-alignment puts first-stage value f of block column j (j
+// outer, f inner): position r * W + k, k counting the values row group r
+// has received before, and the row group sizes it ends with. Both depend on
+// the column counts alone, so they are kept per thread for the last counts
+// seen (consecutive entries mostly share their shape).
+class Realignment {
+public:
+    // The positions for these counts, or null when memory cannot be had.
+    const uint32_t* positions(uint32_t w, const int32_t* column_count, int32_t max_column_count) {
+        if (valid_ && w == w_ && max_column_count == mcc_ &&
+            std::memcmp(counts_, column_count, sizeof(int32_t) * w) == 0) {
+            return to_;
+        }
+        valid_ = false;
+        simd::Carver measure(nullptr);
+        measure.take<uint32_t>(static_cast<size_t>(w) * w);
+        measure.take<int32_t>(w);
+        measure.take<int32_t>(w);
+        unsigned char* base = buffer_.get(measure.used());
+        if (base == nullptr) return nullptr;
+        simd::Carver carve(base);
+        to_ = carve.take<uint32_t>(static_cast<size_t>(w) * w);
+        counts_ = carve.take<int32_t>(w);
+        groups_ = carve.take<int32_t>(w);
+        std::memset(groups_, 0, sizeof(int32_t) * w);
+        uint32_t n = 0;
+        for (uint32_t j = 0; j < w; ++j) {
+            const int32_t len = column_count[j];
+            if (len <= 0) continue;
+            RowGroups groups(max_column_count, len);
+            for (int32_t f = 0; f < len; ++f) {
+                const uint32_t r = groups.next();
+                to_[n++] = r * w + static_cast<uint32_t>(groups_[r]);
+                groups_[r] = groups_[r] + 1;
+            }
+        }
+        std::memcpy(counts_, column_count, sizeof(int32_t) * w);
+        w_ = w;
+        mcc_ = max_column_count;
+        valid_ = true;
+        return to_;
+    }
+    // The row group sizes of the last positions returned.
+    const int32_t* group_sizes() const { return groups_; }
+
+private:
+    simd::ThreadBuffer buffer_;
+    uint32_t* to_ = nullptr;
+    int32_t* counts_ = nullptr;
+    int32_t* groups_ = nullptr;
+    uint32_t w_ = 0;
+    int32_t mcc_ = 0;
+    bool valid_ = false;
+};
+
+bool all_zero(const int32_t* v, uint32_t w) {
+    for (uint32_t i = 0; i < w; ++i) {
+        if (v[i] != 0) return false;
+    }
+    return true;
+}
+
 // Per-thread room for the lines of a stage and the first-stage values.
 struct LineScratch {
     simd::ThreadBuffer buffer;
@@ -217,6 +281,7 @@ struct LineScratch {
 
 thread_local LineScratch t_scratch;
 thread_local TransposeCache t_transposes;
+thread_local Realignment t_realignment;
 
 }  // namespace
 
@@ -246,10 +311,26 @@ void forward_transform_lanes(uint32_t w, simd::Level level, float* noisy_gather,
     }
     stage.run();
 
-    // Stage 2: re-alignment into row groups, as the reference leaves it.
+    // Stage 2: re-alignment into row groups, as the reference leaves it. The
+    // coefficient blocks, all zero on entry, were not written by stage 1 here,
+    // so the reference's clearing of the moved values is already done.
     std::memset(noisy_gather, 0, sizeof(float) * w * w);
     std::memset(pilot_gather, 0, sizeof(float) * w * w);
-    for (uint32_t j = 0; j < w; ++j) {
+    const uint32_t* to =
+        all_zero(row_count, w) ? t_realignment.positions(w, column_count, max_column_count)
+                               : nullptr;
+    if (to != nullptr) {
+        uint32_t i = 0;
+        for (uint32_t j = 0; j < w; ++j) {
+            const uint32_t len = column_count[j] > 0 ? static_cast<uint32_t>(column_count[j]) : 0;
+            for (uint32_t f = 0; f < len; ++f, ++i) {
+                noisy_gather[to[i]] = noisy_first[j * w + f];
+                pilot_gather[to[i]] = pilot_first[j * w + f];
+            }
+        }
+        std::memcpy(row_count, t_realignment.group_sizes(), sizeof(int32_t) * w);
+    }
+    for (uint32_t j = 0; j < w && to == nullptr; ++j) {
         const int32_t len = column_count[j];
         if (len <= 0) continue;
         RowGroups groups(max_column_count, len);
@@ -258,8 +339,6 @@ void forward_transform_lanes(uint32_t w, simd::Level level, float* noisy_gather,
             const uint32_t to = r * w + static_cast<uint32_t>(row_count[r]);
             noisy_gather[to] = noisy_first[j * w + static_cast<uint32_t>(f)];
             pilot_gather[to] = pilot_first[j * w + static_cast<uint32_t>(f)];
-            noisy_coefficients[j + static_cast<uint32_t>(f) * w] = 0.0f;
-            pilot_coefficients[j + static_cast<uint32_t>(f) * w] = 0.0f;
             row_count[r] = row_count[r] + 1;
         }
     }
@@ -311,7 +390,19 @@ void inverse_transform_lanes(uint32_t w, simd::Level level, float* coefficients,
     }
 
     // Stage 2: every value back to its block column and index.
-    for (uint32_t j = 0; j < w; ++j) {
+    const uint32_t* from = t_realignment.positions(w, column_count, max_column_count);
+    if (from != nullptr) {
+        uint32_t i = 0;
+        for (uint32_t j = 0; j < w; ++j) {
+            const uint32_t len = column_count[j] > 0 ? static_cast<uint32_t>(column_count[j]) : 0;
+            for (uint32_t f = 0; f < len; ++f, ++i) {
+                coefficients[j * w + f] = out[from[i]];
+                out[from[i]] = 0.0f;
+            }
+        }
+        std::memcpy(row_cursor, t_realignment.group_sizes(), sizeof(int32_t) * w);
+    }
+    for (uint32_t j = 0; j < w && from == nullptr; ++j) {
         const int32_t len = column_count[j];
         if (len <= 0) continue;
         RowGroups groups(max_column_count, len);

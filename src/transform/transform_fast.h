@@ -8,7 +8,9 @@
 // The transposed products of the inverse read transposed copies of the
 // matrices, kept per thread and made again when a matrix's bits change
 // (checked once per matrix and call). The re-alignment steps are the
-// reference's, so every array ends as the reference leaves it. Small shapes
+// reference's, so every array ends as the reference leaves it; where they
+// put each value depends on the column counts alone and is kept per thread
+// for the last counts seen. Small shapes
 // go through the reference routines, which need no set-up.
 #ifndef SHAPEWIENER_TRANSFORM_TRANSFORM_FAST_H
 #define SHAPEWIENER_TRANSFORM_TRANSFORM_FAST_H
