@@ -15,6 +15,21 @@ struct ShrinkResult {
 // with e the pilot coefficient and s the coefficient's noise level, and the
 // noisy mean by w0 = mp^2 / (s0^2 lambda / n + mp^2). Clears both gather
 // arrays at every position in the same sweep.
+// The shape mean's shrinkage and the result, given `variance`, the sum of
+// the shrunk coefficients' variances.
+inline ShrinkResult shrink_mean(float variance, float dc_noise_level, float noisy_mean,
+                                float pilot_mean, double shape_size, double lambda) {
+    const float pilot_power = pilot_mean * pilot_mean;
+    const float dc_noise = dc_noise_level * dc_noise_level;
+    const double dp = static_cast<double>(pilot_power);
+    const float dc_factor =
+        static_cast<float>(dp / ((static_cast<double>(dc_noise) * lambda) / shape_size + dp));
+    ShrinkResult result;
+    result.dc_estimate = noisy_mean * dc_factor;
+    result.estimate_variance = ((dc_factor * dc_factor) * dc_noise_level) * dc_noise_level + variance;
+    return result;
+}
+
 template <class Box>
 ShrinkResult wiener_shrink(const Box& box, float* noisy_coefficients,
                            const float* pilot_coefficients, const float* noise_level,
@@ -38,15 +53,7 @@ ShrinkResult wiener_shrink(const Box& box, float* noisy_coefficients,
         noisy_gather[t] = 0.0f;
         pilot_gather[t] = 0.0f;
     }
-    const float pilot_power = pilot_mean * pilot_mean;
-    const float dc_noise = dc_noise_level * dc_noise_level;
-    const double dp = static_cast<double>(pilot_power);
-    const float dc_factor =
-        static_cast<float>(dp / ((static_cast<double>(dc_noise) * lambda) / shape_size + dp));
-    ShrinkResult result;
-    result.dc_estimate = noisy_mean * dc_factor;
-    result.estimate_variance = ((dc_factor * dc_factor) * dc_noise_level) * dc_noise_level + variance;
-    return result;
+    return shrink_mean(variance, dc_noise_level, noisy_mean, pilot_mean, shape_size, lambda);
 }
 
 }  // namespace sw

@@ -168,15 +168,7 @@ ShrinkResult wiener_shrink_listed(const Box& box, const int32_t* row_count,
     }
     std::memset(noisy_gather, 0, sizeof(float) * w * w);
     std::memset(pilot_gather, 0, sizeof(float) * w * w);
-    const float pilot_power = pilot_mean * pilot_mean;
-    const float dc_noise = dc_noise_level * dc_noise_level;
-    const double dp = static_cast<double>(pilot_power);
-    const float dc_factor =
-        static_cast<float>(dp / ((static_cast<double>(dc_noise) * lambda) / shape_size + dp));
-    ShrinkResult result;
-    result.dc_estimate = noisy_mean * dc_factor;
-    result.estimate_variance = ((dc_factor * dc_factor) * dc_noise_level) * dc_noise_level + variance;
-    return result;
+    return shrink_mean(variance, dc_noise_level, noisy_mean, pilot_mean, shape_size, lambda);
 }
 
 // The clipped estimate of shape pixel e (aggregate_shape()'s operations).
