@@ -7,6 +7,8 @@
 #include <iterator>
 #include <stdexcept>
 
+#include "support/sha256.h"
+
 namespace swbench {
 namespace {
 
@@ -134,46 +136,7 @@ std::vector<double> AdaptiveWorkload::run(void (*entry)(int, mxArray**, int, con
 }
 
 std::string sha256_hex(const std::vector<double>& values) {
-    static const uint32_t k[64] = {
-        0x428a2f98, 0x71374491, 0xb5c0fbcf, 0xe9b5dba5, 0x3956c25b, 0x59f111f1, 0x923f82a4, 0xab1c5ed5,
-        0xd807aa98, 0x12835b01, 0x243185be, 0x550c7dc3, 0x72be5d74, 0x80deb1fe, 0x9bdc06a7, 0xc19bf174,
-        0xe49b69c1, 0xefbe4786, 0x0fc19dc6, 0x240ca1cc, 0x2de92c6f, 0x4a7484aa, 0x5cb0a9dc, 0x76f988da,
-        0x983e5152, 0xa831c66d, 0xb00327c8, 0xbf597fc7, 0xc6e00bf3, 0xd5a79147, 0x06ca6351, 0x14292967,
-        0x27b70a85, 0x2e1b2138, 0x4d2c6dfc, 0x53380d13, 0x650a7354, 0x766a0abb, 0x81c2c92e, 0x92722c85,
-        0xa2bfe8a1, 0xa81a664b, 0xc24b8b70, 0xc76c51a3, 0xd192e819, 0xd6990624, 0xf40e3585, 0x106aa070,
-        0x19a4c116, 0x1e376c08, 0x2748774c, 0x34b0bcb5, 0x391c0cb3, 0x4ed8aa4a, 0x5b9cca4f, 0x682e6ff3,
-        0x748f82ee, 0x78a5636f, 0x84c87814, 0x8cc70208, 0x90befffa, 0xa4506ceb, 0xbef9a3f7, 0xc67178f2};
-    uint32_t hs[8] = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
-                      0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19};
-    std::vector<unsigned char> msg(values.size() * sizeof(double));
-    if (!msg.empty()) std::memcpy(msg.data(), values.data(), msg.size());
-    const uint64_t bits = static_cast<uint64_t>(msg.size()) * 8;
-    msg.push_back(0x80);
-    while (msg.size() % 64 != 56) msg.push_back(0);
-    for (int i = 7; i >= 0; --i) msg.push_back(static_cast<unsigned char>(bits >> (8 * i)));
-    auto rotr = [](uint32_t x, int n) { return (x >> n) | (x << (32 - n)); };
-    for (size_t at = 0; at < msg.size(); at += 64) {
-        uint32_t wv[64];
-        for (int i = 0; i < 16; ++i) {
-            wv[i] = (uint32_t(msg[at + 4 * i]) << 24) | (uint32_t(msg[at + 4 * i + 1]) << 16) |
-                    (uint32_t(msg[at + 4 * i + 2]) << 8) | uint32_t(msg[at + 4 * i + 3]);
-        }
-        for (int i = 16; i < 64; ++i) {
-            const uint32_t s0 = rotr(wv[i - 15], 7) ^ rotr(wv[i - 15], 18) ^ (wv[i - 15] >> 3);
-            const uint32_t s1 = rotr(wv[i - 2], 17) ^ rotr(wv[i - 2], 19) ^ (wv[i - 2] >> 10);
-            wv[i] = wv[i - 16] + s0 + wv[i - 7] + s1;
-        }
-        uint32_t a = hs[0], b = hs[1], c = hs[2], d = hs[3], e = hs[4], f = hs[5], g = hs[6], h = hs[7];
-        for (int i = 0; i < 64; ++i) {
-            const uint32_t t1 = h + (rotr(e, 6) ^ rotr(e, 11) ^ rotr(e, 25)) + ((e & f) ^ (~e & g)) + k[i] + wv[i];
-            const uint32_t t2 = (rotr(a, 2) ^ rotr(a, 13) ^ rotr(a, 22)) + ((a & b) ^ (a & c) ^ (b & c));
-            h = g; g = f; f = e; e = d + t1; d = c; c = b; b = a; a = t1 + t2;
-        }
-        hs[0] += a; hs[1] += b; hs[2] += c; hs[3] += d; hs[4] += e; hs[5] += f; hs[6] += g; hs[7] += h;
-    }
-    char out[65];
-    for (int i = 0; i < 8; ++i) std::snprintf(out + 8 * i, 9, "%08x", hs[i]);
-    return std::string(out, 64);
+    return swtest::sha256_hex(values.data(), values.size() * sizeof(double));
 }
 
 }  // namespace swbench
