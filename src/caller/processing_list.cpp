@@ -67,6 +67,38 @@ Mask clip_to_image(const Mask& mask, uint32_t h, uint32_t row, uint32_t col, uin
     return clipped;
 }
 
+namespace {
+
+// A pixel's eight scale indices, into q and packed into one word (equal
+// words, equal unions).
+uint64_t packed_indices(const DirectionScaleMap& map, uint32_t row, uint32_t col, uint8_t q[8]) {
+    uint64_t packed = 0;
+    for (uint32_t d = 0; d < 8; ++d) {
+        q[d] = map.at(row, col, d);
+        packed |= static_cast<uint64_t>(q[d]) << (8 * d);
+    }
+    return packed;
+}
+
+// The union of sectors that the indices q select; `who` names the builder
+// in its errors.
+Mask selected_union(const uint8_t q[8], uint32_t h, const std::vector<double>& scale_set,
+                    const SectorMaskBank& bank, const char* who) {
+    uint32_t scales[8];
+    for (uint32_t d = 0; d < 8; ++d) {
+        if (q[d] < 1 || q[d] > scale_set.size()) {
+            throw std::invalid_argument(std::string(who) + ": scale index out of range");
+        }
+        scales[d] = scale_length(scale_set[q[d] - 1]);
+        if (scales[d] < 1 || scales[d] > h) {
+            throw std::invalid_argument(std::string(who) + ": scale outside 1..h");
+        }
+    }
+    return sector_union(h, bank, scales);
+}
+
+}  // namespace
+
 ProcessingList build_processing_list(uint32_t h, const std::vector<double>& scale_set,
                                      const DirectionScaleMap& map, const SectorMaskBank& bank) {
     const uint32_t w = 2 * h - 1;
@@ -89,25 +121,12 @@ ProcessingList build_processing_list(uint32_t h, const std::vector<double>& scal
     for (uint32_t col = 0; col < cols; ++col) {
         for (uint32_t row = 0; row < rows; ++row) {
             uint8_t q[8];
-            uint64_t packed = 0;
-            for (uint32_t d = 0; d < 8; ++d) {
-                q[d] = map.at(row, col, d);
-                packed |= static_cast<uint64_t>(q[d]) << (8 * d);
-            }
+            const uint64_t packed = packed_indices(map, row, col, q);
             auto found = union_of_indices.find(packed);
             if (found == union_of_indices.end()) {
-                uint32_t scales[8];
-                for (uint32_t d = 0; d < 8; ++d) {
-                    if (q[d] < 1 || q[d] > scale_set.size()) {
-                        throw std::invalid_argument("build_processing_list: scale index out of range");
-                    }
-                    scales[d] = scale_length(scale_set[q[d] - 1]);
-                    if (scales[d] < 1 || scales[d] > h) {
-                        throw std::invalid_argument("build_processing_list: scale outside 1..h");
-                    }
-                }
+                Mask u = selected_union(q, h, scale_set, bank, "build_processing_list");
                 found = union_of_indices.emplace(packed, static_cast<uint32_t>(unions.size())).first;
-                unions.push_back(sector_union(h, bank, scales));
+                unions.push_back(std::move(u));
             }
             const uint32_t union_index = found->second;
             const Mask& own = unions[union_index];
@@ -189,24 +208,10 @@ ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set
     for (uint32_t col = 0; col < cols; ++col) {
         for (uint32_t row = 0; row < rows; ++row) {
             uint8_t q[8];
-            uint64_t packed = 0;
-            for (uint32_t d = 0; d < 8; ++d) {
-                q[d] = map.at(row, col, d);
-                packed |= static_cast<uint64_t>(q[d]) << (8 * d);
-            }
+            const uint64_t packed = packed_indices(map, row, col, q);
             auto found = union_of_indices.find(packed);
             if (found == union_of_indices.end()) {
-                uint32_t scales[8];
-                for (uint32_t d = 0; d < 8; ++d) {
-                    if (q[d] < 1 || q[d] > scale_set.size()) {
-                        throw std::invalid_argument("build_shape_list: scale index out of range");
-                    }
-                    scales[d] = scale_length(scale_set[q[d] - 1]);
-                    if (scales[d] < 1 || scales[d] > h) {
-                        throw std::invalid_argument("build_shape_list: scale outside 1..h");
-                    }
-                }
-                Mask u = sector_union(h, bank, scales);
+                Mask u = selected_union(q, h, scale_set, bank, "build_shape_list");
                 const std::string content(u.begin(), u.end());
                 const auto added = union_of_content.emplace(content, static_cast<uint32_t>(unions.size()));
                 if (added.second) {
