@@ -14,14 +14,8 @@
 #include <vector>
 
 #include "mex.h"
+#include "mex/host_interrupt.h"
 #include "shapewiener/denoise.h"
-
-#if defined(octave_mex_h)
-#include <octave/quit.h>
-#elif defined(MATLAB_MEX_FILE) && !defined(SHAPEWIENER_NO_MATLAB_INTERRUPT)
-// MATLAB's query for a pending Ctrl-C, in libut, which the build links.
-extern "C" bool utIsInterruptPending(void);
-#endif
 
 namespace {
 
@@ -32,16 +26,6 @@ sw::Error make(const char* identifier, const std::string& message,
     std::snprintf(e.identifier, sizeof e.identifier, "%s", identifier);
     std::snprintf(e.message, sizeof e.message, "%s", message.c_str());
     return e;
-}
-
-bool interrupt_requested() {
-#if defined(octave_mex_h)
-    return octave_signal_caught != 0;
-#elif defined(MATLAB_MEX_FILE) && !defined(SHAPEWIENER_NO_MATLAB_INTERRUPT)
-    return utIsInterruptPending();
-#else
-    return false;
-#endif
 }
 
 // Any real numeric or logical array, as doubles in column-major order.
@@ -180,7 +164,7 @@ sw::Error run(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
         noise = sw::NoiseModel::white(sigma);
     }
 
-    const sw::Progress progress = [](double, const char*) { return !interrupt_requested(); };
+    const sw::Progress progress = [](double, const char*) { return !swmex::interrupt_requested(); };
     try {
         const sw::Image out = sw::denoise(image, noise, options, progress);
         plhs[0] = mxCreateDoubleMatrix(out.rows, out.cols, mxREAL);
@@ -200,10 +184,8 @@ sw::Error run(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
 void mexFunction(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
     const sw::Error e = run(nlhs, plhs, nrhs, prhs);
     if (!e) return;
-#if defined(octave_mex_h)
     // Ctrl-C: let the host end the command as it does for an interrupt.
-    if (e.code == sw::ErrorCode::kInterrupted) octave_quit();
-#endif
+    if (e.code == sw::ErrorCode::kInterrupted) swmex::pass_interrupt_on();
     mexErrMsgIdAndTxt(e.identifier, "%s", e.message);
     std::abort();  // not reached
 }

@@ -14,15 +14,9 @@
 
 #include "driver/check.h"
 #include "driver/filter.h"
+#include "mex/host_interrupt.h"
 #include "shapewiener/filter.h"
 
-#if defined(octave_mex_h)
-#include <octave/quit.h>
-#elif defined(MATLAB_MEX_FILE) && !defined(SHAPEWIENER_NO_MATLAB_INTERRUPT)
-// MATLAB's (undocumented but long-standing) query for a pending Ctrl-C, in
-// libut, which the build links.
-extern "C" bool utIsInterruptPending(void);
-#endif
 
 namespace sw {
 namespace {
@@ -253,25 +247,6 @@ void describe(const mxArray* const* prhs, HostCall* hc) {
     c.coverage_threshold = first_element(prhs[kArgCoverageThreshold]);
 }
 
-// Whether the user asked the host to stop the running command (Ctrl-C).
-bool interrupt_requested() {
-#if defined(octave_mex_h)
-    return octave_signal_caught != 0;
-#elif defined(MATLAB_MEX_FILE) && !defined(SHAPEWIENER_NO_MATLAB_INTERRUPT)
-    return utIsInterruptPending();
-#else
-    return false;
-#endif
-}
-
-// Hands the user's interrupt back to the host, which ends the command the
-// way Ctrl-C does; returns only on hosts that offer no such way.
-void pass_interrupt_on() {
-#if defined(octave_mex_h)
-    octave_quit();
-#endif
-}
-
 [[noreturn]] void raise(const Error& e) {
     mexErrMsgIdAndTxt(e.identifier, "%s", e.message);
     std::abort();  // not reached: the host leaves the call above
@@ -285,7 +260,7 @@ Error run_module(mxArray* plhs[], const mxArray* const* prhs, FilterEntry entry,
     HostCall hc;
     describe(prhs, &hc);
     RunOptions options;
-    options.progress = [](double) { return !interrupt_requested(); };
+    options.progress = [](double) { return !swmex::interrupt_requested(); };
     const Error e = entry(hc.call, mxGetPr(plhs[0]), options, h);
     if (e) {
         mxDestroyArray(plhs[0]);
@@ -296,7 +271,7 @@ Error run_module(mxArray* plhs[], const mxArray* const* prhs, FilterEntry entry,
 
 void finish(const Error& e) {
     if (!e) return;
-    if (e.code == ErrorCode::kInterrupted) pass_interrupt_on();
+    if (e.code == ErrorCode::kInterrupted) swmex::pass_interrupt_on();
     raise(e);
 }
 
