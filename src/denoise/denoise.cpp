@@ -157,7 +157,9 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     // then see what is left (a tiled caller runs this stage on the frame).
     sw::Image source;
     sw::NoiseModel residual;
+    // (White noise has none: its spectrum is flat.)
     const bool peaks = !tiled && settings.peaks.enabled &&
+                       noise.kind != sw::NoiseModel::Kind::kWhite &&
                        remove_peaks(image.pixels, rows, cols, full_psd(noise, rows, cols),
                                     settings.peaks, &source.pixels, &residual.psd);
     if (peaks) {
