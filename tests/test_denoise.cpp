@@ -19,6 +19,7 @@
 #include "denoise/pipeline.h"
 #include "denoise/scales.h"
 #include "shape/shape.h"
+#include "support/sha256.h"
 
 namespace {
 
@@ -478,6 +479,37 @@ TEST(Denoise, AnyValueRangeAndSizeDeterministically) {
             const sw::Image out = sw::denoise(tiny, sw::NoiseModel::white(0.05), o);
             ASSERT_EQ(out.pixels.size(), tiny.pixels.size());
             for (double v : out.pixels) EXPECT_TRUE(std::isfinite(v)) << preset << " " << r << "x" << c;
+        }
+    }
+}
+
+// The denoiser's output bits, pinned: a change to them must be deliberate
+// (and measured with the quality benchmark). Every thread count gives them.
+TEST(Denoise, OutputBitsArePinned) {
+    const sw::Image clean = scene(40, 44);
+    const sw::Image coloured = add_noise(clean, swcaller::binomial_kernel(), 0.1, 3);
+    const sw::Image white = add_noise(clean, swcaller::white_kernel(), 0.1, 4);
+    const sw::NoiseModel binomial = sw::NoiseModel::from_kernel({1, 2, 1, 2, 4, 2, 1, 2, 1}, 3, 3, 0.1);
+    const struct {
+        const sw::Image& noisy;
+        sw::NoiseModel noise;
+        const char* preset;
+        const char* sha256;
+    } cases[] = {
+        {white, sw::NoiseModel::white(0.1), "default", "497efb20bd7ba516bf796445e6091245bff91c040986e04c6d434b5900fa7d86"},
+        {white, sw::NoiseModel::white(0.1), "fast", "3d42a8a70e91bb79a16baca8f8032d5551faa906a2ac34638085b6287f00faa7"},
+        {coloured, binomial, "default", "eda75597bd279b35d1d6b72d33f33ac00195d8653c858d344bafe56ac5cc5250"},
+        {coloured, line_noise(0.1), "default", "f4cba6f0a3650ddbb2c7f08cb7f25745ef9cefd1ad514d8f8961ff2b60dd9fc9"},
+        {coloured, binomial, "fast", "a6fcb7fb3e82ffe00ece0d8eadf35c5ddfd8f575bfc369e7be047dc9972459d6"},
+    };
+    for (const auto& c : cases) {
+        for (unsigned threads : {1u, 2u}) {
+            sw::DenoiseOptions o;
+            o.preset = c.preset;
+            o.threads = threads;
+            const sw::Image out = sw::denoise(c.noisy, c.noise, o);
+            EXPECT_EQ(swtest::sha256_hex(out.pixels.data(), out.pixels.size() * sizeof(double)), c.sha256)
+                << c.preset << ", " << threads << " threads";
         }
     }
 }
