@@ -197,7 +197,12 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     const double second_factor = white ? settings.second_factor_white : settings.second_factor;
     const CallArrays arrays(shapes, psd);
     std::vector<double> estimate(noisy.size());
-    std::vector<double> noisy_copy, pilot, previous;
+    std::vector<double> noisy_copy = noisy.pixels, pilot = noisy.pixels, previous;
+    // One plan for every pass: the shapes, and the noise levels of the keys
+    // once the first pass has computed them.
+    sw::FilterCall planned = arrays.call(noisy_copy.data(), pilot.data(), rows, cols, first_factor);
+    if (tiled) planned.frame = {tile.rows, tile.cols, tile.row0, tile.col0};
+    sw::Plan plan = plan_passes(planned, settings.passes);
     const double share = 0.9 / settings.passes;
     for (int pass = 0; pass < settings.passes; ++pass) {
         const double begin = 0.1 + share * pass;
@@ -207,13 +212,11 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
         // The module dithers both images in place: every pass gets copies.
         noisy_copy = noisy.pixels;
         pilot = pass == 0 ? noisy.pixels : estimate;
-        sw::FilterCall call = arrays.call(noisy_copy.data(), pilot.data(), rows, cols,
-                                          pass == 0 ? first_factor : second_factor);
-        if (tiled) call.frame = {tile.rows, tile.cols, tile.row0, tile.col0};
         if (pass > 0) previous = estimate;
-        run_module(call, estimate.data(), threads, [&](double fraction) {
-            return !progress || progress(begin + share * fraction, phase);
-        });
+        run_pass(plan, noisy_copy.data(), pilot.data(), pass == 0 ? first_factor : second_factor,
+                 planned.frame, estimate.data(), threads, [&](double fraction) {
+                     return !progress || progress(begin + share * fraction, phase);
+                 });
         // The filter's arithmetic gives 0/0 for a coefficient whose noise
         // level is 0 (its value was exactly 0 on the key's first entry, as
         // the rounding residue of the mean removal can be) where a later

@@ -41,20 +41,43 @@ sw::FilterCall CallArrays::call(double* noisy, double* pilot, uint32_t rows, uin
     return c;
 }
 
-void run_module(const sw::FilterCall& call, double* output, unsigned threads,
-                const std::function<bool(double)>& progress) {
-    sw::Error e = sw::check(call);
-    if (!e) {
-        sw::RunOptions options;
-        options.threads = threads;
-        options.progress = progress;
-        e = sw::run(call, output, options);
-    }
+namespace {
+
+void raise_if(const sw::Error& e) {
     if (e) {
         std::string id = e.identifier;
         if (e.code == sw::ErrorCode::kInterrupted) id = "shapewiener:denoise:interrupted";
         fail(id, e.message, e.code);
     }
+}
+
+sw::RunOptions run_options(unsigned threads, const std::function<bool(double)>& progress) {
+    sw::RunOptions options;
+    options.threads = threads;
+    options.progress = progress;
+    return options;
+}
+
+}  // namespace
+
+void run_module(const sw::FilterCall& call, double* output, unsigned threads,
+                const std::function<bool(double)>& progress) {
+    sw::Error e = sw::check(call);
+    if (!e) e = sw::run(call, output, run_options(threads, progress));
+    raise_if(e);
+}
+
+sw::Plan plan_passes(const sw::FilterCall& call, int passes) {
+    sw::Plan plan;
+    raise_if(sw::make_plan(call, &plan, passes > 1));
+    return plan;
+}
+
+void run_pass(sw::Plan& plan, double* noisy, double* pilot, double wiener_variance_factor,
+              const sw::FilterCall::Frame& frame, double* output, unsigned threads,
+              const std::function<bool(double)>& progress) {
+    raise_if(sw::execute(plan, noisy, pilot, wiener_variance_factor, frame, output,
+                         run_options(threads, progress)));
 }
 
 }  // namespace swdenoise

@@ -9,6 +9,7 @@
 
 #include "caller/shape_arguments.h"
 #include "shapewiener/filter.h"
+#include "shapewiener/plan.h"
 
 namespace swdenoise {
 
@@ -38,6 +39,14 @@ private:
 // "shapewiener:denoise:interrupted".
 void run_module(const sw::FilterCall& call, double* output, unsigned threads,
                 const std::function<bool(double)>& progress);
+
+// The passes over one image: `call` checked and planned (keeping the noise
+// levels when `passes` > 1), then one execution per pass; errors as
+// run_module's.
+sw::Plan plan_passes(const sw::FilterCall& call, int passes);
+void run_pass(sw::Plan& plan, double* noisy, double* pilot, double wiener_variance_factor,
+              const sw::FilterCall::Frame& frame, double* output, unsigned threads,
+              const std::function<bool(double)>& progress);
 
 }  // namespace swdenoise
 

@@ -5,6 +5,7 @@
 
 #include "driver/box.h"
 #include "driver/kernels.h"
+#include "driver/level_store.h"
 #include "driver/parallel.h"
 #include "driver/phase_marks.h"
 #include "driver/workspace.h"
@@ -39,7 +40,8 @@ constexpr uint32_t kProgressInterval = 4096;
 
 // The serial loop, with the reference kernels or the optimised ones.
 template <uint32_t HC, class Kernels>
-Error serial_filter(const FilterCall& call, double* output, const RunOptions& options, uint32_t h) {
+Error serial_filter(const FilterCall& call, double* output, const RunOptions& options, uint32_t h,
+                    LevelStore* store) {
     SW_PHASE_MARK(kPhaseSetup);
     const Box<HC> box{h};
     const uint32_t big_h = box.H();
@@ -84,6 +86,7 @@ Error serial_filter(const FilterCall& call, double* output, const RunOptions& op
 
     // State kept across entries.
     int32_t previous_key = 0;
+    uint64_t key_number = 0;  // key changes so far
     bool have_shape = false;  // a key 0 on the first accepted entry is a key change
     uint32_t direction_scale[8] = {0, 0, 0, 0, 0, 0, 0, 0};
     bool by_columns = false;
@@ -143,10 +146,15 @@ Error serial_filter(const FilterCall& call, double* output, const RunOptions& op
 
         if (key_changed) {
             SW_PHASE_MARK(kPhaseNoiseLevel);
-            dc_noise_level = Kernels::noise_levels(box, spectrum, noisy_coefficients, noisy_gather,
-                                          sc.column_count, sc.row_count, sc.row_cursor,
-                                          g.max_column_count, table, sc.shape_mask, by_columns,
-                                          g.shape_size, sc.coefficient_noise_level);
+            if (store == nullptr ||
+                !store->load(key_number, sc.coefficient_noise_level, &dc_noise_level)) {
+                dc_noise_level = Kernels::noise_levels(
+                    box, spectrum, noisy_coefficients, noisy_gather, sc.column_count,
+                    sc.row_count, sc.row_cursor, g.max_column_count, table, sc.shape_mask,
+                    by_columns, g.shape_size, sc.coefficient_noise_level);
+                if (store != nullptr) store->save(key_number, sc.coefficient_noise_level, dc_noise_level);
+            }
+            ++key_number;
         }
 
         SW_PHASE_MARK(kPhaseShrink);
@@ -195,8 +203,9 @@ Error serial_filter(const FilterCall& call, double* output, const RunOptions& op
 // The reference path, the serial loop with the optimised kernels, or the
 // threaded driver, as the options and the memory limit allow.
 template <uint32_t HC>
-Error run_filter(const FilterCall& call, double* output, const RunOptions& options, uint32_t h) {
-    if (options.reference) return serial_filter<HC, ReferenceKernels>(call, output, options, h);
+Error run_filter(const FilterCall& call, double* output, const RunOptions& options, uint32_t h,
+                 LevelStore* store) {
+    if (options.reference) return serial_filter<HC, ReferenceKernels>(call, output, options, h, store);
     const uint32_t m = static_cast<uint32_t>(call.image_dims.rows());
     const uint32_t k = static_cast<uint32_t>(call.image_dims.cols());
     const WorkspaceSizes sizes{m, k, Box<HC>{h}.W(), round_to_unsigned(call.dft_size),
@@ -204,15 +213,27 @@ Error run_filter(const FilterCall& call, double* output, const RunOptions& optio
     const unsigned threads = affordable_threads(sizes, requested_threads(options));
     if (threads > 1 && m * k > 0) {
         bool ran = false;
-        const Error e = run_parallel<HC>(call, output, options, h, threads, &ran);
+        const Error e = run_parallel<HC>(call, output, options, h, threads, store, &ran);
         if (ran) return e;
     }
-    return serial_filter<HC, FastKernels>(call, output, options, h);
+    return serial_filter<HC, FastKernels>(call, output, options, h, store);
+}
+
+template <uint32_t HC>
+Error run_unplanned(const FilterCall& call, double* output, const RunOptions& options, uint32_t h) {
+    return run_filter<HC>(call, output, options, h, nullptr);
 }
 
 template <size_t... I>
 FilterEntry entry_for(uint32_t h, std::index_sequence<I...> /*unused*/) {
-    FilterEntry entry = &run_filter<0>;
+    FilterEntry entry = &run_unplanned<0>;
+    ((h == kSpecialisedScales[I] ? (entry = &run_unplanned<kSpecialisedScales[I]>, 0) : 0), ...);
+    return entry;
+}
+
+template <size_t... I>
+StoredLevelsEntry stored_entry_for(uint32_t h, std::index_sequence<I...> /*unused*/) {
+    StoredLevelsEntry entry = &run_filter<0>;
     ((h == kSpecialisedScales[I] ? (entry = &run_filter<kSpecialisedScales[I]>, 0) : 0), ...);
     return entry;
 }
@@ -224,13 +245,14 @@ FilterEntry filter_entry(uint32_t h) {
     return entry_for(h, std::make_index_sequence<count>{});
 }
 
-Error run_general(const FilterCall& call, double* output, const RunOptions& options, uint32_t h) {
-    return run_filter<0>(call, output, options, h);
+StoredLevelsEntry stored_levels_entry(uint32_t h) {
+    constexpr size_t count = sizeof kSpecialisedScales / sizeof kSpecialisedScales[0];
+    return stored_entry_for(h, std::make_index_sequence<count>{});
 }
 
-Error run(const FilterCall& call, double* output, const RunOptions& options) {
-    const uint32_t h = round_to_unsigned(call.max_scale);
-    return filter_entry(h)(call, output, options, h);
+Error run_general(const FilterCall& call, double* output, const RunOptions& options, uint32_t h) {
+    return run_filter<0>(call, output, options, h, nullptr);
 }
+
 
 }  // namespace sw

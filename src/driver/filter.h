@@ -21,6 +21,13 @@ using FilterEntry = Error (*)(const FilterCall& call, double* output, const RunO
 // for h in kSpecialisedScales, the general path otherwise.
 FilterEntry filter_entry(uint32_t h);
 
+struct LevelStore;
+
+// The same, reading and filling a plan's stored noise levels (null: none).
+using StoredLevelsEntry = Error (*)(const FilterCall& call, double* output,
+                                    const RunOptions& options, uint32_t h, LevelStore* store);
+StoredLevelsEntry stored_levels_entry(uint32_t h);
+
 // The general path, whatever h is (for checks that compare the two).
 Error run_general(const FilterCall& call, double* output, const RunOptions& options, uint32_t h);
 

@@ -14,6 +14,7 @@
 #include "driver/box.h"
 #include "driver/filter.h"
 #include "driver/kernels.h"
+#include "driver/level_store.h"
 #include "estimate/aggregate.h"
 #include "estimate/wiener.h"
 #include "shape/gather.h"
@@ -126,7 +127,7 @@ template <uint32_t HC>
 class ParallelRun {
 public:
     ParallelRun(const FilterCall& call, double* output, const RunOptions& options, uint32_t h,
-                unsigned threads)
+                unsigned threads, LevelStore* store)
         : call_(call),
           output_(output),
           options_(options),
@@ -140,7 +141,8 @@ public:
           threshold_(round_to_unsigned(call.coverage_threshold)),
           // A 16-bit count never exceeds 65535: no entry is ever skipped.
           skipping_(threshold_ < 65535),
-          threads_(threads) {}
+          threads_(threads),
+          store_(store) {}
 
     ~ParallelRun() {
         stop_workers();
@@ -436,13 +438,16 @@ private:
                          sc.pilot_coefficients, sc.column_count, sc.row_count,
                          g.max_column_count, table);
         if (pe.key_change) {
-            const SpectrumContext spectrum{sizes_.n,         ws_.call.twiddle, sc.spatial_block,
-                                           sc.row_spectrum,  sc.block_spectrum,
-                                           call_.noise_psd.data, call_.noise_level_factor};
-            ks.dc_level = Kernels::noise_levels(
-                box_, spectrum, sc.noisy_coefficients, sc.noisy_gather, sc.column_count,
-                sc.row_count, sc.row_cursor, g.max_column_count, table, sc.shape_mask,
-                ks.by_columns, g.shape_size, levels);
+            if (store_ == nullptr || !store_->load(pe.key, levels, &ks.dc_level)) {
+                const SpectrumContext spectrum{sizes_.n,         ws_.call.twiddle, sc.spatial_block,
+                                               sc.row_spectrum,  sc.block_spectrum,
+                                               call_.noise_psd.data, call_.noise_level_factor};
+                ks.dc_level = Kernels::noise_levels(
+                    box_, spectrum, sc.noisy_coefficients, sc.noisy_gather, sc.column_count,
+                    sc.row_count, sc.row_cursor, g.max_column_count, table, sc.shape_mask,
+                    ks.by_columns, g.shape_size, levels);
+                if (store_ != nullptr) store_->save(pe.key, levels, ks.dc_level);
+            }
             {
                 std::lock_guard<std::mutex> lock(mutex_);
                 ks.ready.store(pe.key + 1, std::memory_order_release);
@@ -482,6 +487,7 @@ private:
     const uint32_t threshold_;
     const bool skipping_;
     const unsigned threads_;
+    LevelStore* const store_;
 
     Workspace ws_;
     bool have_workspace_ = false;
@@ -543,8 +549,8 @@ unsigned affordable_threads(const WorkspaceSizes& sizes, unsigned wanted) {
 
 template <uint32_t HC>
 Error run_parallel(const FilterCall& call, double* output, const RunOptions& options, uint32_t h,
-                   unsigned threads, bool* ran) {
-    ParallelRun<HC> run(call, output, options, h, threads);
+                   unsigned threads, LevelStore* store, bool* ran) {
+    ParallelRun<HC> run(call, output, options, h, threads, store);
     Error error;
     *ran = run.start(&error);
     if (!*ran || error) return error;
@@ -552,10 +558,10 @@ Error run_parallel(const FilterCall& call, double* output, const RunOptions& opt
 }
 
 template Error run_parallel<0>(const FilterCall&, double*, const RunOptions&, uint32_t, unsigned,
-                               bool*);
+                               LevelStore*, bool*);
 #define SW_INSTANTIATE(H)                                                                      \
     template Error run_parallel<H>(const FilterCall&, double*, const RunOptions&, uint32_t,    \
-                                   unsigned, bool*);
+                                   unsigned, LevelStore*, bool*);
 SW_INSTANTIATE(4)
 SW_INSTANTIATE(5)
 SW_INSTANTIATE(6)

@@ -34,9 +34,11 @@ unsigned affordable_threads(const WorkspaceSizes& sizes, unsigned wanted);
 // Runs the call on `threads` (>= 2) threads, the calling one and
 // threads - 1 workers, with the kernels of the optimised path. Sets *ran to false, having touched nothing, when the
 // workers cannot be started; the caller then runs the serial loop.
+// `store`: a plan's stored noise levels, or null (see level_store.h).
+struct LevelStore;
 template <uint32_t HC>
 Error run_parallel(const FilterCall& call, double* output, const RunOptions& options, uint32_t h,
-                   unsigned threads, bool* ran);
+                   unsigned threads, LevelStore* store, bool* ran);
 
 }  // namespace sw
 

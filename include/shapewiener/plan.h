@@ -1,0 +1,67 @@
+// shapewiener: a filter plan, made once per image and executed per pass.
+//
+// A plan holds what is fixed for one image: the shapes (scales, sector
+// masks, processing list), the transforms, the noise spectrum, and, once a
+// pass has computed them, every key's coefficient noise levels. Each
+// execution is one call of the filter (see filter.h) against its own pilot
+// image and Wiener factor; the levels are computed by the first execution
+// and read by the later ones over the same noisy image, with the same bits
+// as a call that computes them. A multi-pass caller thus pays for the
+// levels once:
+//
+//     sw::Plan plan;
+//     if (sw::Error e = sw::make_plan(call, &plan)) ...;   // checks `call`
+//     for each pass: sw::execute(plan, noisy_copy, pilot, factor, frame, out, options);
+//
+// sw::run(call, ...) is one plan executed once, without keeping levels.
+#ifndef SHAPEWIENER_PLAN_H
+#define SHAPEWIENER_PLAN_H
+
+#include <memory>
+
+#include "shapewiener/filter.h"
+
+namespace sw {
+
+class Plan {
+public:
+    Plan();
+    ~Plan();
+    Plan(Plan&&) noexcept;
+    Plan& operator=(Plan&&) noexcept;
+    Plan(const Plan&) = delete;
+    Plan& operator=(const Plan&) = delete;
+
+    // Keys whose noise levels the plan holds (0 before the first execution,
+    // and always 0 when the levels would take more than kMaxStoredBytes).
+    uint64_t stored_keys() const;
+    static constexpr uint64_t kMaxStoredBytes = uint64_t{512} << 20;
+
+    struct State;
+
+private:
+    std::unique_ptr<State> state_;
+    friend Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels);
+    friend Error execute(Plan& plan, double* noisy_image, double* pilot_image,
+                         double wiener_variance_factor, const FilterCall::Frame& frame,
+                         double* output, const RunOptions& options);
+};
+
+// Checks `call` as check() does and plans it. The plan refers to the call's
+// arrays (all but the two images, which each execution names): they must
+// outlive it, unchanged. `keep_levels` false: every execution computes its
+// own levels (one-pass callers save the store's memory).
+Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels = true);
+
+// One pass: the call the plan was made from, with these images (M x K, as
+// planned; both dithered in place), Wiener factor and frame. Returns what
+// run() returns. The stored levels are those of the first execution's noisy
+// image and frame; an execution with another noisy image or frame computes
+// (and stores) them afresh.
+Error execute(Plan& plan, double* noisy_image, double* pilot_image, double wiener_variance_factor,
+              const FilterCall::Frame& frame, double* output,
+              const RunOptions& options = RunOptions());
+
+}  // namespace sw
+
+#endif  // SHAPEWIENER_PLAN_H

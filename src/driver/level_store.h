@@ -1,0 +1,48 @@
+// The noise levels of a plan's keys, kept from one pass to the next.
+//
+// A key's levels follow from its shape, the noise spectrum and which of its
+// first accepted entry's noisy coefficients are exactly 0; none of these
+// depends on the pilot image or the Wiener factor. Which entries are
+// accepted, and so which entry is a key's first, follows from the shapes
+// alone. So a pass over the same noisy image (and frame) numbers its key
+// changes as every other pass does, and key number i has the same levels,
+// bit for bit, in every pass: the first pass stores them, later ones read
+// them. Each key is written by the one thread that computes its key change.
+#ifndef SHAPEWIENER_DRIVER_LEVEL_STORE_H
+#define SHAPEWIENER_DRIVER_LEVEL_STORE_H
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+namespace sw {
+
+struct LevelStore {
+    uint32_t area = 0;           // W*W levels per key
+    std::vector<float> levels;   // keys * area
+    std::vector<float> dc;       // keys
+    std::vector<uint8_t> known;  // keys; 1 once stored
+
+    uint64_t keys() const { return known.size(); }
+
+    // Copies key `key`'s levels into `levels_out` and returns true when
+    // they are stored.
+    bool load(uint64_t key, float* levels_out, float* dc_out) const {
+        if (key >= known.size() || known[key] == 0) return false;
+        std::memcpy(levels_out, levels.data() + key * area, sizeof(float) * area);
+        *dc_out = dc[key];
+        return true;
+    }
+    void save(uint64_t key, const float* levels_in, float dc_in) {
+        if (key >= known.size()) return;
+        std::memcpy(levels.data() + key * area, levels_in, sizeof(float) * area);
+        dc[key] = dc_in;
+        known[key] = 1;
+    }
+    void forget() { std::fill(known.begin(), known.end(), uint8_t{0}); }
+};
+
+}  // namespace sw
+
+#endif  // SHAPEWIENER_DRIVER_LEVEL_STORE_H

@@ -1,0 +1,115 @@
+#include "shapewiener/plan.h"
+
+#include <cstring>
+#include <new>
+#include <vector>
+
+#include "driver/filter.h"
+#include "driver/level_store.h"
+
+namespace sw {
+
+struct Plan::State {
+    FilterCall call;
+    uint32_t h = 1;
+    bool keep_levels = false;
+    LevelStore store;
+    // What the stored levels were computed on.
+    bool bound = false;
+    std::vector<double> noisy;
+    FilterCall::Frame frame;
+};
+
+Plan::Plan() = default;
+Plan::~Plan() = default;
+Plan::Plan(Plan&&) noexcept = default;
+Plan& Plan::operator=(Plan&&) noexcept = default;
+
+uint64_t Plan::stored_keys() const {
+    if (!state_) return 0;
+    uint64_t n = 0;
+    for (uint8_t k : state_->store.known) n += k;
+    return n;
+}
+
+namespace {
+
+// Key changes of the whole list: no pass has more (a pass's accepted
+// entries are a subsequence of the list).
+uint64_t list_key_changes(const FilterCall& call) {
+    const uint64_t count = call.image_dims.elements();
+    const int32_t* keys = call.processing_list.data + count;
+    uint64_t changes = 0;
+    for (uint64_t i = 0; i < count; ++i) changes += (i == 0 || keys[i] != keys[i - 1]) ? 1 : 0;
+    return changes;
+}
+
+bool same_frame(const FilterCall::Frame& a, const FilterCall::Frame& b) {
+    return a.rows == b.rows && a.cols == b.cols && a.row0 == b.row0 && a.col0 == b.col0;
+}
+
+// Plans without checking (run() is only given checked calls).
+Error plan_call(const FilterCall& call, Plan::State* s, bool keep_levels) {
+    s->call = call;
+    s->h = round_to_unsigned(call.max_scale);
+    s->keep_levels = false;
+    if (!keep_levels) return Error();
+    const uint64_t w = 2 * uint64_t{s->h} - 1;
+    const uint64_t keys = list_key_changes(call);
+    if (keys * (w * w + 1) * sizeof(float) > Plan::kMaxStoredBytes) return Error();
+    try {
+        s->store.area = static_cast<uint32_t>(w * w);
+        s->store.levels.assign(keys * w * w, 0.0f);
+        s->store.dc.assign(keys, 0.0f);
+        s->store.known.assign(keys, 0);
+        s->keep_levels = true;
+    } catch (const std::bad_alloc&) {
+        s->store = LevelStore();  // computed per execution instead
+    }
+    return Error();
+}
+
+}  // namespace
+
+Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels) {
+    const Error e = check(call);
+    if (e) return e;
+    plan->state_.reset(new Plan::State);
+    return plan_call(call, plan->state_.get(), keep_levels);
+}
+
+Error execute(Plan& plan, double* noisy_image, double* pilot_image, double wiener_variance_factor,
+              const FilterCall::Frame& frame, double* output, const RunOptions& options) {
+    Plan::State& s = *plan.state_;
+    FilterCall call = s.call;
+    call.noisy_image = noisy_image;
+    call.pilot_image = pilot_image;
+    call.wiener_variance_factor = wiener_variance_factor;
+    call.frame = frame;
+    LevelStore* store = nullptr;
+    if (s.keep_levels) {
+        const size_t count = static_cast<size_t>(call.image_dims.elements());
+        if (!s.bound || !same_frame(frame, s.frame) ||
+            std::memcmp(noisy_image, s.noisy.data(), sizeof(double) * count) != 0) {
+            s.store.forget();
+            s.bound = false;
+            try {
+                s.noisy.assign(noisy_image, noisy_image + count);
+                s.frame = frame;
+                s.bound = true;
+            } catch (const std::bad_alloc&) {
+                // This execution computes its levels without keeping them.
+            }
+        }
+        if (s.bound) store = &s.store;
+    }
+    return stored_levels_entry(s.h)(call, output, options, s.h, store);
+}
+
+Error run(const FilterCall& call, double* output, const RunOptions& options) {
+    Plan::State s;
+    plan_call(call, &s, false);
+    return stored_levels_entry(s.h)(call, output, options, s.h, nullptr);
+}
+
+}  // namespace sw
