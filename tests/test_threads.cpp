@@ -2,12 +2,14 @@
 // the reference path's bits; interruption through the progress callback.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "driver/parallel.h"
+#include "shapewiener/plan.h"
 #include "support/shared_workload.h"
 #include "support/test_args.h"
 
@@ -127,6 +129,29 @@ TEST(Threads, EveryThreadCountGivesTheReferenceBits) {
             EXPECT_TRUE(swtest::same_bits(r.output, reference.output)) << c.what << ", " << threads;
             EXPECT_TRUE(swtest::same_bits(r.noisy, reference.noisy)) << c.what;
             EXPECT_TRUE(swtest::same_bits(r.pilot, reference.pilot)) << c.what;
+        }
+
+        // One plan executed pass after pass gives each pass's own call's
+        // bits: stored levels are reused against a new pilot and factor, and
+        // recomputed for a new noisy image (constant on its first columns, and
+        // too large there for the dither to change it: every coefficient of a
+        // shape inside them is exactly 0, so its levels are too).
+        CallPlan second = plan, flat = plan;
+        second.pilot = reference.output;
+        second.wiener_variance_factor = 2.5;
+        std::fill(flat.noisy.begin(), flat.noisy.begin() + flat.noisy.size() / 2, 1024.0);
+        flat.pilot = reference.output;
+        PlainCall planned(plan);
+        sw::Plan engine;
+        ASSERT_FALSE(sw::make_plan(planned.call, &engine)) << c.what;
+        unsigned pass = 0;
+        for (const CallPlan* p : {&plan, &second, &flat, &second, &flat}) {
+            const unsigned threads = ++pass % 2 == 0 ? 3u : 1u;
+            std::vector<double> noisy = p->noisy, pilot = p->pilot, out(noisy.size(), -1.0);
+            EXPECT_FALSE(sw::execute(engine, noisy.data(), pilot.data(), p->wiener_variance_factor,
+                                     {}, out.data(), with_threads(threads)));
+            EXPECT_TRUE(swtest::same_bits(out, run(*p, with_threads(1, true)).output))
+                << c.what << ", pass " << pass;
         }
     }
 }
