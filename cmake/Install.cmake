@@ -26,7 +26,9 @@ install(FILES ${PROJECT_BINARY_DIR}/shapewienerConfig.cmake
               ${PROJECT_BINARY_DIR}/shapewienerConfigVersion.cmake
         DESTINATION ${SHAPEWIENER_CMAKE_DIR})
 
-# pkg-config: the static library and the threads it needs.
+# pkg-config: the static library and the threads it needs. The prefix is
+# found from the file's own place, so `cmake --install --prefix P` works.
+file(RELATIVE_PATH SHAPEWIENER_PC_TO_PREFIX /P/${CMAKE_INSTALL_LIBDIR}/pkgconfig /P)
 set(SHAPEWIENER_PC_LIBNAME $<TARGET_FILE_BASE_NAME:shapewiener_core>)
 configure_file(${PROJECT_SOURCE_DIR}/cmake/shapewiener.pc.in ${PROJECT_BINARY_DIR}/shapewiener.pc.in @ONLY)
 file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/shapewiener.pc INPUT ${PROJECT_BINARY_DIR}/shapewiener.pc.in)
