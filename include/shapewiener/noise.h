@@ -42,7 +42,8 @@ struct NoiseEstimate {
 
 // Estimates the noise of `image` (at least 16 x 16 pixels, NaN/Inf-free).
 // Method: the image is cut into half-overlapping blocks; each block's
-// window-weighted mean is removed and its windowed periodogram taken. The
+// window-weighted least-squares plane is removed and its windowed
+// periodogram taken. The
 // blocks whose periodograms lie lowest against a per-frequency low quantile
 // (the flattest blocks, judged over all frequencies at once) are averaged,
 // with a fixed factor that undoes the bias of choosing the lowest, and
