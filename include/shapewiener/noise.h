@@ -43,11 +43,12 @@ struct NoiseEstimate {
 // Estimates the noise of `image` (at least 16 x 16 pixels, NaN/Inf-free).
 // Method: the image is cut into half-overlapping blocks; each block's
 // window-weighted least-squares plane is removed and its windowed
-// periodogram taken. The
-// blocks whose periodograms lie lowest against a per-frequency low quantile
-// (the flattest blocks, judged over all frequencies at once) are averaged,
-// with a fixed factor that undoes the bias of choosing the lowest, and
-// the block-sized spectrum is interpolated to the image's size.
+// periodogram taken. The blocks whose periodograms lie lowest against a
+// per-frequency low quantile (the flattest blocks, judged over all
+// frequencies at once) are averaged, with a fixed factor that undoes the
+// bias of choosing the lowest, and the block-sized spectrum is
+// interpolated to the image's size. Narrow peaks, which the blocks blur,
+// take their shape from the whole image's periodogram.
 // Progress phase: "noise estimate". Throws DenoiseError:
 // "shapewiener:image:<reason>" (empty, size, notFinite, tooLarge, tooSmall),
 // "shapewiener:denoise:interrupted".

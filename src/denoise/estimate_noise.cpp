@@ -73,6 +73,164 @@ double order_statistic(std::vector<double> values, size_t k) {
     return values[k];
 }
 
+
+// Periodic bilinear interpolation of a b x b spectrum onto a rows x cols
+// frequency grid (both column-major, DC at (0, 0)).
+std::vector<double> interpolate(const std::vector<double>& coarse, uint32_t b, uint32_t rows, uint32_t cols) {
+    std::vector<double> along(static_cast<size_t>(rows) * b);  // rows x b
+    for (uint32_t v = 0; v < b; ++v) {
+        for (uint32_t u = 0; u < rows; ++u) {
+            const uint64_t pos = static_cast<uint64_t>(u) * b;
+            const uint32_t i0 = static_cast<uint32_t>(pos / rows);
+            const double t = static_cast<double>(pos % rows) / rows;
+            along[u + static_cast<size_t>(rows) * v] = (1.0 - t) * coarse[i0 + static_cast<size_t>(b) * v] +
+                                                       t * coarse[(i0 + 1) % b + static_cast<size_t>(b) * v];
+        }
+    }
+    std::vector<double> fine(static_cast<size_t>(rows) * cols);
+    for (uint32_t x = 0; x < cols; ++x) {
+        const uint64_t pos = static_cast<uint64_t>(x) * b;
+        const uint32_t j0 = static_cast<uint32_t>(pos / cols);
+        const uint32_t j1 = (j0 + 1) % b;
+        const double t = static_cast<double>(pos % cols) / cols;
+        for (uint32_t u = 0; u < rows; ++u) {
+            fine[u + static_cast<size_t>(rows) * x] =
+                (1.0 - t) * along[u + static_cast<size_t>(rows) * j0] + t * along[u + static_cast<size_t>(rows) * j1];
+        }
+    }
+    return fine;
+}
+
+// Median of the 5 x 5 periodic neighbourhood of every value of a b x b grid.
+std::vector<double> median5(const std::vector<double>& grid, uint32_t b) {
+    std::vector<double> out(grid.size());
+    std::vector<double> near(25);
+    for (uint32_t v = 0; v < b; ++v) {
+        for (uint32_t u = 0; u < b; ++u) {
+            size_t n = 0;
+            for (uint32_t dv = 0; dv < 5; ++dv)
+                for (uint32_t du = 0; du < 5; ++du)
+                    near[n++] = grid[(u + b + du - 2) % b + static_cast<size_t>(b) * ((v + b + dv - 2) % b)];
+            out[u + static_cast<size_t>(b) * v] = order_statistic(near, 12);
+        }
+    }
+    return out;
+}
+
+// The cell of the b-point grid that full-size index i of n belongs to
+// (cells centred on the grid's frequencies).
+uint32_t cell_of(uint32_t i, uint32_t n, uint32_t b) {
+    return static_cast<uint32_t>(((static_cast<uint64_t>(i) * b + n / 2) / n) % b);
+}
+
+// Narrow peaks: a block spectrum of b x b frequencies blurs a peak narrower
+// than a cell. Cells standing more than kPeakFactor above the median of
+// their 5 x 5 neighbourhood (away from the lowest frequencies, where the
+// image's own spectrum is steep), with their neighbours, get the shape of
+// the whole image's periodogram (smoothed; its own smooth level taken off),
+// scaled so that these cells keep the block spectrum's total power.
+const double kPeakFactor = 4.0;
+const double kPeakSmoothing = 2.0;  // Gaussian, in full-size frequency bins
+
+void refine_peaks(const sw::Image& image, const std::vector<double>& coarse, uint32_t b,
+                  std::vector<double>* psd) {
+    const uint32_t rows = image.rows;
+    const uint32_t cols = image.cols;
+    const std::vector<double> level = median5(coarse, b);
+    std::vector<char> peak(coarse.size(), 0);
+    bool any = false;
+    for (uint32_t v = 0; v < b; ++v) {
+        for (uint32_t u = 0; u < b; ++u) {
+            const uint32_t du = std::min(u, b - u);
+            const uint32_t dv = std::min(v, b - v);
+            const size_t i = u + static_cast<size_t>(b) * v;
+            if ((du > 2 || dv > 2) && coarse[i] > kPeakFactor * level[i]) {
+                for (uint32_t a = 0; a < 3; ++a)
+                    for (uint32_t c = 0; c < 3; ++c) peak[(u + b + a - 1) % b + static_cast<size_t>(b) * ((v + b + c - 1) % b)] = 1;
+                any = true;
+            }
+        }
+    }
+    if (!any) return;
+
+    // The whole image's periodogram (mean removed), smoothed along both axes.
+    const size_t count = static_cast<size_t>(rows) * cols;
+    double mean = 0.0;
+    for (double p : image.pixels) mean += p;
+    mean /= static_cast<double>(count);
+    std::vector<double> centred(count);
+    for (size_t i = 0; i < count; ++i) centred[i] = image.pixels[i] - mean;
+    const std::vector<std::complex<double>> f = fft2(centred.data(), rows, cols);
+    std::vector<double> smooth(count);
+    for (size_t i = 0; i < count; ++i) smooth[i] = std::norm(f[i]) / static_cast<double>(count);
+    const int radius = 6;
+    std::vector<double> taps(2 * radius + 1);
+    double tap_sum = 0.0;
+    for (int d = -radius; d <= radius; ++d) {
+        taps[d + radius] = std::exp(-0.5 * d * d / (kPeakSmoothing * kPeakSmoothing));
+        tap_sum += taps[d + radius];
+    }
+    for (double& t : taps) t /= tap_sum;
+    std::vector<double> tmp(count);
+    for (uint32_t x = 0; x < cols; ++x) {
+        for (uint32_t u = 0; u < rows; ++u) {
+            double s = 0.0;
+            for (int d = -radius; d <= radius; ++d) {
+                const uint32_t uu = static_cast<uint32_t>((static_cast<int64_t>(u) + d + 64 * static_cast<int64_t>(rows)) % rows);
+                s += taps[d + radius] * smooth[uu + static_cast<size_t>(rows) * x];
+            }
+            tmp[u + static_cast<size_t>(rows) * x] = s;
+        }
+    }
+    for (uint32_t x = 0; x < cols; ++x) {
+        for (uint32_t u = 0; u < rows; ++u) {
+            double s = 0.0;
+            for (int d = -radius; d <= radius; ++d) {
+                const uint32_t xx = static_cast<uint32_t>((static_cast<int64_t>(x) + d + 64 * static_cast<int64_t>(cols)) % cols);
+                s += taps[d + radius] * tmp[u + static_cast<size_t>(rows) * xx];
+            }
+            smooth[u + static_cast<size_t>(rows) * x] = s;
+        }
+    }
+    // Its smooth level: cell means, their 5 x 5 median, interpolated.
+    std::vector<double> cells(coarse.size(), 0.0);
+    std::vector<double> members(coarse.size(), 0.0);
+    for (uint32_t x = 0; x < cols; ++x) {
+        const uint32_t cx = cell_of(x, cols, b);
+        for (uint32_t u = 0; u < rows; ++u) {
+            const size_t c = cell_of(u, rows, b) + static_cast<size_t>(b) * cx;
+            cells[c] += smooth[u + static_cast<size_t>(rows) * x];
+            members[c] += 1.0;
+        }
+    }
+    for (size_t c = 0; c < cells.size(); ++c) cells[c] /= members[c];
+    const std::vector<double> image_level = interpolate(median5(cells, b), b, rows, cols);
+    const std::vector<double> noise_level = interpolate(level, b, rows, cols);
+
+    double kept = 0.0;
+    double floor = 0.0;
+    double shape = 0.0;
+    for (uint32_t x = 0; x < cols; ++x) {
+        const uint32_t cx = cell_of(x, cols, b);
+        for (uint32_t u = 0; u < rows; ++u) {
+            if (!peak[cell_of(u, rows, b) + static_cast<size_t>(b) * cx]) continue;
+            const size_t i = u + static_cast<size_t>(rows) * x;
+            kept += (*psd)[i];
+            floor += noise_level[i];
+            shape += std::max(smooth[i] - image_level[i], 0.0);
+        }
+    }
+    const double gain = shape > 0.0 ? std::max(kept - floor, 0.0) / shape : 0.0;
+    if (shape <= 0.0) return;
+    for (uint32_t x = 0; x < cols; ++x) {
+        const uint32_t cx = cell_of(x, cols, b);
+        for (uint32_t u = 0; u < rows; ++u) {
+            if (!peak[cell_of(u, rows, b) + static_cast<size_t>(b) * cx]) continue;
+            const size_t i = u + static_cast<size_t>(rows) * x;
+            (*psd)[i] = noise_level[i] + gain * std::max(smooth[i] - image_level[i], 0.0);
+        }
+    }
+}
 }  // namespace
 }  // namespace swdenoise
 
@@ -258,32 +416,10 @@ NoiseEstimate estimate_noise(const Image& image, const NoiseEstimateOptions& opt
         result.white = hi <= 2.0 * lo;
     }
 
-    // Periodic bilinear interpolation onto the image's frequency grid.
-    result.psd.resize(static_cast<size_t>(rows) * cols);
-    std::vector<double> along(static_cast<size_t>(rows) * b);  // rows x b
-    for (uint32_t v = 0; v < b; ++v) {
-        for (uint32_t u = 0; u < rows; ++u) {
-            const uint64_t pos = static_cast<uint64_t>(u) * b;
-            const uint32_t i0 = static_cast<uint32_t>(pos / rows);
-            const double t = static_cast<double>(pos % rows) / rows;
-            along[u + static_cast<size_t>(rows) * v] =
-                (1.0 - t) * spectrum[i0 + static_cast<size_t>(b) * v] +
-                t * spectrum[(i0 + 1) % b + static_cast<size_t>(b) * v];
-        }
-    }
+    result.psd = swdenoise::interpolate(spectrum, b, rows, cols);
+    swdenoise::refine_peaks(image, spectrum, b, &result.psd);
     double total = 0.0;
-    for (uint32_t x = 0; x < cols; ++x) {
-        const uint64_t pos = static_cast<uint64_t>(x) * b;
-        const uint32_t j0 = static_cast<uint32_t>(pos / cols);
-        const uint32_t j1 = (j0 + 1) % b;
-        const double t = static_cast<double>(pos % cols) / cols;
-        for (uint32_t u = 0; u < rows; ++u) {
-            const double v = (1.0 - t) * along[u + static_cast<size_t>(rows) * j0] +
-                             t * along[u + static_cast<size_t>(rows) * j1];
-            result.psd[u + static_cast<size_t>(rows) * x] = v;
-            total += v;
-        }
-    }
+    for (double v : result.psd) total += v;
     result.sigma = std::sqrt(total / (static_cast<double>(rows) * cols));
     report(1.0);
     return result;
