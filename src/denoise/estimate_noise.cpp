@@ -220,8 +220,8 @@ void refine_peaks(const sw::Image& image, const std::vector<double>& coarse, uin
             shape += std::max(smooth[i] - image_level[i], 0.0);
         }
     }
-    const double gain = shape > 0.0 ? std::max(kept - floor, 0.0) / shape : 0.0;
-    if (shape <= 0.0) return;
+    if (!(shape > 0.0)) return;
+    const double gain = std::max(kept - floor, 0.0) / shape;
     for (uint32_t x = 0; x < cols; ++x) {
         const uint32_t cx = cell_of(x, cols, b);
         for (uint32_t u = 0; u < rows; ++u) {
