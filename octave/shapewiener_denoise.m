@@ -6,13 +6,16 @@ function varargout = shapewiener_denoise(varargin)
 %   OUT = shapewiener_denoise(Z, 'psd', P)
 %   OUT = shapewiener_denoise(..., 'preset', NAME, 'threads', T)
 %
-%   Estimates the clean image from Z, a real M x K matrix of any numeric
-%   class (or logical), used with its values as given: an 8-bit image
-%   stays in 0..255, so give the noise in those units (or pass
-%   im2double(Z) and the noise on [0, 1]). OUT is a double M x K matrix,
-%   not clipped. The whole denoiser runs in one call: it chooses the
-%   adaptive neighbourhoods, builds the filter's arguments and runs it
-%   (three passes for the default preset). The same call from Python
+%   Noise levels are in the units of Z's values as you hold them: a
+%   uint8 image's noise in grey levels 0..255, a uint16 image's in
+%   0..65535, a double image's in its own units.
+%
+%   Estimates the clean image from Z, a real full M x K matrix of any
+%   numeric class (logical, complex and sparse input is refused); integer
+%   values are used as stored, signed ones with their sign. OUT is a
+%   double M x K matrix, not clipped. The whole denoiser runs in one
+%   call: it chooses the adaptive neighbourhoods, builds the filter's
+%   arguments and runs it (three passes for the default preset). The same call from Python
 %   (shapewiener.denoise) or the shapewiener program gives the same bits.
 %
 %   The noise, in Z's units:
@@ -33,9 +36,11 @@ function varargout = shapewiener_denoise(varargin)
 %
 %   Ctrl-C stops a running call. Errors have identifiers
 %   shapewiener:<what>:<reason>, e.g. shapewiener:noise:missing,
-%   shapewiener:noise:conflict, shapewiener:options:unknown,
-%   shapewiener:options:preset, shapewiener:image:notReal,
-%   shapewiener:image:notFinite.
+%   shapewiener:noise:conflict, shapewiener:noise:psdSize (P's size must
+%   be Z's), shapewiener:options:unknown, shapewiener:options:preset,
+%   shapewiener:image:notReal, shapewiener:image:notFinite,
+%   shapewiener:image:tooLarge (more than 2^31 - 1 pixels, refused before
+%   any copy).
 %
 %   Example:
 %     z = double(imread('cameraman.tif')) / 255;   % any grey-scale image

@@ -7,31 +7,80 @@ import numpy as np
 from . import _core
 from .errors import Error
 
+# The library's pixel limit (its pixel indices are 32-bit signed).
+MAX_PIXELS = 2**31 - 1
+
+
+def check_dtype(dtype, what):
+    """Refuses every dtype that is not a real number: complex values would
+    lose their imaginary part and bool or object arrays hold no image."""
+    dtype = np.dtype(dtype)
+    if dtype.kind == "c":
+        raise Error(f"shapewiener:{what}:complex",
+                    f"the {what} must be real; got a complex array ({dtype}).")
+    if dtype.kind not in "fiu":
+        hint = " (convert a mask with .astype(float) first)" if dtype.kind == "b" else ""
+        raise Error(f"shapewiener:{what}:notNumeric",
+                    f"the {what} must be an array of real numbers; got dtype {dtype}{hint}.")
+
+
+def check_shape(shape, what):
+    """A 2-D shape within the library's pixel limit, checked before any copy."""
+    if len(shape) != 2:
+        raise Error(f"shapewiener:{what}:size",
+                    f"the {what} must be a 2-D array; got {len(shape)} dimension(s).")
+    if int(shape[0]) * int(shape[1]) > MAX_PIXELS:
+        raise Error(f"shapewiener:{what}:tooLarge",
+                    f"the {what} has {int(shape[0])} x {int(shape[1])} values; the limit is "
+                    f"2^31 - 1.")
+
 
 def _as_matrix(x, what):
-    a = np.asarray(x)
-    if a.dtype.kind == "c":
-        raise Error(f"shapewiener:{what}:complex", f"the {what} must be real; got a complex array.")
-    if a.dtype.kind not in "fiub":
-        raise Error(f"shapewiener:{what}:notNumeric",
-                    f"the {what} must be a numeric array; got dtype {a.dtype}.")
-    if a.ndim != 2:
-        raise Error(f"shapewiener:{what}:size",
-                    f"the {what} must be a 2-D array; got {a.ndim} dimension(s).")
+    a = np.asarray(x)  # no copy for an array
+    check_dtype(a.dtype, what)
+    check_shape(a.shape, what)
     return a if a.dtype == np.float64 else a.astype(np.float64)
 
 
-def _noise(sigma, kernel, psd):
+def _number(value, name):
+    a = np.asarray(value) if not isinstance(value, (str, bytes)) else None
+    if a is None or a.ndim != 0 or a.dtype.kind not in "fiu":
+        raise Error(f"shapewiener:{name}:notScalar",
+                    f"{name} must be a real number; got {value!r}.")
+    return float(a)
+
+
+def threads_count(threads):
+    """None or a whole number from 0 to 4096, as the library's thread count."""
+    if threads is None:
+        return 0
+    a = np.asarray(threads) if not isinstance(threads, (str, bytes)) else None
+    if (a is None or a.ndim != 0 or a.dtype.kind not in "fiu"
+            or not (0 <= float(a) <= 4096) or float(a) != int(float(a))):
+        raise Error("shapewiener:threads:outOfRange",
+                    f"threads takes a whole number from 0 (all cores) to 4096; got {threads!r}.")
+    return int(float(a))
+
+
+def _noise(sigma, kernel, psd, shape=None):
+    """The noise arguments checked and converted; a psd must have the
+    image's shape (when given), not just its number of values."""
     if psd is not None:
         if sigma is not None or kernel is not None:
             raise Error("shapewiener:noise:conflict",
                         "give the noise as sigma, as kernel and sigma, or as psd alone.")
-        return "psd", 0.0, None, np.asfortranarray(_as_matrix(psd, "psd"))
+        p = _as_matrix(psd, "psd")
+        if shape is not None and tuple(p.shape) != tuple(shape):
+            raise Error("shapewiener:noise:psdSize",
+                        f"the power spectrum must have the image's shape, {shape[0]} x "
+                        f"{shape[1]}; got {p.shape[0]} x {p.shape[1]}.")
+        return "psd", 0.0, None, np.asfortranarray(p)
     if sigma is None:
         raise Error("shapewiener:noise:missing",
                     "no noise given: pass sigma, kernel and sigma, or psd.")
+    s = _number(sigma, "sigma")
     k = None if kernel is None else np.asfortranarray(_as_matrix(kernel, "kernel"))
-    return ("white" if k is None else "kernel"), float(sigma), k, None
+    return ("white" if k is None else "kernel"), s, k, None
 
 
 class _ProgressLine:
@@ -52,47 +101,107 @@ class _ProgressLine:
 
 def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=None,
             progress=False, _tile=None, _peaks=True):
-    """Denoises a grey-scale image corrupted by white or coloured noise.
+    """Denoise a grey-scale image corrupted by white or coloured noise.
 
-    z:       2-D array of any real dtype (float, integer or bool) in any memory
-             order; the values are used as given, converted to float64 (an
-             8-bit image stays in 0..255: give sigma in those units).
-    sigma:   the noise's per-pixel standard deviation (white noise, or with
-             ``kernel``: noise = sigma * (kernel * w) / ||kernel|| for standard
-             white noise w).
-    kernel:  2-D array, the noise's colouring kernel, centred at
-             ((rows - 1) // 2, (cols - 1) // 2).
-    psd:     the noise's power spectrum, z's size, DC at [0, 0], unshifted,
-             scaled so that white noise of variance s**2 has psd == s**2;
-             given alone.
-    preset:  "fast", "default" or "best".
-    threads: worker threads (None: SHAPEWIENER_THREADS or all cores).
-    progress: True for a progress line on stderr, or a callable
-             f(fraction, phase); returning False from it cancels the call.
+    Noise levels are in the units of the values as you hold them: an
+    8-bit image's noise in grey levels 0..255, a 16-bit image's in
+    0..65535, a float image's in its own units.
 
-    Returns the estimate as a float64 array of z's shape (column-major,
-    not clipped). The GIL is released while the library runs; Ctrl-C stops
-    the call with KeyboardInterrupt. Raises shapewiener.Error (a ValueError)
-    with identifier "shapewiener:<what>:<reason>".
+    Parameters
+    ----------
+    z : (M, N) array_like
+        The noisy image: float or integer (signed or unsigned) values, any
+        memory order. Integer values are used as stored, not rescaled.
+        bool, complex and object arrays are refused.
+    sigma : float, optional
+        The noise's per-pixel standard deviation: white noise, or with
+        `kernel`, noise ``sigma * (kernel * w) / ||kernel||`` for standard
+        white noise ``w``.
+    kernel : (P, Q) array_like, optional
+        The noise's colouring kernel, centred at ``((P - 1) // 2, (Q - 1) // 2)``;
+        given with `sigma`.
+    psd : (M, N) array_like, optional
+        The noise's power spectrum, of `z`'s shape, DC at ``[0, 0]``,
+        unshifted, scaled so that white noise of variance ``s**2`` has
+        ``psd == s**2``; given alone.
+    preset : {'default', 'fast', 'best'}, optional
+        'fast' runs one pass on fixed squares; 'default' and 'best' choose
+        adaptive neighbourhoods and run three passes.
+    threads : int, optional
+        Worker threads, 0 to 4096; None or 0 takes ``SHAPEWIENER_THREADS``
+        or all cores. The result's bits do not depend on it.
+    progress : bool or callable, optional
+        True prints a progress line on stderr; a callable
+        ``f(fraction, phase)`` is called instead, and returning False from
+        it cancels the call.
+
+    Returns
+    -------
+    out : (M, N) ndarray
+        The estimate in Fortran order, float64, not clipped.
+
+    Raises
+    ------
+    shapewiener.Error
+        A rejected argument or a cancelled call; a ``ValueError`` whose
+        ``identifier`` is ``"shapewiener:<what>:<reason>"``.
+    KeyboardInterrupt
+        Ctrl-C during the call (the GIL is released while it runs).
+
+    Examples
+    --------
+    >>> import numpy as np, shapewiener
+    >>> rng = np.random.default_rng(0)
+    >>> noisy = 0.5 + 0.1 * rng.standard_normal((64, 64))
+    >>> out = shapewiener.denoise(noisy, sigma=0.1, preset="fast")
+    >>> bool(out.std() < noisy.std())
+    True
     """
     if not _core.have_denoise:
         raise Error("shapewiener:denoise:unavailable", "this build has no denoiser.")
     image = _as_matrix(z, "image")
-    noise, s, k, p = _noise(sigma, kernel, psd)
+    noise, s, k, p = _noise(sigma, kernel, psd, None if _tile is not None else image.shape)
+    count = threads_count(threads)
     callback = _ProgressLine() if progress is True else (progress or None)
-    out, _report = _core.denoise(image, noise, s, k, p, str(preset),
-                                 0 if threads is None else int(threads), callback, _tile,
+    out, _report = _core.denoise(image, noise, s, k, p, str(preset), count, callback, _tile,
                                  bool(_peaks))
     return out
 
 
 def remove_noise_peaks(z, *, sigma=None, kernel=None, psd=None, preset="default"):
-    """The denoiser's global first stage alone: for noise whose spectrum has
-    narrow peaks (stripes, moire) returns (image, residual_psd), the image
-    with those peaks removed over the whole image and the spectrum of the
-    noise left in it; None for any other noise. denoise(z, ...) equals
-    denoise(image, psd=residual_psd) without this stage (what the tiles of
-    shapewiener.dask get)."""
+    """Remove noise with narrow spectral peaks over the whole image.
+
+    The denoiser's global first stage alone, for noise whose spectrum has
+    narrow peaks (stripes, moire): ``denoise(z, ...)`` equals
+    ``denoise(image, psd=residual_psd)`` without this stage, which is what
+    the tiles of ``shapewiener.dask`` get.
+
+    Parameters
+    ----------
+    z : (M, N) array_like
+        The noisy image, as for `denoise`.
+    sigma, kernel, psd, preset
+        As for `denoise`, in the units of `z`'s values.
+
+    Returns
+    -------
+    result : tuple of ndarray or None
+        ``(image, residual_psd)``: the image with the peaks removed and the
+        power spectrum of the noise left in it, both float64 of `z`'s
+        shape; None when the noise has no narrow peaks.
+
+    Raises
+    ------
+    shapewiener.Error
+        A rejected argument.
+
+    Examples
+    --------
+    >>> import numpy as np, shapewiener
+    >>> noisy = np.random.default_rng(0).random((32, 32))
+    >>> shapewiener.remove_noise_peaks(noisy, sigma=0.1) is None
+    True
+    """
     image = _as_matrix(z, "image")
-    noise, s, k, p = _noise(sigma, kernel, psd)
+    noise, s, k, p = _noise(sigma, kernel, psd, image.shape)
     return _core.remove_noise_peaks(image, noise, s, k, p, str(preset))

@@ -59,6 +59,16 @@ def write_image(path, image, dtype):
     os.replace(temporary, path)
 
 
+def _message(e):
+    """One line for a failure: the message alone for our own errors."""
+    from .errors import Error
+    if isinstance(e, Error):
+        return str(e)
+    if isinstance(e, OSError) and e.strerror:
+        return f"{e.filename}: {e.strerror}" if e.filename else e.strerror
+    return f"{type(e).__name__}: {e}"
+
+
 def denoise_file(source, target, noise, preset, threads):
     """One image; returns (source, None, seconds) or (source, message, seconds)."""
     import shapewiener
@@ -66,17 +76,33 @@ def denoise_file(source, target, noise, preset, threads):
     try:
         image, dtype = read_image(source)
         out = shapewiener.denoise(image, **noise, preset=preset, threads=threads)
+        os.makedirs(os.path.dirname(target) or ".", exist_ok=True)
         write_image(target, out, dtype)
         return source, None, time.monotonic() - start
     except Exception as e:  # noqa: BLE001 - every failure is reported, the batch goes on
-        return source, f"{type(e).__name__}: {e}", time.monotonic() - start
+        return source, _message(e), time.monotonic() - start
 
 
 def plan(pattern, outdir):
-    """(input, output) pairs to do, and the count of those already done."""
+    """(input, output) pairs to do, and the count of those already done.
+
+    The outputs mirror the inputs' folders below the deepest folder they
+    share, so that inputs of the same name in different folders never meet.
+    Raises shapewiener.Error when nothing matches or an output would
+    replace an input.
+    """
+    from .errors import Error
+    sources = sorted(s for s in glob.glob(pattern, recursive=True) if os.path.isfile(s))
+    if not sources:
+        raise Error("shapewiener:batch:noInput", f"no file matches {pattern!r}.")
+    base = os.path.commonpath([os.path.dirname(os.path.abspath(s)) for s in sources])
     todo, done = [], 0
-    for source in sorted(glob.glob(pattern)):
-        target = os.path.join(outdir, os.path.basename(source))
+    for source in sources:
+        target = os.path.join(outdir, os.path.relpath(os.path.abspath(source), base))
+        if os.path.realpath(target) == os.path.realpath(source):
+            raise Error("shapewiener:batch:outputIsInput",
+                        f"the output for {source} would replace it; choose another output "
+                        f"folder.")
         if os.path.exists(target):
             done += 1
         else:
@@ -84,16 +110,39 @@ def plan(pattern, outdir):
     return todo, done
 
 
+def check_noise(noise, preset):
+    """The noise arguments and the preset checked once, before any cluster
+    starts (the psd's shape is checked against every image)."""
+    from . import _core
+    from ._denoise import _noise
+    psd = noise.get("psd")
+    shape = (64, 64) if psd is None else np.shape(psd)
+    kind, s, k, p = _noise(noise.get("sigma"), noise.get("kernel"), psd)
+    _core.noise_has_peaks(int(shape[0]), int(shape[1]), kind, s, k, p, str(preset))
+
+
 def run(pattern, outdir, noise, preset="default", threads=1, scheduler=None, workers=2,
         processes=True, out=sys.stderr):
-    """Runs a batch; returns the list of (input, message) that failed."""
-    from distributed import Client, LocalCluster, as_completed
+    """Runs a batch; returns the list of (input, message) that failed.
 
-    os.makedirs(outdir, exist_ok=True)
+    Raises shapewiener.Error before anything starts for an argument that
+    would fail every image.
+    """
+    from .errors import Error
+    from ._denoise import threads_count
+    if scheduler is None and (isinstance(workers, bool) or not isinstance(workers, int)
+                              or workers < 1):
+        raise Error("shapewiener:batch:workers",
+                    f"workers takes a whole number of processes, 1 or more; got {workers!r}.")
+    threads = threads_count(threads)
+    check_noise(noise, preset)
     todo, done = plan(pattern, outdir)
     out.write(f"shapewiener batch: {len(todo)} to do, {done} already done\n")
     if not todo:
         return []
+    from distributed import Client, LocalCluster, as_completed
+
+    os.makedirs(outdir, exist_ok=True)
     cluster = None
     if scheduler is None:
         cluster = LocalCluster(host="127.0.0.1", protocol="tcp://", n_workers=workers,
@@ -109,7 +158,7 @@ def run(pattern, outdir, noise, preset="default", threads=1, scheduler=None, wor
         for count, future in enumerate(as_completed(futures), 1):
             source, message, seconds = future.result()
             status = "ok" if message is None else f"FAILED: {message}"
-            out.write(f"[{count}/{len(todo)}] {os.path.basename(source)} {seconds:.1f} s {status}\n")
+            out.write(f"[{count}/{len(todo)}] {source} {seconds:.1f} s {status}\n")
             out.flush()
             if message is not None:
                 failed.append((source, message))
@@ -121,24 +170,52 @@ def run(pattern, outdir, noise, preset="default", threads=1, scheduler=None, wor
     return failed
 
 
+def _count(low):
+    def parse(text):
+        try:
+            value = int(text)
+        except ValueError:
+            value = None
+        if value is None or value < low:
+            raise argparse.ArgumentTypeError(f"takes a whole number, {low} or more; got {text!r}")
+        return value
+    return parse
+
+
+def _load_array(path, what):
+    from .errors import Error
+    try:
+        return np.load(path, allow_pickle=False)
+    except (OSError, ValueError) as e:
+        raise Error(f"shapewiener:{what}:unreadable", f"cannot read the {what} {path}: {e}")
+
+
 def main(argv=None):
     p = argparse.ArgumentParser(prog="python3 -m shapewiener.batch",
                                 description="Denoise many images on a Dask cluster.")
-    p.add_argument("pattern", help="input files, a glob pattern in quotes ('in/*.png')")
+    p.add_argument("pattern", help="input files, a glob pattern in quotes ('in/*.png', "
+                                   "'in/**/*.tif'); outputs mirror their folders")
     p.add_argument("outdir", help="output folder (outputs that exist are skipped)")
     p.add_argument("--sigma", type=float, help="noise standard deviation (images in [0, 1])")
     p.add_argument("--kernel", help=".npy file: the noise's colouring kernel (with --sigma)")
     p.add_argument("--psd", help=".npy file: the noise power spectrum (instead of --sigma)")
     p.add_argument("--preset", default="default", choices=["fast", "default", "best"])
-    p.add_argument("--threads", type=int, default=1, help="library threads per image (default 1)")
+    p.add_argument("--threads", type=_count(0), default=1,
+                   help="library threads per image (default 1)")
     p.add_argument("--scheduler", help="address of a running Dask scheduler (default: a local "
                                        "cluster on 127.0.0.1)")
-    p.add_argument("--workers", type=int, default=2, help="local cluster's worker processes")
+    p.add_argument("--workers", type=_count(1), default=2,
+                   help="local cluster's worker processes (default 2)")
     a = p.parse_args(argv)
-    noise = {"sigma": a.sigma,
-             "kernel": None if a.kernel is None else np.load(a.kernel),
-             "psd": None if a.psd is None else np.load(a.psd)}
-    failed = run(a.pattern, a.outdir, noise, a.preset, a.threads, a.scheduler, a.workers)
+    from .errors import Error
+    try:
+        noise = {"sigma": a.sigma,
+                 "kernel": None if a.kernel is None else _load_array(a.kernel, "kernel"),
+                 "psd": None if a.psd is None else _load_array(a.psd, "psd")}
+        failed = run(a.pattern, a.outdir, noise, a.preset, a.threads, a.scheduler, a.workers)
+    except (Error, OSError) as e:
+        sys.stderr.write(f"shapewiener batch: {_message(e)}\n")
+        return 2
     for source, message in failed:
         sys.stderr.write(f"failed: {source}: {message}\n")
     return 1 if failed else 0

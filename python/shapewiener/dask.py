@@ -23,19 +23,50 @@ import numpy as np
 
 from ._denoise import denoise as _denoise_image
 from ._denoise import remove_noise_peaks
-from ._denoise import _noise
+from ._denoise import _noise, check_dtype, check_shape, threads_count
+from .errors import Error
 
 
 def _noise_has_peaks(shape, sigma, kernel, psd, preset):
     from . import _core
-    kind, s, k, p = _noise(sigma, kernel, psd)
+    kind, s, k, p = _noise(sigma, kernel, psd, shape)
     return _core.noise_has_peaks(int(shape[0]), int(shape[1]), kind, s, k, p, str(preset))
 
+
 def tile_halo(preset="default"):
-    """The border in pixels a tile needs around the pixels it keeps (the
-    library's sw::tile_halo)."""
+    """The border a tile needs around the pixels it keeps.
+
+    Parameters
+    ----------
+    preset : {'default', 'fast', 'best'}, optional
+
+    Returns
+    -------
+    halo : int
+        P * 2 * (H - 1) pixels for P passes and largest scale H: 6 for
+        'fast', 36 for 'default' and 'best'.
+
+    Raises
+    ------
+    shapewiener.Error
+        An unknown preset.
+
+    Examples
+    --------
+    >>> import shapewiener.dask
+    >>> shapewiener.dask.tile_halo("fast")
+    6
+    """
     from . import _core
     return _core.tile_halo(str(preset))
+
+
+def _halo_pixels(halo):
+    a = np.asarray(halo) if not isinstance(halo, (str, bytes)) else None
+    if (a is None or a.ndim != 0 or a.dtype.kind not in "iu" or int(a) < 0):
+        raise Error("shapewiener:halo:outOfRange",
+                    f"halo takes a whole number of pixels, 0 or more; got {halo!r}.")
+    return int(a)
 
 
 def _denoise_tile(tile, frame, noise, preset, threads, crop):
@@ -45,32 +76,65 @@ def _denoise_tile(tile, frame, noise, preset, threads, crop):
 
 def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunks=None,
             threads=1, halo=None):
-    """Denoises a 2-D Dask array (or a NumPy array cut into ``chunks``) tile
-    by tile, one task per chunk of the result; returns a lazy Dask array of
-    float64 with the input's shape and chunks.
+    """Denoise a large image tile by tile, one Dask task per chunk.
 
-    The noise arguments and ``preset`` are those of shapewiener.denoise;
-    ``threads`` is the library's thread count inside one task (default 1:
-    Dask runs the tasks in parallel). ``halo`` overrides the border of
-    tile_halo(preset). The whole image's minimum and maximum are computed
-    right away (one pass over the data); for noise with narrow spectral
-    peaks, so is the global first stage, on the whole image.
+    Gives the bits of ``shapewiener.denoise`` on the whole image. Noise
+    levels are in the units of the values as you hold them, as for
+    ``shapewiener.denoise``.
+
+    Parameters
+    ----------
+    array : (M, N) dask.array.Array or array_like
+        The noisy image: float or integer values (bool, complex and object
+        arrays are refused).
+    sigma, kernel, psd, preset
+        The noise and the preset, as for ``shapewiener.denoise``; `psd` has
+        the whole image's shape.
+    chunks : int or tuple, optional
+        The tiles: a NumPy array is cut into them (default 1024), a Dask
+        array rechunked.
+    threads : int, optional
+        The library's threads inside one task (default 1: Dask runs the
+        tasks in parallel).
+    halo : int, optional
+        Overrides the border of ``tile_halo(preset)``.
+
+    Returns
+    -------
+    out : (M, N) dask.array.Array
+        Lazy, float64, with the input's chunks.
+
+    Raises
+    ------
+    shapewiener.Error
+        A rejected argument, raised right away; a NaN or Inf value is found
+        when the whole image's minimum and maximum are computed (at once,
+        one pass over the data). For noise with narrow spectral peaks the
+        global first stage runs at once too, on the whole image.
+
+    Examples
+    --------
+    >>> import numpy as np, shapewiener.dask
+    >>> big = np.random.default_rng(1).random((256, 256))
+    >>> out = shapewiener.dask.denoise(big, chunks=128, sigma=0.1, preset="fast")
+    >>> out.compute().shape
+    (256, 256)
     """
     import dask
     import dask.array as da
 
     if not isinstance(array, da.Array):
-        array = da.from_array(np.asarray(array), chunks=chunks or 1024)
+        array = np.asarray(array)
+    check_dtype(array.dtype, "image")
+    check_shape(array.shape, "image")
+    if not isinstance(array, da.Array):
+        array = da.from_array(array, chunks=chunks or 1024)
     elif chunks is not None:
         array = array.rechunk(chunks)
-    if array.ndim != 2:
-        from .errors import Error
-        raise Error("shapewiener:image:size",
-                    f"the image must be a 2-D array; got {array.ndim} dimension(s).")
     array = array.astype(np.float64)
     rows, cols = array.shape
-    if halo is None:
-        halo = tile_halo(preset)
+    threads = threads_count(threads)
+    halo = tile_halo(preset) if halo is None else _halo_pixels(halo)
     if _noise_has_peaks(array.shape, sigma, kernel, psd, preset):
         staged = remove_noise_peaks(array.compute(), sigma=sigma, kernel=kernel, psd=psd,
                                     preset=preset)
@@ -78,6 +142,8 @@ def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunk
             array = da.from_array(staged[0], chunks=array.chunks)
             sigma, kernel, psd = None, None, staged[1]
     low, high = (float(v) for v in dask.compute(array.min(), array.max()))
+    if not (np.isfinite(low) and np.isfinite(high)):
+        raise Error("shapewiener:image:notFinite", "the image has a NaN or Inf value.")
     noise = {"sigma": sigma, "kernel": kernel,
              "psd": None if psd is None else dask.delayed(np.asarray(psd, np.float64))}
 

@@ -13,5 +13,10 @@ class Error(ValueError):
         super().__init__(message)
         self.identifier = identifier
 
+    def __reduce__(self):
+        # Pickled as its two arguments, so that it crosses process borders
+        # (a process-based Dask cluster) with its identifier.
+        return (type(self), (self.identifier, str(self)))
+
     def __repr__(self):
         return f"shapewiener.Error({self.identifier!r}, {str(self)!r})"

@@ -63,12 +63,16 @@ def test_a_batch_reports_a_corrupt_file_and_resumes(denoiser, client, tmp_path):
     imageio.imwrite(src / "a.png", z.astype(np.uint8))
     np.save(src / "b.npy", z / 255.0)
     (src / "c.png").write_bytes(b"\x89PNG\r\n\x1a\n not really")
+    (src / "sub").mkdir()
+    np.save(src / "sub" / "b.npy", z / 510.0)  # the same name in another folder
     noise = {"sigma": 0.05, "kernel": None, "psd": None}
-    failed = batch.run(str(src / "*"), str(out), noise, preset="fast",
+    pattern = str(src / "**" / "*.*")
+    failed = batch.run(pattern, str(out), noise, preset="fast",
                        scheduler=client.scheduler.address, out=open(os.devnull, "w"))
     assert [os.path.basename(f) for f, _ in failed] == ["c.png"]
-    assert sorted(os.listdir(out)) == ["a.png", "b.npy"]
-    b = np.load(out / "b.npy")
-    assert b.tobytes() == denoiser.denoise(z / 255.0, sigma=0.05, preset="fast").tobytes()
+    assert sorted(os.listdir(out)) == ["a.png", "b.npy", "sub"]
+    for name, scale in (("b.npy", 255.0), ("sub/b.npy", 510.0)):
+        expected = denoiser.denoise(z / scale, sigma=0.05, preset="fast")
+        assert np.load(out / name).tobytes() == expected.tobytes()
     assert imageio.imread(out / "a.png").dtype == np.uint8
-    assert batch.plan(str(src / "*"), str(out)) == ([(str(src / "c.png"), str(out / "c.png"))], 2)
+    assert batch.plan(pattern, str(out)) == ([(str(src / "c.png"), str(out / "c.png"))], 3)

@@ -1,5 +1,6 @@
 """shapewiener.denoise: every dtype and memory order gives the float64 call's
-bits, the command line program's bits, errors, progress and cancelling."""
+bits, the command line program's bits, progress and cancelling (the refused
+calls are in test_hostile.py)."""
 
 import subprocess
 
@@ -25,23 +26,6 @@ def test_every_dtype_and_memory_order_gives_the_float64_bits(denoiser):
                     z.astype(np.float32), np.asfortranarray(z), wide[::2, ::2]):
         out = denoiser.denoise(variant, sigma=12.0, preset="fast")
         assert out.tobytes(order="F") == reference.tobytes(order="F"), variant.dtype
-
-
-@pytest.mark.parametrize("kwargs, identifier", [
-    ({}, "noise:missing"),
-    ({"kernel": np.ones((3, 3))}, "noise:missing"),
-    ({"psd": np.ones((24, 20)), "sigma": 1.0}, "noise:conflict"),
-    ({"sigma": 1.0, "preset": "slow"}, "options:preset"),
-    ({"sigma": 1.0, "z": np.zeros((4, 4, 2))}, "image:size"),
-    ({"sigma": 1.0, "z": np.zeros((4, 4)) + 1j}, "image:complex"),
-    ({"sigma": 1.0, "z": np.full((4, 4), np.nan)}, "image:notFinite"),
-])
-def test_rejected_calls(denoiser, kwargs, identifier):
-    z = kwargs.pop("z", sample_image())
-    with pytest.raises(ValueError) as info:
-        denoiser.denoise(z, **kwargs)
-    assert isinstance(info.value, denoiser.Error)
-    assert info.value.identifier == "shapewiener:" + identifier
 
 
 def test_progress_reaches_the_end_and_can_cancel(denoiser):

@@ -28,11 +28,12 @@ sw::Error make(const char* identifier, const std::string& message,
     return e;
 }
 
-// Any real numeric or logical array, as doubles in column-major order.
+// Any real numeric array, as doubles in column-major order (logical arrays
+// hold no image and are refused), its size checked before any copy.
 sw::Error read_matrix(const mxArray* a, const char* what, uint32_t* rows, uint32_t* cols,
                       std::vector<double>* values) {
     const std::string name(what);
-    if (!(mxIsNumeric(a) || mxIsLogical(a)) || mxIsComplex(a) || mxIsSparse(a)) {
+    if (!mxIsNumeric(a) || mxIsComplex(a) || mxIsSparse(a)) {
         return make(("shapewiener:" + name + ":notReal").c_str(),
                     "the " + name + " must be a real full numeric matrix; got a " +
                         mxGetClassName(a) + (mxIsComplex(a) ? " complex" : "") + " array.");
@@ -43,8 +44,10 @@ sw::Error read_matrix(const mxArray* a, const char* what, uint32_t* rows, uint32
     }
     const size_t n = mxGetNumberOfElements(a);
     const size_t m = mxGetM(a);
-    if (m > UINT32_MAX || mxGetN(a) > UINT32_MAX) {
-        return make(("shapewiener:" + name + ":tooLarge").c_str(), "the " + name + " is too large.");
+    if (n > 2147483647u) {
+        return make(("shapewiener:" + name + ":tooLarge").c_str(),
+                    "the " + name + " has " + std::to_string(m) + " x " + std::to_string(mxGetN(a)) +
+                        " values; the limit is 2^31 - 1.");
     }
     *rows = static_cast<uint32_t>(m);
     *cols = static_cast<uint32_t>(mxGetN(a));
@@ -63,7 +66,6 @@ sw::Error read_matrix(const mxArray* a, const char* what, uint32_t* rows, uint32
         SW_CASE(mxUINT32_CLASS, uint32_t)
         SW_CASE(mxINT64_CLASS, int64_t)
         SW_CASE(mxUINT64_CLASS, uint64_t)
-        SW_CASE(mxLOGICAL_CLASS, mxLogical)
 #undef SW_CASE
         default:
             return make(("shapewiener:" + name + ":notReal").c_str(),
@@ -73,7 +75,7 @@ sw::Error read_matrix(const mxArray* a, const char* what, uint32_t* rows, uint32
 }
 
 sw::Error read_scalar(const mxArray* a, const char* option, double* value) {
-    if (!(mxIsNumeric(a) || mxIsLogical(a)) || mxIsComplex(a) || mxGetNumberOfElements(a) != 1) {
+    if (!mxIsNumeric(a) || mxIsComplex(a) || mxGetNumberOfElements(a) != 1) {
         return make((std::string("shapewiener:") + option + ":notScalar").c_str(),
                     std::string("'") + option + "' takes a real numeric scalar.");
     }
