@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "array_io.h"
+#include "io/array_io.h"
 #include "denoise/pipeline.h"
 
 namespace {

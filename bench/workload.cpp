@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "caller/coloured_noise.h"
-#include "image_io.h"
+#include "io/image_io.h"
 #include "mex/gateway.h"
 
 namespace swbench {
@@ -16,9 +16,13 @@ Workload make_workload(const std::string& image_path, uint32_t h) {
     w.image_path = image_path;
     w.sigma = swcaller::kDefaultNoiseSigma;
     w.seed = swcaller::kDefaultNoiseSeed;
-    sw::Image clean = swio::read_image(image_path).image;
-    w.clean = swcaller::Image(clean.rows, clean.cols);
-    w.clean.pixels = std::move(clean.pixels);
+    swio::ImageFile file = swio::read_image(image_path);
+    w.clean = swcaller::Image(file.image.rows, file.image.cols);
+    w.clean.pixels = std::move(file.image.pixels);
+    // The workload's noise is in [0, 1] units: integer images are scaled.
+    if (sw::is_integer(file.type)) {
+        for (double& v : w.clean.pixels) v /= sw::type_highest(file.type);
+    }
     const swcaller::NoiseKernel kernel = swcaller::binomial_kernel();
     w.noisy = swcaller::add(
         w.clean, swcaller::coloured_noise(w.clean.rows, w.clean.cols, kernel, w.sigma, w.seed));

@@ -5,7 +5,7 @@
 # out/fast.png and out/denoised.png. Arguments: [sigma [seed]].
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-sigma=${1:-0.1}
+sigma=${1:-25.5}
 seed=${2:-20240607}
 need=()
 for p in libpng-dev libtiff-dev libcli11-dev zlib1g-dev cmake g++; do
@@ -23,7 +23,7 @@ mkdir -p "$out"
 printf '1 2 1\n2 4 2\n1 2 1\n' > "$out/kernel.txt"
 "$sw" simulate "$root/data/camera.png" "$out/noisy.npy" --sigma "$sigma" \
   --kernel "$out/kernel.txt" --seed "$seed"
-"$sw" convert "$out/noisy.npy" "$out/noisy.png"
+"$sw" convert "$out/noisy.npy" "$out/noisy.png" --type uint8
 echo "image  data/camera.png (512 x 512), coloured noise sigma $sigma (3x3 binomial kernel), seed $seed"
 printf 'noisy     '; "$sw" compare "$out/noisy.npy" "$root/data/camera.png"
 for preset in fast default; do
@@ -32,7 +32,7 @@ for preset in fast default; do
   "$sw" denoise "$out/noisy.npy" "$out/$name.npy" --kernel "$out/kernel.txt" --sigma "$sigma" \
     --preset "$preset" --quiet
   end=$(date +%s.%N)
-  "$sw" convert "$out/$name.npy" "$out/$name.png"
+  "$sw" convert "$out/$name.npy" "$out/$name.png" --type uint8
   printf '%-9s ' "$preset"
   "$sw" compare "$out/$name.npy" "$root/data/camera.png" | tr -d '\n'
   awk -v s="$start" -v e="$end" 'BEGIN { printf "   (%.2f s)\n", e - s }'

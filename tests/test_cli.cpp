@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "array_io.h"
-#include "image_io.h"
+#include "io/array_io.h"
+#include "io/image_io.h"
 #include "shapewiener/denoise.h"
 
 namespace {
@@ -52,14 +52,14 @@ protected:
     fs::path dir_;
 };
 
-// Values on the integer levels of `top`, in [0, 1], with extremes.
-sw::Image levels(uint32_t rows, uint32_t cols, double top) {
+// Stored values of a type with range [lo, hi], extremes included.
+sw::Image levels(uint32_t rows, uint32_t cols, double lo, double hi) {
     sw::Image img{rows, cols, std::vector<double>(static_cast<size_t>(rows) * cols)};
     for (size_t p = 0; p < img.pixels.size(); ++p) {
-        img.pixels[p] = std::fmod(static_cast<double>(p * 7919 % 100003), top + 1) / top;
+        img.pixels[p] = lo + std::fmod(static_cast<double>(p * 7919 % 100003), hi - lo + 1);
     }
-    img.pixels[0] = 0.0;
-    img.pixels[1] = 1.0;
+    img.pixels[0] = lo;
+    img.pixels[1] = hi;
     return img;
 }
 
@@ -94,40 +94,50 @@ void write_c_order_npy(const std::string& path, const sw::Image& img, bool singl
     }
 }
 
-TEST_F(Cli, FormatsRoundTrip) {
-    const sw::Image eight = levels(7, 5, 255), sixteen = levels(6, 9, 65535);
+TEST_F(Cli, FormatsRoundTripAsStored) {
+    using T = sw::SampleType;
     struct Case {
         const char* name;
         sw::Image image;
-        swio::SampleKind kind;
-        double tolerance;
+        T type;
     } cases[] = {
-        {"a.png", eight, swio::SampleKind::kUint8, 0.0},
-        {"b.png", sixteen, swio::SampleKind::kUint16, 0.0},
-        {"c.tif", eight, swio::SampleKind::kUint8, 0.0},
-        {"d.tiff", sixteen, swio::SampleKind::kUint16, 0.0},
-        {"e.tif", levels(4, 3, 1000), swio::SampleKind::kFloat32, 1e-7},
-        {"f.npy", levels(5, 8, 1e6), swio::SampleKind::kFloat64, 0.0},
+        {"a.png", levels(7, 5, 0, 255), T::kUint8},
+        {"b.png", levels(6, 9, 0, 65535), T::kUint16},
+        {"c.tif", levels(7, 5, 0, 255), T::kUint8},
+        {"d.tiff", levels(6, 9, -32768, 32767), T::kInt16},
+        {"e.tif", levels(4, 3, -1e6, 1e6), T::kFloat32},
+        {"f.tif", sw::Image{1, 2, {0.1, -1e300}}, T::kFloat64},
+        {"g.npy", levels(5, 8, -128, 127), T::kInt8},
+        {"h.npy", levels(5, 8, 0, 4294967295.0), T::kUint32},
+        {"i.npy", sw::Image{1, 2, {-9007199254740992.0, 3}}, T::kInt64},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        swio::write_image(path(c.name), path(c.name), c.image, c.kind);
+        swio::write_image(path(c.name), path(c.name), c.image, c.type);
         const swio::ImageFile back = swio::read_image(path(c.name));
-        EXPECT_EQ(back.kind, c.kind);
-        expect_same(back.image, c.image, c.tolerance);
+        EXPECT_EQ(back.type, c.type);
+        sw::Image expected = c.image;
+        sw::to_type(&expected.pixels, c.type);
+        expect_same(back.image, expected, 0.0);
     }
     // NumPy's C order, float32 and float64.
-    const sw::Image x = levels(3, 4, 1e6);
+    const sw::Image x = levels(3, 4, 0, 1e6);
     for (bool single : {false, true}) {
         write_c_order_npy(path("c_order.npy"), x, single);
         const swio::ImageFile back = swio::read_image(path("c_order.npy"));
-        EXPECT_EQ(back.kind, single ? swio::SampleKind::kFloat32 : swio::SampleKind::kFloat64);
-        expect_same(back.image, x, single ? 1e-7 : 0.0);
+        EXPECT_EQ(back.type, single ? T::kFloat32 : T::kFloat64);
+        expect_same(back.image, x, 0.0);
     }
-    // Integer formats round and clip.
-    sw::Image out_of_range{1, 3, {-0.5, 2.0, 0.5}};
-    swio::write_image(path("clip.png"), path("clip.png"), out_of_range, swio::SampleKind::kUint8);
-    expect_same(swio::read_image(path("clip.png")).image, sw::Image{1, 3, {0.0, 1.0, 128 / 255.0}}, 1e-15);
+    // Integer types round halves to even and clip; a NaN has no integer value.
+    sw::Image rounding{1, 6, {-0.5, 300.0, 2.5, 3.5, 127.49, 0.5}};
+    swio::write_image(path("clip.png"), path("clip.png"), rounding, T::kUint8);
+    expect_same(swio::read_image(path("clip.png")).image, sw::Image{1, 6, {0, 255, 2, 4, 127, 0}}, 0.0);
+    // ... and a failed write leaves neither the file nor its temporary.
+    const auto files = std::distance(fs::directory_iterator(dir_), fs::directory_iterator());
+    EXPECT_THROW(swio::write_atomically(path("nan.tif"), [&](const std::string& temp) {
+        swio::write_image(temp, path("nan.tif"), sw::Image{1, 1, {NAN}}, T::kUint16);
+    }), std::runtime_error);
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), files);
     // Text arrays: rows per line.
     std::ofstream(path("k.txt")) << "# kernel\n1 2 3\n4 5 6\n";
     const swio::Array2 k = swio::read_array(path("k.txt"));
@@ -137,7 +147,7 @@ TEST_F(Cli, FormatsRoundTrip) {
 }
 
 TEST_F(Cli, RefusalsAreOneLineAndWriteNothing) {
-    swio::write_image(path("grey.png"), path("grey.png"), levels(20, 20, 255), swio::SampleKind::kUint8);
+    swio::write_image(path("grey.png"), path("grey.png"), levels(20, 20, 0, 255), sw::SampleType::kUint8);
     {  // An RGB PNG and an RGB TIFF.
         std::vector<unsigned char> rgb(4 * 4 * 3, 100);
         png_image png;
@@ -189,7 +199,7 @@ TEST_F(Cli, RefusalsAreOneLineAndWriteNothing) {
     }
     // No temporary file is left behind either.
     for (const auto& e : fs::directory_iterator(dir_)) {
-        EXPECT_EQ(e.path().filename().string().find(".shapewiener-"), std::string::npos);
+        EXPECT_NE(e.path().filename().string().substr(0, 3), ".sw");
     }
 }
 
@@ -197,7 +207,7 @@ TEST_F(Cli, DenoiseGivesTheLibrarysBits) {
     // Coloured noise by `simulate`, denoised by the command line and by the library.
     sw::Image clean{40, 36, std::vector<double>(40 * 36)};
     for (size_t p = 0; p < clean.pixels.size(); ++p) clean.pixels[p] = (p % 40) < 17 ? 0.25 : 0.7;
-    swio::write_image(path("clean.npy"), path("clean.npy"), clean, swio::SampleKind::kFloat64);
+    swio::write_image(path("clean.npy"), path("clean.npy"), clean, sw::SampleType::kFloat64);
     std::ofstream(path("k.txt")) << "1 2 1\n2 4 2\n1 2 1\n";
     ASSERT_EQ(run("simulate " + path("clean.npy") + " " + path("noisy.npy") + " --sigma 0.1 --kernel " +
                   path("k.txt") + " --seed 3"), 0);
@@ -205,16 +215,38 @@ TEST_F(Cli, DenoiseGivesTheLibrarysBits) {
     std::string err;
     ASSERT_EQ(run("denoise " + path("noisy.npy") + " " + path("out.npy") + " --kernel " + path("k.txt") +
                   " --sigma 0.1 --reference " + path("clean.npy"), &err), 0) << err;
-    EXPECT_NE(err.find("PSNR noisy"), std::string::npos) << err;
+    EXPECT_NE(err.find("PSNR (peak 1) noisy"), std::string::npos) << err;
     const sw::Image cli = swio::read_image(path("out.npy")).image;
     const sw::Image lib = sw::denoise(noisy, sw::NoiseModel::from_kernel({1, 2, 1, 2, 4, 2, 1, 2, 1}, 3, 3, 0.1));
     ASSERT_EQ(cli.pixels.size(), lib.pixels.size());
     EXPECT_EQ(0, std::memcmp(cli.pixels.data(), lib.pixels.data(), lib.pixels.size() * sizeof(double)));
 
     ASSERT_EQ(run("compare " + path("out.npy") + " " + path("clean.npy")), 0);
-    // A PNG output of a float input is 16-bit.
-    ASSERT_EQ(run("denoise " + path("noisy.npy") + " " + path("out.png") + " --sigma 0.1 --preset fast --quiet"), 0);
-    EXPECT_EQ(swio::read_image(path("out.png")).kind, swio::SampleKind::kUint16);
+}
+
+TEST_F(Cli, EightBitImagesTakeSigmaInGreyLevels) {
+    // An 8-bit PNG with sigma 25 grey levels: the library's estimate of the
+    // stored values, rounded to uint8; and no warning.
+    sw::Image clean{48, 40, std::vector<double>(48 * 40)};
+    for (size_t p = 0; p < clean.pixels.size(); ++p) clean.pixels[p] = (p % 48) < 20 ? 60 : 190;
+    swio::write_image(path("clean.png"), path("clean.png"), clean, sw::SampleType::kUint8);
+    ASSERT_EQ(run("simulate " + path("clean.png") + " " + path("noisy.png") + " --sigma 25 --type uint8"), 0);
+    const swio::ImageFile noisy = swio::read_image(path("noisy.png"));
+    std::string err;
+    ASSERT_EQ(run("denoise " + path("noisy.png") + " " + path("out.png") + " --sigma 25 --preset fast --reference " +
+                  path("clean.png"), &err), 0) << err;
+    EXPECT_EQ(err.find("warning"), std::string::npos) << err;
+    EXPECT_NE(err.find("PSNR (peak 255)"), std::string::npos) << err;
+    const swio::ImageFile cli = swio::read_image(path("out.png"));
+    EXPECT_EQ(cli.type, sw::SampleType::kUint8);
+    sw::DenoiseOptions fast;
+    fast.preset = "fast";
+    sw::Image lib = sw::denoise(noisy.image, sw::NoiseModel::white(25), fast);
+    sw::to_type(&lib.pixels, sw::SampleType::kUint8);
+    EXPECT_EQ(cli.image.pixels, lib.pixels);
+    // The same file with a sigma in [0, 1] units runs, with the guard's warning.
+    ASSERT_EQ(run("denoise " + path("noisy.png") + " " + path("out2.png") + " --sigma 0.1 --quiet", &err), 0);
+    EXPECT_NE(err.find("did you mean 25.5?"), std::string::npos) << err;
 }
 
 TEST_F(Cli, FilterReproducesTheSharedWorkload) {

@@ -19,6 +19,7 @@
 #include "denoise/pipeline.h"
 #include "denoise/scales.h"
 #include "shape/shape.h"
+#include "shapewiener/units.h"
 
 namespace {
 
@@ -207,6 +208,38 @@ TEST(NoiseAndImage, BadInputsAreRejectedWithTheirIdentifiers) {
         } catch (const sw::DenoiseError& e) {
             EXPECT_STREQ(e.error().identifier, c.id) << e.what();
             EXPECT_GT(std::strlen(e.what()), 20u);
+        }
+    }
+}
+
+TEST(NoiseAndImage, ImplausibleLevelsGetAWarningNamingTheMistake) {
+    using T = sw::SampleType;
+    struct Case {
+        double lo, hi;
+        T type;
+        sw::NoiseModel noise;
+        const char* says;  // "" for no warning
+    } cases[] = {
+        {0, 255, T::kUint8, sw::NoiseModel::white(0.1), "sigma 0.1 on uint8 values 0..255: noise levels are in the image's units; did you mean 25.5?"},
+        {3, 250, T::kUint8, sw::NoiseModel::from_kernel({1, 2}, 1, 2, 0.5), "did you mean 127.5?"},
+        {0, 60000, T::kUint16, sw::NoiseModel::white(0.02), "did you mean 1311?"},
+        {0.02, 0.97, T::kFloat64, sw::NoiseModel::white(25), "did you mean 0.09804 (25/255)?"},
+        {-1e3, 1e3, T::kFloat32, sw::NoiseModel::from_psd({4e8, 4e8}), "larger than the value range"},
+        {0, 1e3, T::kFloat64, sw::NoiseModel::white(1e-5), "below 1e-4 of the value range"},
+        // Plausible levels, and models the denoiser refuses anyway.
+        {0, 255, T::kUint8, sw::NoiseModel::white(25), ""},
+        {0, 255, T::kUint8, sw::NoiseModel::white(1), ""},
+        {0.1, 0.9, T::kFloat64, sw::NoiseModel::white(0.1), ""},
+        {7, 7, T::kUint16, sw::NoiseModel::white(3), ""},
+        {0, 1, T::kFloat64, sw::NoiseModel::white(0), ""},
+        {0, 1, T::kFloat64, sw::NoiseModel::from_psd({}), ""},
+    };
+    for (const Case& c : cases) {
+        const std::string w = sw::noise_warning(c.lo, c.hi, c.type, c.noise);
+        if (*c.says == '\0') {
+            EXPECT_EQ(w, "") << c.lo << ".." << c.hi;
+        } else {
+            EXPECT_NE(w.find(c.says), std::string::npos) << w;
         }
     }
 }

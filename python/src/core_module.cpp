@@ -19,6 +19,10 @@
 #include "shapewiener/filter.h"
 #if defined(SHAPEWIENER_HAVE_DENOISE)
 #include "shapewiener/denoise.h"
+#include "shapewiener/units.h"
+#endif
+#if defined(SHAPEWIENER_HAVE_IO)
+#include "io/image_io.h"
 #endif
 
 namespace py = pybind11;
@@ -280,6 +284,81 @@ py::tuple denoise_call(py::array_t<double> image, const std::string& noise,
     r["seconds"] = report.seconds;
     return py::make_tuple(out, r);
 }
+
+// The unit rule's pieces: a sample type by NumPy's name.
+sw::SampleType type_of(const std::string& name) {
+    sw::SampleType type;
+    if (!sw::type_from_name(name, &type)) {
+        raise_error("shapewiener:image:type",
+                    ("'" + name + "' is not a sample type the library stores "
+                     "(uint8, int8, ..., uint64, int64, float32, float64).").c_str());
+    }
+    return type;
+}
+
+// sw::to_type on a float64 array of any shape: the values as stored in
+// `type`, still float64.
+py::array_t<double> to_type_call(py::array_t<double, py::array::c_style | py::array::forcecast> values,
+                                 const std::string& type) {
+    const sw::SampleType t = type_of(type);
+    py::array_t<double> out(values.request().shape);
+    const double* in = values.data();
+    double* o = out.mutable_data();
+    try {
+        for (py::ssize_t k = 0; k < values.size(); ++k) o[k] = sw::to_type(in[k], t);
+    } catch (const std::domain_error& e) {
+        raise_error("shapewiener:image:notFinite", e.what());
+    }
+    return out;
+}
+
+py::object noise_warning_call(double value_min, double value_max, const std::string& type,
+                              const std::string& noise, double sigma, py::object kernel,
+                              py::object psd) {
+    const std::string w =
+        sw::noise_warning(value_min, value_max, type_of(type), model_of(noise, sigma, kernel, psd));
+    if (w.empty()) return py::none();
+    return py::str(w);
+}
+#endif
+
+#if defined(SHAPEWIENER_HAVE_IO) && defined(SHAPEWIENER_HAVE_DENOISE)
+// The command line's reader: (column-major float64 array, type name).
+py::tuple read_image_call(const std::string& path, uint64_t bytes_per_pixel) {
+    swio::ImageFile f;
+    std::string error;
+    {
+        py::gil_scoped_release release;
+        try {
+            f = swio::read_image(path, bytes_per_pixel);
+        } catch (const std::exception& e) {
+            error = e.what();
+        }
+    }
+    if (!error.empty()) raise_error("shapewiener:file:read", error.c_str());
+    return py::make_tuple(owned_matrix(std::move(f.image.pixels), f.image.rows, f.image.cols),
+                          std::string(sw::type_name(f.type)));
+}
+
+// Writes a 2-D array stored as `type` (to_type's rounding), atomically;
+// the output folder is checked first.
+void write_image_call(const std::string& path, py::array_t<double> image, const std::string& type) {
+    const sw::SampleType t = type_of(type);
+    const sw::Image img = image_of(image);
+    std::string error;
+    {
+        py::gil_scoped_release release;
+        try {
+            swio::check_output_path(path);
+            swio::write_atomically(path, [&](const std::string& temp) {
+                swio::write_image(temp, path, img, t);
+            });
+        } catch (const std::exception& e) {
+            error = e.what();
+        }
+    }
+    if (!error.empty()) raise_error("shapewiener:file:write", error.c_str());
+}
 #endif
 
 }  // namespace
@@ -307,7 +386,29 @@ PYBIND11_MODULE(_core, m) {
         }
     }, "The border a tile needs around the pixels it keeps, for a preset.");
     m.attr("have_denoise") = true;
+    m.def("to_type", &to_type_call, py::arg("values"), py::arg("type"),
+          "Values as stored in a sample type (integers: halves to even, clipped to the range), "
+          "as float64.");
+    m.def("noise_warning", &noise_warning_call, py::arg("value_min"), py::arg("value_max"),
+          py::arg("type"), py::arg("noise"), py::arg("sigma"), py::arg("kernel"), py::arg("psd"),
+          "The plausibility guard's warning for this noise on these values, or None.");
+    m.def("denoise_bytes_per_pixel", &sw::denoise_bytes_per_pixel,
+          "Estimated bytes a denoise call needs per pixel with a preset.");
+    m.def("size_refusal", [](uint64_t rows, uint64_t cols, uint64_t bytes_per_pixel) -> py::object {
+        const std::string r = sw::size_refusal(rows, cols, bytes_per_pixel);
+        if (r.empty()) return py::none();
+        return py::str(r);
+    }, "Why a rows x cols image needing that many bytes a pixel cannot be processed, or None.");
 #else
     m.attr("have_denoise") = false;
+#endif
+#if defined(SHAPEWIENER_HAVE_IO) && defined(SHAPEWIENER_HAVE_DENOISE)
+    m.def("read_image", &read_image_call, py::arg("path"), py::arg("bytes_per_pixel") = 0,
+          "Reads an image file as stored: (column-major float64 array, type name).");
+    m.def("write_image", &write_image_call, py::arg("path"), py::arg("image"), py::arg("type"),
+          "Writes a 2-D array to an image file stored as `type`, atomically.");
+    m.attr("have_io") = true;
+#else
+    m.attr("have_io") = false;
 #endif
 }

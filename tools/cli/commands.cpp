@@ -2,17 +2,18 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <filesystem>
 #include <stdexcept>
 #include <string>
 
-#include "array_io.h"
+#include "io/array_io.h"
 #include "caller/coloured_noise.h"
-#include "image_io.h"
+#include "io/image_io.h"
 #include "shapewiener/denoise.h"
+#include "shapewiener/units.h"
 
 namespace swcli {
 namespace {
@@ -32,11 +33,34 @@ double psnr(const sw::Image& a, const sw::Image& b, double peak) {
     return 10.0 * std::log10(peak * peak / mse);
 }
 
-void check_output_name(const std::string& path) {
-    if (!swio::known_image_extension(path)) {
-        throw std::runtime_error(path + ": unknown image format '" + swio::extension_of(path) +
-                                 "' (use .png, .tif, .tiff or .npy)");
+// The PSNR's peak for a reference stored as `type`: an integer type's
+// range (255 for uint8), 1 for float.
+double default_peak(sw::SampleType type) {
+    return sw::is_integer(type) ? sw::type_highest(type) - sw::type_lowest(type) : 1.0;
+}
+
+// The output's sample type: `name`, or the input's when empty; checked
+// against the output's format before any work.
+sw::SampleType output_type(const std::string& name, sw::SampleType input, const std::string& output) {
+    sw::SampleType type = input;
+    if (!name.empty() && !sw::type_from_name(name, &type)) {
+        throw std::runtime_error("--type " + name +
+                                 ": not a sample type (uint8, uint16, int16, float32, float64, ...)");
     }
+    if (!swio::format_holds(output, type)) {
+        throw std::runtime_error(output + ": PNG holds uint8 or uint16 samples, not " +
+                                 std::string(sw::type_name(type)) +
+                                 "; write .tif or .npy, or give --type uint8 or --type uint16");
+    }
+    return type;
+}
+
+// Prints the plausibility guard's warning, if any.
+void warn_implausible(const sw::Image& image, sw::SampleType type, const sw::NoiseModel& noise) {
+    if (image.pixels.empty()) return;
+    const auto [lo, hi] = std::minmax_element(image.pixels.begin(), image.pixels.end());
+    const std::string warning = sw::noise_warning(*lo, *hi, type, noise);
+    if (!warning.empty()) std::fprintf(stderr, "shapewiener: warning: %s\n", warning.c_str());
 }
 
 // A progress bar on stderr, drawn only when stderr is a terminal.
@@ -66,25 +90,11 @@ private:
 
 }  // namespace
 
-void write_atomically(const std::string& path, const std::function<void(const std::string&)>& write) {
-    const std::filesystem::path target(path);
-    const std::filesystem::path temp =
-        target.parent_path() /
-        (".shapewiener-" + std::to_string(getpid()) + "-" + target.filename().string());
-    try {
-        write(temp.string());
-        std::filesystem::rename(temp, target);
-    } catch (...) {
-        std::error_code ignored;
-        std::filesystem::remove(temp, ignored);
-        throw;
-    }
-}
-
 int run_denoise(const DenoiseArgs& a) {
-    check_output_name(a.output);
+    swio::check_output_path(a.output);
     const auto start = std::chrono::steady_clock::now();
-    const swio::ImageFile input = swio::read_image(a.input);
+    const swio::ImageFile input = swio::read_image(a.input, sw::denoise_bytes_per_pixel(a.preset));
+    const sw::SampleType out_type = output_type(a.type, input.type, a.output);
     sw::NoiseModel noise;
     if (!a.psd.empty()) {
         swio::Array2 p = swio::read_array(a.psd);
@@ -101,8 +111,9 @@ int run_denoise(const DenoiseArgs& a) {
     } else {
         noise = sw::NoiseModel::white(a.sigma);
     }
-    sw::Image reference;
-    if (!a.reference.empty()) reference = swio::read_image(a.reference).image;
+    warn_implausible(input.image, input.type, noise);
+    swio::ImageFile reference;
+    if (!a.reference.empty()) reference = swio::read_image(a.reference);
 
     sw::DenoiseOptions options;
     options.preset = a.preset;
@@ -113,8 +124,8 @@ int run_denoise(const DenoiseArgs& a) {
         input.image, noise, options,
         [&bar](double fraction, const char* phase) { return bar(fraction, phase); }, &report);
     bar.finish();
-    write_atomically(a.output, [&](const std::string& temp) {
-        swio::write_image(temp, a.output, output, swio::output_kind(a.output, input.kind));
+    swio::write_atomically(a.output, [&](const std::string& temp) {
+        swio::write_image(temp, a.output, output, out_type);
     });
     if (!a.quiet) {
         const double total =
@@ -126,22 +137,23 @@ int run_denoise(const DenoiseArgs& a) {
                      report.passes, static_cast<unsigned long long>(report.key_changes),
                      report.seconds, total);
         if (!a.reference.empty()) {
-            std::fprintf(stderr, "PSNR noisy %.2f dB, denoised %.2f dB\n",
-                         psnr(input.image, reference, 1.0), psnr(output, reference, 1.0));
+            const double peak = default_peak(reference.type);
+            std::fprintf(stderr, "PSNR (peak %g) noisy %.2f dB, denoised %.2f dB\n", peak,
+                         psnr(input.image, reference.image, peak),
+                         psnr(output, reference.image, peak));
         }
     }
     return 0;
 }
 
 int run_simulate(const SimulateArgs& a) {
-    const std::string ext = swio::extension_of(a.output);
-    if (ext != ".npy" && ext != ".tif" && ext != ".tiff") {
-        throw std::runtime_error(a.output + ": simulate writes float images: use .npy or .tif");
-    }
+    swio::check_output_path(a.output);
+    const sw::SampleType out_type = output_type(a.type, sw::SampleType::kFloat64, a.output);
     if (!std::isfinite(a.sigma) || a.sigma < 0.0) {
         throw std::runtime_error("--sigma must be a finite number of at least 0");
     }
-    const swio::ImageFile input = swio::read_image(a.input);
+    const swio::ImageFile input = swio::read_image(a.input, 24);
+    warn_implausible(input.image, input.type, sw::NoiseModel::white(a.sigma));
     swcaller::NoiseKernel kernel = swcaller::white_kernel();
     if (!a.kernel.empty()) {
         const swio::Array2 k = swio::read_array(a.kernel);
@@ -165,24 +177,25 @@ int run_simulate(const SimulateArgs& a) {
         swcaller::coloured_noise(input.image.rows, input.image.cols, kernel, a.sigma, a.seed);
     sw::Image noisy = input.image;
     for (size_t p = 0; p < noisy.pixels.size(); ++p) noisy.pixels[p] += noise.pixels[p];
-    write_atomically(a.output, [&](const std::string& temp) {
-        swio::write_image(temp, a.output, noisy, swio::SampleKind::kFloat64);
+    swio::write_atomically(a.output, [&](const std::string& temp) {
+        swio::write_image(temp, a.output, noisy, out_type);
     });
     return 0;
 }
 
 int run_compare(const CompareArgs& a) {
     const sw::Image x = swio::read_image(a.a).image;
-    const sw::Image y = swio::read_image(a.b).image;
-    std::printf("PSNR %.4f dB\n", psnr(x, y, a.peak));
+    const swio::ImageFile y = swio::read_image(a.b);
+    std::printf("PSNR %.4f dB\n", psnr(x, y.image, a.peak > 0.0 ? a.peak : default_peak(y.type)));
     return 0;
 }
 
 int run_convert(const ConvertArgs& a) {
-    check_output_name(a.output);
+    swio::check_output_path(a.output);
     const swio::ImageFile input = swio::read_image(a.input);
-    write_atomically(a.output, [&](const std::string& temp) {
-        swio::write_image(temp, a.output, input.image, swio::output_kind(a.output, input.kind));
+    const sw::SampleType type = output_type(a.type, input.type, a.output);
+    swio::write_atomically(a.output, [&](const std::string& temp) {
+        swio::write_image(temp, a.output, input.image, type);
     });
     return 0;
 }

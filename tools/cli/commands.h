@@ -5,7 +5,6 @@
 #define SHAPEWIENER_TOOLS_COMMANDS_H
 
 #include <cstdint>
-#include <functional>
 #include <string>
 
 namespace swcli {
@@ -16,6 +15,7 @@ struct DenoiseArgs {
     bool has_sigma = false;
     std::string kernel, psd, reference;
     std::string preset = "default";
+    std::string type;  // output sample type; "": the input's
     unsigned threads = 0;
     bool quiet = false;
 };
@@ -25,17 +25,19 @@ struct SimulateArgs {
     std::string input, output, kernel;
     double sigma = 0.0;
     uint32_t seed = 20240607;
+    std::string type = "float64";
 };
 int run_simulate(const SimulateArgs& a);
 
 struct CompareArgs {
     std::string a, b;
-    double peak = 1.0;
+    double peak = 0.0;  // 0: the reference's type range (integer), else 1
 };
 int run_compare(const CompareArgs& a);
 
 struct ConvertArgs {
     std::string input, output;
+    std::string type;  // "": the input's
 };
 int run_convert(const ConvertArgs& a);
 
@@ -48,11 +50,6 @@ struct FilterArgs {
     unsigned threads = 0;
 };
 int run_filter(const FilterArgs& a);
-
-// Writes a file atomically: `write` gets a temporary name in the same
-// folder, which is renamed onto `path` only when `write` returns; on any
-// error the temporary file is removed and `path` is left untouched.
-void write_atomically(const std::string& path, const std::function<void(const std::string&)>& write);
 
 }  // namespace swcli
 

@@ -13,21 +13,22 @@
 int main(int argc, char** argv) {
     CLI::App app{
         "shapewiener: denoises grey-scale images corrupted by white or coloured (correlated)\n"
-        "Gaussian noise. Images: .png (8/16-bit grey), .tif/.tiff (8/16-bit, 32-bit float),\n"
-        ".npy (float32/float64). Integer images are scaled to [0, 1] on input, and noise\n"
-        "levels are then in those units; float images are used as they are."};
+        "Gaussian noise. Images: .png (8/16-bit grey), .tif/.tiff (integers of 8 to 64 bits,\n"
+        "32/64-bit float), .npy (the same types).\n"
+        "Units: values are used as stored, and noise levels are in the image's own units:\n"
+        "an 8-bit image's sigma in grey levels 0..255, a 16-bit one's in 0..65535, a float\n"
+        "image's in its values. Outputs keep the input's type unless --type says otherwise\n"
+        "(integers rounded, clipped to the type's range)."};
     app.require_subcommand(1);
 
     swcli::DenoiseArgs d;
     CLI::App* denoise = app.add_subcommand("denoise", "denoise an image");
     denoise->add_option("INPUT", d.input, "noisy image (.png, .tif, .npy)")->required();
-    denoise->add_option("OUTPUT", d.output,
-                        "denoised image (.npy: float64; .tif: the input's sample type, float "
-                        "as float32; .png: the input's bit depth, 16 for float input)")
+    denoise->add_option("OUTPUT", d.output, "denoised image (.png, .tif, .npy), in the input's type")
         ->required();
     CLI::Option* sigma = denoise->add_option(
         "--sigma", d.sigma,
-        "noise standard deviation per pixel, in the image's units: white noise, or with "
+        "noise standard deviation per pixel, in the image's units (0..255 for 8-bit): white noise, or with "
         "--kernel the coloured noise sigma * (k conv w) / ||k||");
     CLI::Option* kernel = denoise->add_option(
         "--kernel", d.kernel, "noise kernel k (.npy or text: whitespace-separated rows); needs --sigma");
@@ -42,14 +43,22 @@ int main(int argc, char** argv) {
         ->capture_default_str();
     denoise->add_option("--threads", d.threads, "worker threads (0: all)")->capture_default_str();
     denoise->add_option("--reference", d.reference, "clean image: print the PSNR before and after");
+    denoise->add_option("--type", d.type,
+                        "output sample type (uint8, uint16, int16, float32, float64, ...); "
+                        "default: the input's");
     denoise->add_flag("--quiet", d.quiet, "no progress bar and no summary");
 
     swcli::SimulateArgs s;
     CLI::App* simulate = app.add_subcommand(
         "simulate", "add Gaussian noise (white, or coloured by a kernel) to an image");
     simulate->add_option("INPUT", s.input, "clean image")->required();
-    simulate->add_option("OUTPUT", s.output, "noisy image, float: .npy or .tif")->required();
-    simulate->add_option("--sigma", s.sigma, "noise standard deviation per pixel")->required();
+    simulate->add_option("OUTPUT", s.output, "noisy image (.npy, .tif; .png with --type)")->required();
+    simulate->add_option("--sigma", s.sigma,
+                         "noise standard deviation per pixel, in the image's units")
+        ->required();
+    simulate->add_option("--type", s.type,
+                         "output sample type; integers round and clip the noisy values")
+        ->capture_default_str();
     simulate->add_option("--kernel", s.kernel, "colouring kernel (.npy or text); white without");
     simulate->add_option("--seed", s.seed, "seed of the noise generator")->capture_default_str();
 
@@ -57,13 +66,17 @@ int main(int argc, char** argv) {
     CLI::App* compare = app.add_subcommand("compare", "PSNR of image A against reference B");
     compare->add_option("A", c.a, "image")->required();
     compare->add_option("B", c.b, "reference image")->required();
-    compare->add_option("--peak", c.peak, "peak value of the PSNR")->capture_default_str();
+    compare->add_option("--peak", c.peak,
+                        "peak value of the PSNR; default: B's type range for an integer "
+                        "reference (255 for 8-bit), 1 for float");
 
     swcli::ConvertArgs v;
     CLI::App* convert = app.add_subcommand(
-        "convert", "convert an image between formats (integer formats round and clip to [0, 1])");
+        "convert", "convert an image between formats, values kept as stored");
     convert->add_option("INPUT", v.input, "image")->required();
     convert->add_option("OUTPUT", v.output, "image (.png, .tif, .npy)")->required();
+    convert->add_option("--type", v.type,
+                        "output sample type; default: the input's (integers round and clip)");
 
     swcli::FilterArgs f;
     CLI::App* filter = app.add_subcommand(

@@ -14,8 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "array_io.h"
 #include "commands.h"
+#include "io/array_io.h"
+#include "io/image_io.h"
 #include "denoise/module.h"
 
 namespace swcli {
@@ -97,6 +98,7 @@ int run_filter(const FilterArgs& a) {
     if (swio::extension_of(a.output) != ".npy") {
         throw std::runtime_error(a.output + ": filter writes .npy files");
     }
+    swio::check_output_path(a.output);
     const fs::path dir(a.folder);
     const std::vector<double> scale_set = read_values<double>(dir / "scaleset.f64");
     const std::vector<uint8_t> dsm = read_values<uint8_t>(dir / "dsm.u8");
@@ -171,7 +173,7 @@ int run_filter(const FilterArgs& a) {
 
     std::vector<double> output(rows * cols);
     swdenoise::run_module(call, output.data(), a.threads, {});
-    write_atomically(a.output, [&](const std::string& temp) {
+    swio::write_atomically(a.output, [&](const std::string& temp) {
         swio::write_npy(temp, static_cast<uint32_t>(rows), static_cast<uint32_t>(cols), output);
     });
     return 0;

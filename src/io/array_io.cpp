@@ -1,4 +1,4 @@
-#include "array_io.h"
+#include "io/array_io.h"
 
 #include <algorithm>
 #include <cctype>
@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <sys/stat.h>
 
 namespace swio {
 namespace {
@@ -48,7 +49,53 @@ std::string extension_of(const std::string& path) {
     return ext;
 }
 
-Array2 read_npy(const std::string& path) {
+void check_size(const std::string& path, uint64_t rows, uint64_t cols, uint64_t bytes_per_pixel) {
+    const std::string refusal = sw::size_refusal(rows, cols, bytes_per_pixel);
+    if (!refusal.empty()) bad(path, refusal);
+}
+
+size_t type_width(sw::SampleType type) {
+    switch (type) {
+        case sw::SampleType::kUint8: case sw::SampleType::kInt8: return 1;
+        case sw::SampleType::kUint16: case sw::SampleType::kInt16: return 2;
+        case sw::SampleType::kUint32: case sw::SampleType::kInt32: case sw::SampleType::kFloat32: return 4;
+        default: return 8;
+    }
+}
+
+double load_value(const unsigned char* b, sw::SampleType type) {
+    switch (type) {
+        case sw::SampleType::kUint8: return b[0];
+        case sw::SampleType::kInt8: return static_cast<int8_t>(b[0]);
+        case sw::SampleType::kUint16: { uint16_t v; std::memcpy(&v, b, 2); return v; }
+        case sw::SampleType::kInt16: { int16_t v; std::memcpy(&v, b, 2); return v; }
+        case sw::SampleType::kUint32: { uint32_t v; std::memcpy(&v, b, 4); return v; }
+        case sw::SampleType::kInt32: { int32_t v; std::memcpy(&v, b, 4); return v; }
+        case sw::SampleType::kUint64: { uint64_t v; std::memcpy(&v, b, 8); return static_cast<double>(v); }
+        case sw::SampleType::kInt64: { int64_t v; std::memcpy(&v, b, 8); return static_cast<double>(v); }
+        case sw::SampleType::kFloat32: { float v; std::memcpy(&v, b, 4); return v; }
+        case sw::SampleType::kFloat64: { double v; std::memcpy(&v, b, 8); return v; }
+    }
+    return 0.0;
+}
+
+void store_value(double value, sw::SampleType type, unsigned char* b) {
+    const double v = sw::to_type(value, type);
+    switch (type) {
+        case sw::SampleType::kUint8: b[0] = static_cast<uint8_t>(v); break;
+        case sw::SampleType::kInt8: b[0] = static_cast<unsigned char>(static_cast<int8_t>(v)); break;
+        case sw::SampleType::kUint16: { const uint16_t s = static_cast<uint16_t>(v); std::memcpy(b, &s, 2); break; }
+        case sw::SampleType::kInt16: { const int16_t s = static_cast<int16_t>(v); std::memcpy(b, &s, 2); break; }
+        case sw::SampleType::kUint32: { const uint32_t s = static_cast<uint32_t>(v); std::memcpy(b, &s, 4); break; }
+        case sw::SampleType::kInt32: { const int32_t s = static_cast<int32_t>(v); std::memcpy(b, &s, 4); break; }
+        case sw::SampleType::kUint64: { const uint64_t s = static_cast<uint64_t>(v); std::memcpy(b, &s, 8); break; }
+        case sw::SampleType::kInt64: { const int64_t s = static_cast<int64_t>(v); std::memcpy(b, &s, 8); break; }
+        case sw::SampleType::kFloat32: { const float s = static_cast<float>(v); std::memcpy(b, &s, 4); break; }
+        case sw::SampleType::kFloat64: std::memcpy(b, &v, 8); break;
+    }
+}
+
+Array2 read_npy(const std::string& path, uint64_t bytes_per_pixel) {
     std::ifstream in(path, std::ios::binary);
     if (!in) bad(path, std::string("cannot open: ") + std::strerror(errno));
     char magic[8];
@@ -75,19 +122,29 @@ Array2 read_npy(const std::string& path) {
     std::string descr = dict_value(header, "descr", path);
     descr.erase(std::remove(descr.begin(), descr.end(), '\''), descr.end());
     Array2 a;
-    size_t width = 0;
-    if (descr == "<f8" || descr == "=f8") {
-        a.kind = SampleKind::kFloat64, width = 8;
-    } else if (descr == "<f4" || descr == "=f4") {
-        a.kind = SampleKind::kFloat32, width = 4;
-    } else if (descr == "|u1" || descr == "<u1") {
-        a.kind = SampleKind::kUint8, width = 1;
-    } else if (descr == "<u2" || descr == "=u2") {
-        a.kind = SampleKind::kUint16, width = 2;
-    } else {
-        bad(path, "unsupported .npy data type '" + descr +
-                      "' (float32, float64, uint8 or uint16, little-endian)");
+    // Byte order ('<', '>', '|' or '='), kind and width: "<u2", "|i1", ">f8".
+    const char order = descr.empty() ? '?' : descr[0];
+    const std::string code = descr.size() > 1 ? descr.substr(1) : "";
+    static const struct { const char* code; sw::SampleType type; } kCodes[] = {
+        {"u1", sw::SampleType::kUint8}, {"i1", sw::SampleType::kInt8},
+        {"u2", sw::SampleType::kUint16}, {"i2", sw::SampleType::kInt16},
+        {"u4", sw::SampleType::kUint32}, {"i4", sw::SampleType::kInt32},
+        {"u8", sw::SampleType::kUint64}, {"i8", sw::SampleType::kInt64},
+        {"f4", sw::SampleType::kFloat32}, {"f8", sw::SampleType::kFloat64}};
+    bool known = false;
+    for (const auto& k : kCodes) {
+        if (code == k.code) a.type = k.type, known = true;
     }
+    if (!known || (order != '<' && order != '>' && order != '|' && order != '=')) {
+        const char kind = code.empty() ? '?' : code[0];
+        bad(path, "unsupported .npy data type '" + descr + "'" +
+                      (kind == 'c' ? ": complex values are not an image"
+                       : kind == 'b' ? ": a bool array is not an image"
+                                     : "") +
+                      " (integers of 8 to 64 bits, float32 or float64)");
+    }
+    const size_t width = type_width(a.type);
+    const bool swap = order == '>' && width > 1;
     const bool fortran = dict_value(header, "fortran_order", path).find("True") != std::string::npos;
     const std::string shape = dict_value(header, "shape", path);
     std::vector<uint64_t> dims;
@@ -105,8 +162,16 @@ Array2 read_npy(const std::string& path) {
         bad(path, "has " + std::to_string(dims.size()) +
                       " dimensions; a grey-scale image or array needs 2 (colour is not supported)");
     }
-    if (dims[0] > 0xffffffffu || dims[1] > 0xffffffffu || dims[0] * dims[1] > (1ull << 34)) {
-        bad(path, "array too large");
+    if (dims[0] > 0xffffffffu || dims[1] > 0xffffffffu) bad(path, "array too large");
+    check_size(path, dims[0], dims[1], std::max<uint64_t>(bytes_per_pixel, 8 + width));
+    // The data the header announces must be in the file.
+    struct stat st;
+    const uint64_t data_at = static_cast<uint64_t>(in.tellg());
+    if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+        static_cast<uint64_t>(st.st_size) < data_at + dims[0] * dims[1] * width) {
+        bad(path, "truncated .npy data: the header announces " + std::to_string(dims[0]) + " x " +
+                      std::to_string(dims[1]) + " values of " + std::to_string(width) +
+                      " bytes, the file holds " + std::to_string(st.st_size) + " bytes");
     }
     a.rows = static_cast<uint32_t>(dims[0]);
     a.cols = static_cast<uint32_t>(dims[1]);
@@ -120,13 +185,13 @@ Array2 read_npy(const std::string& path) {
         // Element k of the file; its (row, col) depends on the order.
         const size_t row = fortran ? k % a.rows : k / a.cols;
         const size_t col = fortran ? k / a.rows : k % a.cols;
-        const unsigned char* b = raw.data() + k * width;
-        double v = 0.0;
-        switch (a.kind) {
-            case SampleKind::kFloat64: { double d; std::memcpy(&d, b, 8); v = d; break; }
-            case SampleKind::kFloat32: { float f; std::memcpy(&f, b, 4); v = f; break; }
-            case SampleKind::kUint8: v = b[0]; break;
-            case SampleKind::kUint16: v = b[0] | (b[1] << 8); break;
+        unsigned char* b = raw.data() + k * width;
+        if (swap) std::reverse(b, b + width);
+        const double v = load_value(b, a.type);
+        if ((a.type == sw::SampleType::kUint64 || a.type == sw::SampleType::kInt64) &&
+            std::fabs(v) > 9007199254740992.0) {
+            bad(path, "holds the 64-bit integer " + std::to_string(static_cast<long double>(v)) +
+                          ", beyond 2^53: a double cannot hold it exactly");
         }
         a.values[row + col * a.rows] = v;
     }
@@ -134,14 +199,20 @@ Array2 read_npy(const std::string& path) {
 }
 
 void write_npy(const std::string& path, uint32_t rows, uint32_t cols,
-               const std::vector<double>& values) {
-    std::string header = "{'descr': '<f8', 'fortran_order': True, 'shape': (" +
-                         std::to_string(rows) + ", " + std::to_string(cols) + "), }";
+               const std::vector<double>& values, sw::SampleType type) {
+    static const char* const kDescr[] = {"|u1", "|i1", "<u2", "<i2", "<u4",
+                                         "<i4", "<u8", "<i8", "<f4", "<f8"};
+    std::string header = std::string("{'descr': '") + kDescr[static_cast<int>(type)] +
+                         "', 'fortran_order': True, 'shape': (" + std::to_string(rows) + ", " +
+                         std::to_string(cols) + "), }";
     // Magic (6) + version (2) + length (2) + header, padded with spaces to a
     // multiple of 64 bytes and closed by a newline.
     const size_t total = (10 + header.size() + 1 + 63) / 64 * 64;
     header.append(total - 10 - header.size() - 1, ' ');
     header.push_back('\n');
+    const size_t width = type_width(type);
+    std::vector<unsigned char> data(values.size() * width);
+    for (size_t k = 0; k < values.size(); ++k) store_value(values[k], type, data.data() + k * width);
     std::ofstream out(path, std::ios::binary);
     if (!out) bad(path, std::string("cannot create: ") + std::strerror(errno));
     const unsigned char prefix[10] = {0x93, 'N', 'U', 'M', 'P', 'Y', 1, 0,
@@ -149,10 +220,9 @@ void write_npy(const std::string& path, uint32_t rows, uint32_t cols,
                                       static_cast<unsigned char>(header.size() >> 8)};
     out.write(reinterpret_cast<const char*>(prefix), 10);
     out.write(header.data(), static_cast<std::streamsize>(header.size()));
-    out.write(reinterpret_cast<const char*>(values.data()),
-              static_cast<std::streamsize>(values.size() * sizeof(double)));
+    out.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
     out.close();
-    if (!out) bad(path, "write failed");
+    if (!out) bad(path, std::string("write failed: ") + std::strerror(errno));
 }
 
 Array2 read_text(const std::string& path) {
