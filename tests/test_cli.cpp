@@ -5,6 +5,8 @@
 
 #include <png.h>
 #include <tiffio.h>
+#include <unistd.h>
+#include <zlib.h>
 
 #include <cmath>
 #include <cstdio>
@@ -12,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -146,8 +149,68 @@ TEST_F(Cli, FormatsRoundTripAsStored) {
     EXPECT_EQ(k.values, (std::vector<double>{1, 4, 2, 5, 3, 6}));
 }
 
-TEST_F(Cli, RefusalsAreOneLineAndWriteNothing) {
-    swio::write_image(path("grey.png"), path("grey.png"), levels(20, 20, 0, 255), sw::SampleType::kUint8);
+// A PNG whose header claims width x height 8-bit grey pixels, with one
+// tiny data chunk: about 100 bytes.
+void write_giant_png(const std::string& path, uint32_t width, uint32_t height) {
+    std::string bytes("\x89PNG\r\n\x1a\n", 8);
+    const auto chunk = [&bytes](const char* type, const std::string& data) {
+        const uint32_t n = static_cast<uint32_t>(data.size());
+        const std::string body = std::string(type, 4) + data;
+        for (int s = 24; s >= 0; s -= 8) bytes += static_cast<char>(n >> s);
+        bytes += body;
+        const uLong crc = crc32(0, reinterpret_cast<const Bytef*>(body.data()), static_cast<uInt>(body.size()));
+        for (int s = 24; s >= 0; s -= 8) bytes += static_cast<char>(crc >> s);
+    };
+    std::string ihdr;
+    for (uint32_t v : {width, height}) {
+        for (int s = 24; s >= 0; s -= 8) ihdr += static_cast<char>(v >> s);
+    }
+    ihdr += std::string("\x08\x00\x00\x00\x00", 5);
+    chunk("IHDR", ihdr);
+    unsigned char packed[64];
+    uLongf packed_size = sizeof packed;
+    const unsigned char zeros[16] = {0};
+    compress(packed, &packed_size, zeros, sizeof zeros);
+    chunk("IDAT", std::string(reinterpret_cast<char*>(packed), packed_size));
+    chunk("IEND", "");
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+// A TIFF whose header claims side x side 8-bit pixels in one strip,
+// holding one row.
+void write_giant_tiff(const std::string& path, uint32_t side) {
+    TIFF* t = TIFFOpen(path.c_str(), "w");
+    TIFFSetField(t, TIFFTAG_IMAGEWIDTH, side);
+    TIFFSetField(t, TIFFTAG_IMAGELENGTH, side);
+    TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, 1);
+    TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, 8);
+    TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
+    TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, side);
+    std::vector<unsigned char> row(side, 7);
+    TIFFWriteScanline(t, row.data(), 0, 0);
+    TIFFClose(t);
+}
+
+// Every file of a folder (names below it) and its bytes.
+std::map<std::string, std::string> snapshot(const fs::path& dir) {
+    std::map<std::string, std::string> files;
+    for (const auto& e : fs::recursive_directory_iterator(dir)) {
+        if (!e.is_regular_file()) continue;
+        std::ifstream in(e.path(), std::ios::binary);
+        std::stringstream s;
+        s << in.rdbuf();
+        files[fs::relative(e.path(), dir).string()] = s.str();
+    }
+    return files;
+}
+
+// Hostile inputs: each row a bad input and what it must give; for every
+// row the inputs and the existing outputs stay as they were, and nothing
+// else is left behind (a row that succeeds adds its output only).
+TEST_F(Cli, HostileInputsChangeNothing) {
+    swio::write_image(path("grey.png"), path("grey.png"), levels(40, 40, 0, 255), sw::SampleType::kUint8);
+    swio::write_image(path("float.npy"), path("float.npy"), levels(20, 20, 0, 1), sw::SampleType::kFloat64);
+    swio::write_image(path("keep.tif"), path("keep.tif"), levels(20, 20, 0, 255), sw::SampleType::kUint8);
     {  // An RGB PNG and an RGB TIFF.
         std::vector<unsigned char> rgb(4 * 4 * 3, 100);
         png_image png;
@@ -167,40 +230,94 @@ TEST_F(Cli, RefusalsAreOneLineAndWriteNothing) {
         TIFFClose(t);
     }
     std::ofstream(path("bad.png")) << "not a png";
+    write_giant_png(path("giant.png"), 100000, 100000);
+    write_giant_tiff(path("giant.tif"), 20000);
+    {  // .npy headers claiming more than the file holds, and complex values.
+        std::ofstream(path("short.npy"), std::ios::binary)
+            << std::string("\x93NUMPY\x01\x00\x36\x00", 10)
+            << "{'descr': '<f8', 'fortran_order': False, 'shape': (1000, 1000), }\n";
+        std::ofstream(path("complex.npy"), std::ios::binary)
+            << std::string("\x93NUMPY\x01\x00\x34\x00", 10)
+            << "{'descr': '<c16', 'fortran_order': False, 'shape': (1, 1), }\n" << std::string(16, '\0');
+    }
+    fs::create_directories(path("folder.png"));
+    const std::string long_name = std::string(240, 'n') + ".png";  // 244 characters
+    const bool root = geteuid() == 0;  // a read-only folder does not stop root
+    if (!root) {
+        fs::create_directories(path("ro"));
+        fs::permissions(path("ro"), fs::perms::owner_read | fs::perms::owner_exec);
+    }
+
     struct Case {
         std::string args;
-        const char* says;
+        int exit;          // expected exit code
+        const char* says;  // on stderr
+        const char* writes = nullptr;  // the output a successful row adds
     } cases[] = {
-        {"denoise missing.png OUT --sigma 0.1", "missing.png"},
-        {"denoise bad.png OUT --sigma 0.1", "not a readable PNG"},
-        {"denoise rgb.png OUT --sigma 0.1", "colour"},
-        {"denoise rgb.tif OUT --sigma 0.1", "colour"},
-        {"denoise grey.png OUT --sigma 0", "standard deviation"},
-        {"denoise grey.png OUT --sigma nan", "standard deviation"},
-        {"denoise grey.png OUT", "no noise given"},
-        {"denoise grey.png OUT --kernel k.txt", "--sigma"},
-        {"denoise grey.png OUT --psd grey.png", "grey.png"},
-        {"denoise grey.png OUT --sigma 0.1 --preset slow", "slow"},
+        // Unreadable, unsupported or lying inputs.
+        {"denoise missing.png OUT --sigma 25", 1, "missing.png"},
+        {"denoise bad.png OUT --sigma 25", 1, "not a readable PNG"},
+        {"denoise rgb.png OUT --sigma 25", 1, "colour"},
+        {"denoise rgb.tif OUT --sigma 25", 1, "colour"},
+        {"denoise giant.png OUT --sigma 25", 1, "100000 x 100000 pixels, more than the library's limit"},
+        {"denoise giant.tif OUT --sigma 25", 1, "20000 x 20000 pixels need about"},
+        {"convert giant.tif out.npy", 1, "giant.tif: "},
+        {"denoise short.npy OUT --sigma 25", 1, "truncated .npy data"},
+        {"denoise complex.npy OUT --sigma 25", 1, "complex values are not an image"},
+        // Noise and options.
+        {"denoise grey.png OUT --sigma 0", 1, "standard deviation"},
+        {"denoise grey.png OUT --sigma nan", 1, "standard deviation"},
+        {"denoise grey.png OUT", 1, "no noise given"},
+        {"denoise grey.png OUT --kernel k.txt", 2, "--sigma"},
+        {"denoise grey.png OUT --psd grey.png", 1, "grey.png"},
+        {"denoise grey.png OUT --sigma 25 --preset slow", 2, "slow"},
+        {"denoise grey.png OUT --sigma 25 --type uint9", 1, "not a sample type"},
+        {"denoise float.npy out.png --sigma 0.1", 1, "PNG holds uint8 or uint16 samples, not float64"},
+        // Outputs that cannot be written: refused before any work, or the
+        // write fails and the existing file stays.
+        {"denoise grey.png nodir/out.png --sigma 25", 1, "the output folder"},
+        {"denoise grey.png folder.png --sigma 25", 1, "is a folder"},
+        {"denoise grey.png out.bmp --sigma 25", 1, "unknown image format"},
+        {"ulimit -f 1; denoise grey.png keep.tif --sigma 25", 1, "keep.tif: write failed"},
+        {"ulimit -f 1; convert float.npy keep.tif", 1, "keep.tif: write failed"},
+        {root ? "denoise grey.png nodir/x.png --sigma 25" : "denoise grey.png ro/out.png --sigma 25", 1,
+         root ? "does not exist" : "not writable"},
+        // Runs that must succeed: a 244-character name; noise levels in the
+        // wrong units run with the guard's warning.
+        {"denoise grey.png " + long_name + " --sigma 25 --preset fast", 0, "", "LONG"},
+        {"denoise grey.png out.png --sigma 0.1 --preset fast", 0, "did you mean 25.5?", "out.png"},
+        {"denoise float.npy out.npy --sigma 25 --preset fast", 0, "did you mean 0.09804 (25/255)?", "out.npy"},
     };
-    for (const std::string out : {"out.png", "out.npy"}) {
-        for (const Case& c : cases) {
-            std::string args = c.args;
-            args.replace(args.find("OUT"), 3, path(out));
-            for (const char* name : {"missing.png", "bad.png", "rgb.png", "rgb.tif", "grey.png", "k.txt"}) {
-                const size_t at = args.find(name);
-                if (at != std::string::npos) args.replace(at, std::strlen(name), path(name));
-            }
-            std::string err;
-            EXPECT_NE(run(args, &err), 0) << args;
-            EXPECT_NE(err.find(c.says), std::string::npos) << args << "\n" << err;
-            EXPECT_LE(std::count(err.begin(), err.end(), '\n'), 2) << err;
-            EXPECT_FALSE(fs::exists(path(out))) << args;
+    for (const Case& c : cases) {
+        std::string args = c.args;
+        const size_t out_at = args.find("OUT");
+        if (out_at != std::string::npos) args.replace(out_at, 3, "out.png");
+        const std::string writes = c.writes == nullptr ? "" : std::strcmp(c.writes, "LONG") == 0 ? long_name : c.writes;
+        const auto before = snapshot(dir_);
+        // Run in the folder, SIGXFSZ ignored so that a file size limit fails the write.
+        const size_t semi = args.find("; ");
+        const std::string prefix = semi == std::string::npos ? "" : args.substr(0, semi + 2);
+        const std::string command = "cd " + dir_.string() + " && trap '' XFSZ && " + prefix +
+                                    SHAPEWIENER_CLI + " " + args.substr(prefix.size()) + " 2> ../" +
+                                    dir_.filename().string() + ".err > /dev/null";
+        const int status = std::system(command.c_str());
+        std::ifstream in(dir_.string() + ".err");
+        std::stringstream s;
+        s << in.rdbuf();
+        const std::string err = s.str();
+        fs::remove(dir_.string() + ".err");
+        EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, c.exit) << args << "\n" << err;
+        EXPECT_NE(err.find(c.says), std::string::npos) << args << "\n" << err;
+        EXPECT_LE(std::count(err.begin(), err.end(), '\n'), 2) << err;
+        auto after = snapshot(dir_);
+        if (!writes.empty()) {
+            EXPECT_EQ(after.erase(writes), 1u) << args;
+            fs::remove(path(writes));
         }
+        EXPECT_EQ(after.size(), before.size()) << args;
+        EXPECT_TRUE(after == before) << args << ": an input or an existing output changed";
     }
-    // No temporary file is left behind either.
-    for (const auto& e : fs::directory_iterator(dir_)) {
-        EXPECT_NE(e.path().filename().string().substr(0, 3), ".sw");
-    }
+    if (!root) fs::permissions(path("ro"), fs::perms::owner_all);
 }
 
 TEST_F(Cli, DenoiseGivesTheLibrarysBits) {

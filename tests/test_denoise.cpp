@@ -501,6 +501,14 @@ TEST(Denoise, AnyValueRangeAndSizeDeterministically) {
         }
     }
 
+    // A constant image comes back as it is; noise that swamps everything
+    // never gives the input back.
+    for (const double sigma : {1.0, 1e12}) {
+        const sw::Image flat{rows, cols, std::vector<double>(rows * cols, 0.5)};
+        EXPECT_EQ(sw::denoise(flat, sw::NoiseModel::white(sigma)).pixels, flat.pixels) << sigma;
+    }
+    EXPECT_NE(sw::denoise(noisy, sw::NoiseModel::white(1e12)).pixels, noisy.pixels);
+
     // Tiny images, every preset: finite output of the right size.
     for (const char* preset : {"fast", "default", "best"}) {
         for (const auto& [r, c] : {std::pair{1u, 1u}, std::pair{1u, 7u}, std::pair{5u, 1u}, std::pair{3u, 2u}}) {

@@ -1,5 +1,7 @@
 #include "caller/processing_list.h"
 
+#include "cancel/cancel.h"
+
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
@@ -119,6 +121,7 @@ ProcessingList build_processing_list(uint32_t h, const std::vector<double>& scal
 
     std::string signature(static_cast<size_t>(w) * w + 1, '\0');
     for (uint32_t col = 0; col < cols; ++col) {
+        swcancel::cancel_point();
         for (uint32_t row = 0; row < rows; ++row) {
             uint8_t q[8];
             const uint64_t packed = packed_indices(map, row, col, q);
@@ -206,6 +209,7 @@ ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set
     std::string key;
     const uint32_t reach = h - 1;
     for (uint32_t col = 0; col < cols; ++col) {
+        swcancel::cancel_point();
         for (uint32_t row = 0; row < rows; ++row) {
             uint8_t q[8];
             const uint64_t packed = packed_indices(map, row, col, q);

@@ -5,11 +5,14 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <utility>
 
+#include "cancel/cancel.h"
 #include "denoise/fail.h"
 #include "denoise/module.h"
 #include "denoise/pipeline.h"
+#include "shapewiener/units.h"
 
 namespace swdenoise {
 
@@ -83,6 +86,33 @@ RangeMap working_range(const sw::Image& image, bool normalise) {
 
 namespace {
 
+// The mean of `values` (rows x cols, column-major) over the square of
+// half-width `reach` around each pixel, clipped at the borders: the limit
+// of the estimate where the noise swamps every coefficient of every shape.
+std::vector<double> local_mean(const std::vector<double>& values, uint32_t rows, uint32_t cols,
+                               uint32_t reach) {
+    std::vector<double> mean(values.size());
+    for (uint32_t c = 0; c < cols; ++c) {
+        const uint32_t c0 = c > reach ? c - reach : 0, c1 = std::min(cols - 1, c + reach);
+        for (uint32_t r = 0; r < rows; ++r) {
+            const uint32_t r0 = r > reach ? r - reach : 0, r1 = std::min(rows - 1, r + reach);
+            double sum = 0.0, lo = values[r + static_cast<size_t>(c) * rows], hi = lo;
+            for (uint32_t x = c0; x <= c1; ++x) {
+                for (uint32_t y = r0; y <= r1; ++y) {
+                    const double v = values[y + static_cast<size_t>(x) * rows];
+                    sum += v;
+                    lo = std::min(lo, v);
+                    hi = std::max(hi, v);
+                }
+            }
+            // The rounding of the sum must not take a mean outside its values.
+            const double v = sum / (static_cast<double>(r1 - r0 + 1) * (c1 - c0 + 1));
+            mean[r + static_cast<size_t>(c) * rows] = std::min(hi, std::max(lo, v));
+        }
+    }
+    return mean;
+}
+
 double seconds_since(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
@@ -144,6 +174,10 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     const auto start = std::chrono::steady_clock::now();
     const ProgressSink step(progress);
     step(0.0, "noise");
+    // The stages before the passes poll the callback from their loops.
+    double at = 0.0;
+    const char* stage = "noise";
+    const swcancel::CancelScope cancel([&] { step(at, stage); });
     check_image(image);
     const uint32_t rows = image.rows;
     const uint32_t cols = image.cols;
@@ -170,6 +204,19 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     }
     const sw::Image& input = peaks ? source : image;
 
+    // A constant image (or frame) is its own estimate, whatever the noise.
+    const bool flat = tiled ? tile.value_min == tile.value_max
+                            : std::all_of(input.pixels.begin(), input.pixels.end(),
+                                          [&](double v) { return v == input.pixels[0]; });
+    if (flat) {
+        sw::Image out = input;
+        step(1.0, "done");
+        sw::DenoiseReport done;
+        done.seconds = seconds_since(start);
+        if (report != nullptr) *report = done;
+        return out;
+    }
+
     const RangeMap range = tiled ? working_range(tile.value_min, tile.value_max,
                                                  settings.normalise_range)
                                  : working_range(input, settings.normalise_range);
@@ -181,7 +228,9 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     const std::vector<double> psd = block_psd(r, settings.weighted_psd);
     const bool white = is_white(r);
 
-    step(0.02, "shapes");
+    at = 0.02;
+    stage = "shapes";
+    step(at, stage);
     const swcaller::ShapeArguments shapes =
         settings.adaptive
             ? adaptive_shapes(noisy.pixels.data(), rows, cols, r, settings.rule,
@@ -219,7 +268,16 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
         // the rounding residue of the mean removal can be) where a later
         // entry of the key has a residue and the pilot none: that shape's
         // weight is NaN, and so are its pixels. They keep the pilot's value.
+        // Noise that swamps every coefficient (its estimate's variance
+        // rounds to 0) gives NaN everywhere: then the pass's result is its
+        // limit, the pilot's mean around each pixel, never the pilot itself.
         const std::vector<double>& fallback = pass == 0 ? noisy.pixels : previous;
+        const bool swamped = std::all_of(estimate.begin(), estimate.end(),
+                                         [](double v) { return std::isnan(v); });
+        if (swamped) {
+            const uint32_t h = settings.adaptive ? settings.rule.lengths.back() : settings.square_scale;
+            estimate = local_mean(fallback, rows, cols, h - 1);
+        }
         for (size_t p = 0; p < estimate.size(); ++p) {
             if (std::isnan(estimate[p])) estimate[p] = fallback[p];
         }
@@ -274,8 +332,18 @@ Image denoise(const Image& image, const NoiseModel& noise, const DenoiseOptions&
               const Progress& progress, DenoiseReport* report) {
     swdenoise::Settings settings = swdenoise::preset_settings(options.preset);
     settings.peaks.enabled = settings.peaks.enabled && options.peaks;
-    return swdenoise::run_pipeline(image, noise, settings, options.threads, progress, report,
-                                   options.tile);
+    try {
+        return swdenoise::run_pipeline(image, noise, settings, options.threads, progress, report,
+                                       options.tile);
+    } catch (const std::bad_alloc&) {
+        const double pixels = static_cast<double>(image.rows) * image.cols;
+        swdenoise::fail("shapewiener:memory:allocation",
+                        "cannot allocate " +
+                            format_bytes(pixels * denoise_bytes_per_pixel(options.preset)) +
+                            " for a " + std::to_string(image.rows) + " x " +
+                            std::to_string(image.cols) + " image.",
+                        ErrorCode::kOutOfMemory);
+    }
 }
 
 bool remove_noise_peaks(const Image& image, const NoiseModel& noise, const std::string& preset,

@@ -1,5 +1,7 @@
 #include "denoise/fft.h"
 
+#include "cancel/cancel.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -55,6 +57,7 @@ void transform_2d(Complex* image, uint32_t rows, uint32_t cols, bool inverse) {
     if (rows > 1) {
         Fft1d column(rows);
         for (size_t x = 0; x < cols; ++x) {
+            swcancel::cancel_point();
             Complex* line = image + x * rows;
             inverse ? column.inverse(line) : column.forward(line);
         }
@@ -64,6 +67,7 @@ void transform_2d(Complex* image, uint32_t rows, uint32_t cols, bool inverse) {
         Fft1d row(cols);
         std::vector<Complex> lines(kBatch * cols);
         for (size_t y0 = 0; y0 < rows; y0 += kBatch) {
+            swcancel::cancel_point();
             const size_t count = std::min<size_t>(kBatch, rows - y0);
             for (size_t x = 0; x < cols; ++x) {
                 for (size_t r = 0; r < count; ++r) lines[r * cols + x] = image[y0 + r + x * rows];

@@ -1,5 +1,7 @@
 #include "denoise/noise.h"
 
+#include "cancel/cancel.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -60,6 +62,7 @@ Autocovariance kernel_autocovariance(const sw::NoiseModel& noise, uint32_t rows,
     for (int j = 0; j <= reach_j; ++j) {
         for (int i = -reach_i; i <= reach_i; ++i) {
             if (j == 0 && i < 0) continue;
+            swcancel::cancel_point();
             double sum = 0.0;
             for (int32_t b = 0; b + j < static_cast<int32_t>(kc); ++b) {
                 for (int32_t a = std::max(0, -i); a < static_cast<int32_t>(kr) && a + i < static_cast<int32_t>(kr); ++a) {
@@ -98,6 +101,7 @@ Autocovariance psd_autocovariance(const sw::NoiseModel& noise, uint32_t rows, ui
     const size_t lags_i = static_cast<size_t>(reach_i) + 1;
     std::vector<double> c_part(lags_i * cols), s_part(lags_i * cols);
     for (uint32_t v = 0; v < cols; ++v) {
+        swcancel::cancel_point();
         const double* column = noise.psd.data() + static_cast<size_t>(v) * rows;
         for (int i = 0; i <= reach_i; ++i) {
             double c = 0.0;
@@ -123,6 +127,7 @@ Autocovariance psd_autocovariance(const sw::NoiseModel& noise, uint32_t rows, ui
             double sum = 0.0;
             uint64_t phase = 0;
             for (uint32_t v = 0; v < cols; ++v) {
+                swcancel::cancel_point();
                 sum += c_part[i + lags_i * v] * cv[phase] - s_part[i + lags_i * v] * sv[phase];
                 phase += step;
                 if (phase >= cols) phase -= cols;

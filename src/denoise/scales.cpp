@@ -1,5 +1,7 @@
 #include "denoise/scales.h"
 
+#include "cancel/cancel.h"
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -43,6 +45,7 @@ std::vector<uint8_t> choose_scales(const double* image, uint32_t rows, uint32_t 
         }
         const swcaller::Step step = swcaller::plane_step(d);
         for (uint32_t col = 0; col < cols; ++col) {
+            swcancel::cancel_point();
             for (uint32_t row = 0; row < rows; ++row) {
                 double lower = -std::numeric_limits<double>::infinity();
                 double upper = std::numeric_limits<double>::infinity();

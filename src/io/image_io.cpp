@@ -318,6 +318,8 @@ void write_tiff(const std::string& path, const sw::Image& image, sw::SampleType 
 
 bool is_tiff(const std::string& ext) { return ext == ".tif" || ext == ".tiff"; }
 
+ImageFile read_image_file(const std::string& path, uint64_t bytes_per_pixel);
+
 }  // namespace
 
 bool known_image_extension(const std::string& path) {
@@ -326,6 +328,16 @@ bool known_image_extension(const std::string& path) {
 }
 
 ImageFile read_image(const std::string& path, uint64_t bytes_per_pixel) {
+    try {
+        return read_image_file(path, bytes_per_pixel);
+    } catch (const std::bad_alloc&) {
+        bad(path, "cannot allocate the memory to read it");
+    }
+}
+
+namespace {
+
+ImageFile read_image_file(const std::string& path, uint64_t bytes_per_pixel) {
     const std::string ext = extension_of(path);
     if (ext == ".png") return read_png(path, bytes_per_pixel);
     if (is_tiff(ext)) return read_tiff(path, bytes_per_pixel);
@@ -340,6 +352,8 @@ ImageFile read_image(const std::string& path, uint64_t bytes_per_pixel) {
     }
     bad(path, "unknown image format '" + ext + "' (use .png, .tif, .tiff or .npy)");
 }
+
+}  // namespace
 
 bool format_holds(const std::string& path, sw::SampleType type) {
     if (extension_of(path) != ".png") return true;
@@ -397,6 +411,14 @@ void write_atomically(const std::string& path, const std::function<void(const st
         std::error_code ignored;
         std::filesystem::remove(temp, ignored);
         bad(path, std::string("cannot replace it: ") + e.code().message());
+    } catch (const std::runtime_error& e) {
+        // The writers name the file they write: the user's name instead.
+        std::error_code ignored;
+        std::filesystem::remove(temp, ignored);
+        const std::string what = e.what();
+        const std::string named = temp.string() + ": ";
+        if (what.compare(0, named.size(), named) != 0) throw;
+        bad(path, what.substr(named.size()));
     } catch (...) {
         std::error_code ignored;
         std::filesystem::remove(temp, ignored);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cmath>
 #include <cstdio>
 #include <stdexcept>
@@ -63,12 +64,24 @@ void warn_implausible(const sw::Image& image, sw::SampleType type, const sw::Noi
     if (!warning.empty()) std::fprintf(stderr, "shapewiener: warning: %s\n", warning.c_str());
 }
 
-// A progress bar on stderr, drawn only when stderr is a terminal.
+// Ctrl-C: SIGINT sets the flag; the progress callback, which the library
+// calls on this thread, then cancels the call.
+volatile std::sig_atomic_t interrupted = 0;
+void on_interrupt(int) { interrupted = 1; }
+
+// A progress bar on stderr, drawn only when stderr is a terminal; it also
+// answers a pending Ctrl-C.
 class ProgressBar {
 public:
-    explicit ProgressBar(bool enabled) : enabled_(enabled && isatty(STDERR_FILENO)) {}
-    ~ProgressBar() { finish(); }
+    explicit ProgressBar(bool enabled) : enabled_(enabled && isatty(STDERR_FILENO)) {
+        std::signal(SIGINT, on_interrupt);
+    }
+    ~ProgressBar() {
+        finish();
+        std::signal(SIGINT, SIG_DFL);
+    }
     bool operator()(double fraction, const char* phase) {
+        if (interrupted) return false;
         if (!enabled_) return true;
         const int width = 30;
         const int filled = static_cast<int>(fraction * width + 0.5);

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <exception>
+#include <new>
 #include <string>
 
 #include "commands.h"
@@ -120,6 +121,9 @@ int main(int argc, char** argv) {
         if (filter->parsed()) return swcli::run_filter(f);
     } catch (const sw::DenoiseError& e) {
         std::fprintf(stderr, "shapewiener: error: %s (%s)\n", e.what(), e.error().identifier);
+        return e.error().code == sw::ErrorCode::kInterrupted ? 130 : 1;
+    } catch (const std::bad_alloc&) {
+        std::fprintf(stderr, "shapewiener: error: cannot allocate the memory this needs\n");
         return 1;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "shapewiener: error: %s\n", e.what());
