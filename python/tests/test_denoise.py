@@ -2,7 +2,9 @@
 command line program's bits, the plausibility warning, progress and
 cancelling (the refused calls are in test_hostile.py)."""
 
+import _thread
 import subprocess
+import threading
 import warnings
 
 import numpy as np
@@ -68,10 +70,22 @@ def test_progress_reaches_the_end_and_can_cancel(denoiser):
         denoiser.denoise(z, sigma=12.0, progress=lambda f, phase: f < 0.5)
     assert info.value.identifier.endswith(":interrupted")
 
-    def interrupt(fraction, phase):
-        raise KeyboardInterrupt
+
+
+def test_ctrl_c_in_the_middle_of_a_long_preparation(denoiser):
+    """A kernel as large as the image keeps the noise description busy for
+    seconds before any pass; Ctrl-C 0.1 s into it ends the call there."""
+    rng = np.random.default_rng(0)
+    z, k = rng.random((384, 384)), rng.random((384, 384))
+    seen = []
+
+    def record(fraction, phase):
+        if not seen:
+            threading.Timer(0.1, _thread.interrupt_main).start()
+        seen.append(phase)
     with pytest.raises(KeyboardInterrupt):
-        denoiser.denoise(z, sigma=12.0, progress=interrupt)
+        denoiser.denoise(z, kernel=k, sigma=0.1, threads=1, progress=record)
+    assert set(seen) == {"noise"} and len(seen) > 1, seen
 
 
 @pytest.mark.parametrize("name, stored, options", [
