@@ -199,6 +199,9 @@ def main(argv=None):
     except (Error, OSError) as e:
         sys.stderr.write(f"shapewiener batch: {_message(e)}\n")
         return 2
+    except KeyboardInterrupt:
+        sys.stderr.write("shapewiener batch: interrupted; run it again to resume\n")
+        return 130
     for source, message in failed:
         sys.stderr.write(f"failed: {source}: {message}\n")
     return 1 if failed else 0

@@ -73,15 +73,17 @@ def test_a_batch_reports_a_corrupt_file_mirrors_folders_and_resumes(denoiser, cl
     for name, values in inputs.items():
         _core.write_image(str(src / name), values, values.dtype.name)
     (src / "c.png").write_bytes(b"\x89PNG\r\n\x1a\n not really")
+    np.save(src / "e.npy", z + 1j)            # complex values: refused, not cut to real
+    np.save(src / "f.npy", z > 100)           # a mask: refused, not written back as 0/255
     noise = {"sigma": 12.0, "kernel": None, "psd": None}
     pattern = str(src / "**" / "*.*")
     failed = batch.run(pattern, str(out), noise, preset="fast",
                        scheduler=client.scheduler.address, out=open(os.devnull, "w"))
-    assert [os.path.basename(f) for f, _ in failed] == ["c.png"]
-    assert "\n" not in failed[0][1]
+    assert sorted(os.path.basename(f) for f, _ in failed) == ["c.png", "e.npy", "f.npy"]
+    assert all("\n" not in message and "http" not in message for _, message in failed)
     for name, values in inputs.items():
         written, stored = _core.read_image(str(out / name))
         expected = denoiser.denoise(values, **noise, preset="fast")
         assert stored == values.dtype.name, name
         assert written.astype(stored).tobytes(order="F") == expected.tobytes(order="F"), name
-    assert batch.plan(pattern, str(out)) == ([(str(src / "c.png"), str(out / "c.png"))], 4)
+    assert batch.plan(pattern, str(out))[1] == 4
