@@ -18,7 +18,7 @@ endif()
 set(SHAPEWIENER_OCTAVE_DIR ${CMAKE_BINARY_DIR}/octave)
 set(SHAPEWIENER_OCTAVE_MEX ${SHAPEWIENER_OCTAVE_DIR}/shapewiener.mex)
 set(SHAPEWIENER_OCTAVE_CXXFLAGS
-    "-O2 -std=c++17 -ffp-contract=off -fno-fast-math -Wall -Wextra -Werror")
+    "-O2 -std=c++17 -ffp-contract=off -fno-fast-math -Wno-psabi -Wall -Wextra -Werror")
 # The gateway is compiled against Octave's mex.h and linked with the same
 # core library that every other front end links.
 add_custom_command(

@@ -27,6 +27,8 @@ list(APPEND _package_inputs ${SHAPEWIENER_CORE_HEADERS}
      ${PROJECT_SOURCE_DIR}/octave/shapewiener.m
      ${PROJECT_SOURCE_DIR}/octave/package/DESCRIPTION.in
      ${PROJECT_SOURCE_DIR}/octave/package/INDEX
+     ${PROJECT_SOURCE_DIR}/octave/package/pre_install.m
+     ${PROJECT_SOURCE_DIR}/VERSION
      ${PROJECT_SOURCE_DIR}/octave/package/Makefile
      ${PROJECT_SOURCE_DIR}/cmake/mex_exports.map
      ${PROJECT_SOURCE_DIR}/LICENSE)

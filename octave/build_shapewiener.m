@@ -92,7 +92,7 @@ function mexfile = compile_gateway(name, sources, include, root, outdir)
     end
     args = [args, {'-o', mexfile}];
     old_flags = getenv('CXXFLAGS');
-    setenv('CXXFLAGS', '-O2 -std=c++17 -ffp-contract=off -fno-fast-math -Wall');
+    setenv('CXXFLAGS', '-O2 -std=c++17 -ffp-contract=off -fno-fast-math -Wno-psabi -Wall');
     try
       [output, status] = mkoctfile(args{:});
     catch err

@@ -3,8 +3,7 @@
 #
 # Usage: make_package.sh <outdir> [<version>]
 #   <outdir>   folder that receives the tarball (created if needed)
-#   <version>  package version; default: the VERSION of project() in the
-#              top-level CMakeLists.txt
+#   <version>  package version; default: the file VERSION at the top
 # The sources are the library's (src/sources.txt) and the MEX gateway.
 #
 # Install and use in Octave:
@@ -12,7 +11,7 @@
 #   pkg load shapewiener
 #   help shapewiener
 #
-# The package holds DESCRIPTION, COPYING, INDEX, inst/shapewiener.m and
+# The package holds DESCRIPTION, COPYING, INDEX, pre_install.m, inst/shapewiener.m and
 # inst/shapewiener_denoise.m (the help texts) and src/ with the library's
 # sources, the gateways and a Makefile, which `pkg install` runs to compile
 # shapewiener.mex and shapewiener_denoise.mex with the installing Octave's
@@ -31,8 +30,7 @@ if [ $# -ge 1 ]; then
   version=$1
   shift
 else
-  version=$(sed -n 's/^project(shapewiener[[:space:]]\{1,\}VERSION[[:space:]]\{1,\}\([0-9.]\{1,\}\).*/\1/p' \
-            "$root/CMakeLists.txt")
+  version=$(head -n 1 "$root/VERSION")
 fi
 if ! [[ $version =~ ^[0-9]+(\.[0-9]+)*$ ]]; then
   echo "$0: no usable version ('$version'); pass it as the second argument" >&2
@@ -65,6 +63,8 @@ mkdir -p "$pkg/inst" "$pkg/src"
 sed -e "s/@VERSION@/$version/" -e "s/@DATE@/$date/" "$here/package/DESCRIPTION.in" \
   > "$pkg/DESCRIPTION"
 cp "$root/LICENSE" "$pkg/COPYING"
+# pkg install runs pre_install.m first: it announces the compilation.
+cp "$here/package/pre_install.m" "$pkg/pre_install.m"
 for h in "${helps[@]}"; do
   cp "$here/$h" "$pkg/inst/$h"
 done

@@ -51,7 +51,9 @@ function varargout = shapewiener_denoise(varargin)
 %   than is available).
 %
 %   Example:
-%     z = double(imread('cameraman.tif')) / 255;   % any grey-scale image
+%     [x, y] = meshgrid(linspace(0, 1, 128));      % a test image: a disc on a
+%     z = 0.2 + 0.3 * y + 0.4 * ((x - 0.5).^2 + (y - 0.5).^2 < 0.1);  % ramp
+%     % (or any grey-scale image: z = double(imread(file)) / 255)
 %     k = [1 2 1; 2 4 2; 1 2 1];                   % noise colouring kernel
 %     n = conv2(randn(size(z)), k, 'same') / norm(k(:));
 %     noisy = z + 0.1 * n;

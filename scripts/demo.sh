@@ -12,9 +12,15 @@ for p in libpng-dev libtiff-dev libcli11-dev zlib1g-dev cmake g++; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || need+=("$p")
 done
 [ ${#need[@]} -eq 0 ] || "$root/scripts/install_deps.sh" --demo
+sw="$root/build/tools/shapewiener"
+if [ -x "$sw" ]; then
+  echo "Bringing build/tools/shapewiener up to date..."
+else
+  echo "Building the shapewiener command line into build/ (Release; the first time takes about"
+  echo "2 minutes on 2 cores, later runs only rebuild what changed)..."
+fi
 cmake -S "$root" -B "$root/build" -DCMAKE_BUILD_TYPE=Release > /dev/null
 cmake --build "$root/build" -j "$(nproc)" --target shapewiener > /dev/null
-sw="$root/build/tools/shapewiener"
 out="$root/out"
 mkdir -p "$out"
 

@@ -13,6 +13,8 @@ elif [ "${1:-}" != "--demo" ]; then
   # The Python module and its suite (pybind11, pytest, NumPy, Dask, image I/O).
   packages+=(python3-dev pybind11-dev python3-pybind11 python3-pytest python3-numpy python3-dask
              python3-distributed python3-skimage python3-imageio)
+  # The install checks: the man page, pip into a virtual environment, man -l.
+  packages+=(help2man python3-venv python3-pip python3-setuptools python3-wheel man-db git)
 fi
 missing=()
 for p in "${packages[@]}"; do

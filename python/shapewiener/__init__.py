@@ -15,5 +15,5 @@ from ._denoise import denoise, remove_noise_peaks
 from ._filter import filter  # noqa: A004 - the module's own name
 from .errors import Error
 
-__version__ = "0.1.0"
+from ._version import __version__
 __all__ = ["denoise", "remove_noise_peaks", "filter", "Error"]

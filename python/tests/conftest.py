@@ -1,5 +1,5 @@
-"""Shared fixtures. Outside CI a missing optional piece (the shared workloads,
-the command-line program, Dask) skips the tests that need it; under CI=true
+"""Shared fixtures. Outside CI a missing optional piece (the
+command-line program, Dask) skips the tests that need it; under CI=true
 it fails them."""
 
 import glob
@@ -12,7 +12,7 @@ import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ.get("SHAPEWIENER_BUILD_DIR", ROOT / "build"))
-WORKLOADS = ROOT.parent / "shared" / "workloads"
+WORKLOADS = ROOT / "tests" / "data" / "workloads"
 
 
 def need(condition, what):

@@ -1,4 +1,4 @@
-// The adaptive-shape workloads of the shared workload folder (two real calls
+// The adaptive-shape workloads (tests/data/workloads: two real calls
 // with the SHA-256 of their outputs), as plain FilterCalls: for the tests
 // that pin every path's bits to them and for the benchmarks.
 #ifndef SHAPEWIENER_TESTS_SUPPORT_SHARED_WORKLOAD_H
@@ -15,7 +15,7 @@ namespace swtest {
 
 class SharedWorkload {
 public:
-    // Reads `folder` (e.g. ../shared/workloads/adaptive_h9; the image and
+    // Reads `folder` (e.g. tests/data/workloads/adaptive_h9; the image and
     // the spectrum come from its parent). Throws std::runtime_error when a
     // file is missing or short.
     explicit SharedWorkload(const std::string& folder);
@@ -49,7 +49,7 @@ private:
 std::string output_sha256(const std::vector<double>& output);
 
 // The folder of the shared workloads: $SHAPEWIENER_WORKLOADS, else
-// `fallback` (../shared/workloads beside the repository); empty when the
+// `fallback` (tests/data/workloads for the tests); empty when the
 // folder does not exist.
 std::string shared_workload_root(const std::string& fallback);
 

@@ -10,6 +10,7 @@
 
 #include "commands.h"
 #include "shapewiener/denoise.h"
+#include "shapewiener/version.h"
 
 int main(int argc, char** argv) {
     CLI::App app{
@@ -21,6 +22,7 @@ int main(int argc, char** argv) {
         "image's in its values. Outputs keep the input's type unless --type says otherwise\n"
         "(integers rounded, clipped to the type's range)."};
     app.require_subcommand(1);
+    app.set_version_flag("--version", "shapewiener " SHAPEWIENER_VERSION);
 
     swcli::DenoiseArgs d;
     CLI::App* denoise = app.add_subcommand("denoise", "denoise an image");
@@ -82,8 +84,9 @@ int main(int argc, char** argv) {
     swcli::FilterArgs f;
     CLI::App* filter = app.add_subcommand(
         "filter",
-        "run the raw filter module on a folder of arguments (the layout of the shared "
-        "workloads: scaleset.f64, dsm.u8[.gz], list.i32[.gz], transforms.f64, masks.u8)");
+        "run the raw filter module on a folder of arguments (the layout of "
+        "tests/data/workloads/adaptive_h7: scaleset.f64, dsm.u8[.gz], list.i32[.gz], "
+        "transforms.f64, masks.u8)");
     filter->add_option("DIR", f.folder, "folder of arguments")->required();
     filter->add_option("OUTPUT", f.output, "output image, .npy (float64)")->required();
     filter->add_option("--noisy", f.noisy, "noisy image (.f64 raw or .npy); default: the *_noisy.f64 beside DIR");
