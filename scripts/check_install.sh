@@ -87,6 +87,7 @@ import shapewiener
 noisy, cli = (np.load(p) for p in sys.argv[1:])
 assert np.array_equal(shapewiener.denoise(noisy, sigma=0.1, preset="fast"), cli)
 PY
+echo "pip: version $version from /tmp; the shapewiener command gives the installed program's bits and shapewiener.denoise's"
 cd "$root"
 
 step "README commands in the clone"
