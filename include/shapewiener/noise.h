@@ -1,0 +1,61 @@
+// shapewiener: the noise of an image estimated from the image itself, for
+// denoising when the caller has no description of the noise.
+#ifndef SHAPEWIENER_NOISE_H
+#define SHAPEWIENER_NOISE_H
+
+#include <cstdint>
+#include <vector>
+
+#include "shapewiener/denoise.h"
+
+namespace sw {
+
+struct NoiseEstimateOptions {
+    // Worker threads as in DenoiseOptions (0: SHAPEWIENER_THREADS or all).
+    // The result has the same bits for every count.
+    unsigned threads = 0;
+};
+
+// The estimated noise. The noise is taken to be stationary: one power
+// spectrum for the whole image.
+struct NoiseEstimate {
+    uint32_t rows = 0;  // the image's size
+    uint32_t cols = 0;
+    // Full-size power spectrum in the convention of NoiseModel::from_psd:
+    // rows x cols, column-major, DC at (0, 0), unshifted, in the image's
+    // units, its mean the per-pixel variance.
+    std::vector<double> psd;
+    double sigma = 0.0;  // per-pixel standard deviation, sqrt(mean(psd))
+    // Side of the square blocks the spectrum was read from (32 for images
+    // of at least 64 x 64 pixels, down to 8): the spectrum's resolution is
+    // about 1 / block cycles per pixel, interpolated in between.
+    uint32_t block = 0;
+    // Fraction of the blocks whose content looks like noise alone: near 1
+    // for pure noise, small for an image with few flat parts (then the
+    // estimate leans on few blocks and may read texture as noise).
+    double usable_fraction = 0.0;
+    // Whether the spectrum is flat within its sampling error.
+    bool white = false;
+
+    NoiseModel model() const { return NoiseModel::from_psd(psd); }
+};
+
+// Estimates the noise of `image` (at least 16 x 16 pixels, NaN/Inf-free).
+// Method: the image is cut into half-overlapping blocks; each block's
+// window-weighted least-squares plane is removed and its windowed
+// periodogram taken. The blocks whose periodograms lie lowest against a
+// per-frequency low quantile (the flattest blocks, judged over all
+// frequencies at once) are averaged, with a fixed factor that undoes the
+// bias of choosing the lowest, and the block-sized spectrum is
+// interpolated to the image's size. Narrow peaks, which the blocks blur,
+// take their shape from the whole image's periodogram.
+// Progress phase: "noise estimate". Throws DenoiseError:
+// "shapewiener:image:<reason>" (empty, size, notFinite, tooLarge, tooSmall),
+// "shapewiener:denoise:interrupted".
+NoiseEstimate estimate_noise(const Image& image,
+                             const NoiseEstimateOptions& options = NoiseEstimateOptions(),
+                             const Progress& progress = Progress());
+
+}  // namespace sw
+
+#endif  // SHAPEWIENER_NOISE_H

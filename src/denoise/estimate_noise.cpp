@@ -1,0 +1,428 @@
+#include "shapewiener/noise.h"
+
+#include <algorithm>
+#include <cmath>
+#include <complex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "denoise/fail.h"
+#include "denoise/fft.h"
+#include "driver/parallel.h"
+
+namespace swdenoise {
+namespace {
+
+const double kPi = 3.14159265358979323846;
+
+// The per-frequency low quantile that judges the blocks, and its factor
+// for an exponentially distributed periodogram value: -ln(1 - q).
+const double kQuantile = 0.25;
+// Share of the blocks averaged (the flattest), at least kMinChosen of them.
+const double kChosenShare = 0.15;
+const size_t kMinChosen = 8;
+// The mean periodogram of the chosen blocks of pure noise is this fraction
+// of the noise's spectrum (choosing the lowest blocks also chooses low noise
+// values); measured on white and low-pass noise of 256 x 256 to 1024 x 1024.
+const double kChoiceBias = 0.89;
+// A block whose judging statistic exceeds the largest chosen one by at most
+// this (natural log of an energy ratio) counts as usable.
+const double kUsableMargin = 0.25;
+
+void check_input(const sw::Image& image) {
+    if (image.rows == 0 || image.cols == 0) {
+        fail("shapewiener:image:empty", "the image is empty.");
+    }
+    const uint64_t count = static_cast<uint64_t>(image.rows) * image.cols;
+    if (image.pixels.size() != count) {
+        fail("shapewiener:image:size", "the image has " + std::to_string(image.pixels.size()) +
+                                           " values for " + std::to_string(image.rows) + " x " +
+                                           std::to_string(image.cols) + " pixels.");
+    }
+    if (count > 2147483647u) {
+        fail("shapewiener:image:tooLarge", "the image has more than 2^31 - 1 pixels.");
+    }
+    if (image.rows < 16 || image.cols < 16) {
+        fail("shapewiener:image:tooSmall",
+             "estimating the noise needs an image of at least 16 x 16 pixels, got " +
+                 std::to_string(image.rows) + " x " + std::to_string(image.cols) + ".");
+    }
+    for (size_t p = 0; p < image.pixels.size(); ++p) {
+        if (!std::isfinite(image.pixels[p])) {
+            fail("shapewiener:image:notFinite",
+                 "the image has a NaN or Inf value at row " + std::to_string(p % image.rows + 1) +
+                     ", column " + std::to_string(p / image.rows + 1) + ".");
+        }
+    }
+}
+
+// First rows (or columns) of the blocks along an axis of length n: every
+// step pixels, and one more flush with the end when the steps miss it.
+std::vector<uint32_t> block_starts(uint32_t n, uint32_t block) {
+    std::vector<uint32_t> starts;
+    const uint32_t step = block / 2;
+    for (uint32_t s = 0; s + block <= n; s += step) starts.push_back(s);
+    if (starts.back() + block < n) starts.push_back(n - block);
+    return starts;
+}
+
+// The k-th smallest of values (copied).
+double order_statistic(std::vector<double> values, size_t k) {
+    std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(k), values.end());
+    return values[k];
+}
+
+
+// Periodic bilinear interpolation of a b x b spectrum onto a rows x cols
+// frequency grid (both column-major, DC at (0, 0)).
+std::vector<double> interpolate(const std::vector<double>& coarse, uint32_t b, uint32_t rows, uint32_t cols) {
+    std::vector<double> along(static_cast<size_t>(rows) * b);  // rows x b
+    for (uint32_t v = 0; v < b; ++v) {
+        for (uint32_t u = 0; u < rows; ++u) {
+            const uint64_t pos = static_cast<uint64_t>(u) * b;
+            const uint32_t i0 = static_cast<uint32_t>(pos / rows);
+            const double t = static_cast<double>(pos % rows) / rows;
+            along[u + static_cast<size_t>(rows) * v] = (1.0 - t) * coarse[i0 + static_cast<size_t>(b) * v] +
+                                                       t * coarse[(i0 + 1) % b + static_cast<size_t>(b) * v];
+        }
+    }
+    std::vector<double> fine(static_cast<size_t>(rows) * cols);
+    for (uint32_t x = 0; x < cols; ++x) {
+        const uint64_t pos = static_cast<uint64_t>(x) * b;
+        const uint32_t j0 = static_cast<uint32_t>(pos / cols);
+        const uint32_t j1 = (j0 + 1) % b;
+        const double t = static_cast<double>(pos % cols) / cols;
+        for (uint32_t u = 0; u < rows; ++u) {
+            fine[u + static_cast<size_t>(rows) * x] =
+                (1.0 - t) * along[u + static_cast<size_t>(rows) * j0] + t * along[u + static_cast<size_t>(rows) * j1];
+        }
+    }
+    return fine;
+}
+
+// Median of the 5 x 5 periodic neighbourhood of every value of a b x b grid.
+std::vector<double> median5(const std::vector<double>& grid, uint32_t b) {
+    std::vector<double> out(grid.size());
+    std::vector<double> near(25);
+    for (uint32_t v = 0; v < b; ++v) {
+        for (uint32_t u = 0; u < b; ++u) {
+            size_t n = 0;
+            for (uint32_t dv = 0; dv < 5; ++dv)
+                for (uint32_t du = 0; du < 5; ++du)
+                    near[n++] = grid[(u + b + du - 2) % b + static_cast<size_t>(b) * ((v + b + dv - 2) % b)];
+            out[u + static_cast<size_t>(b) * v] = order_statistic(near, 12);
+        }
+    }
+    return out;
+}
+
+// The cell of the b-point grid that full-size index i of n belongs to
+// (cells centred on the grid's frequencies).
+uint32_t cell_of(uint32_t i, uint32_t n, uint32_t b) {
+    return static_cast<uint32_t>(((static_cast<uint64_t>(i) * b + n / 2) / n) % b);
+}
+
+// Narrow peaks: a block spectrum of b x b frequencies blurs a peak narrower
+// than a cell. Cells standing more than kPeakFactor above the median of
+// their 5 x 5 neighbourhood (away from the lowest frequencies, where the
+// image's own spectrum is steep), with their neighbours, get the shape of
+// the whole image's periodogram (smoothed; its own smooth level taken off),
+// scaled so that these cells keep the block spectrum's total power.
+const double kPeakFactor = 4.0;
+const double kPeakSmoothing = 2.0;  // Gaussian, in full-size frequency bins
+
+void refine_peaks(const sw::Image& image, const std::vector<double>& coarse, uint32_t b,
+                  std::vector<double>* psd) {
+    const uint32_t rows = image.rows;
+    const uint32_t cols = image.cols;
+    const std::vector<double> level = median5(coarse, b);
+    std::vector<char> peak(coarse.size(), 0);
+    bool any = false;
+    for (uint32_t v = 0; v < b; ++v) {
+        for (uint32_t u = 0; u < b; ++u) {
+            const uint32_t du = std::min(u, b - u);
+            const uint32_t dv = std::min(v, b - v);
+            const size_t i = u + static_cast<size_t>(b) * v;
+            if ((du > 2 || dv > 2) && coarse[i] > kPeakFactor * level[i]) {
+                for (uint32_t a = 0; a < 3; ++a)
+                    for (uint32_t c = 0; c < 3; ++c) peak[(u + b + a - 1) % b + static_cast<size_t>(b) * ((v + b + c - 1) % b)] = 1;
+                any = true;
+            }
+        }
+    }
+    if (!any) return;
+
+    // The whole image's periodogram (mean removed), smoothed along both axes.
+    const size_t count = static_cast<size_t>(rows) * cols;
+    double mean = 0.0;
+    for (double p : image.pixels) mean += p;
+    mean /= static_cast<double>(count);
+    std::vector<double> centred(count);
+    for (size_t i = 0; i < count; ++i) centred[i] = image.pixels[i] - mean;
+    const std::vector<std::complex<double>> f = fft2(centred.data(), rows, cols);
+    std::vector<double> smooth(count);
+    for (size_t i = 0; i < count; ++i) smooth[i] = std::norm(f[i]) / static_cast<double>(count);
+    const int radius = 6;
+    std::vector<double> taps(2 * radius + 1);
+    double tap_sum = 0.0;
+    for (int d = -radius; d <= radius; ++d) {
+        taps[d + radius] = std::exp(-0.5 * d * d / (kPeakSmoothing * kPeakSmoothing));
+        tap_sum += taps[d + radius];
+    }
+    for (double& t : taps) t /= tap_sum;
+    std::vector<double> tmp(count);
+    for (uint32_t x = 0; x < cols; ++x) {
+        for (uint32_t u = 0; u < rows; ++u) {
+            double s = 0.0;
+            for (int d = -radius; d <= radius; ++d) {
+                const uint32_t uu = static_cast<uint32_t>((static_cast<int64_t>(u) + d + 64 * static_cast<int64_t>(rows)) % rows);
+                s += taps[d + radius] * smooth[uu + static_cast<size_t>(rows) * x];
+            }
+            tmp[u + static_cast<size_t>(rows) * x] = s;
+        }
+    }
+    for (uint32_t x = 0; x < cols; ++x) {
+        for (uint32_t u = 0; u < rows; ++u) {
+            double s = 0.0;
+            for (int d = -radius; d <= radius; ++d) {
+                const uint32_t xx = static_cast<uint32_t>((static_cast<int64_t>(x) + d + 64 * static_cast<int64_t>(cols)) % cols);
+                s += taps[d + radius] * tmp[u + static_cast<size_t>(rows) * xx];
+            }
+            smooth[u + static_cast<size_t>(rows) * x] = s;
+        }
+    }
+    // Its smooth level: cell means, their 5 x 5 median, interpolated.
+    std::vector<double> cells(coarse.size(), 0.0);
+    std::vector<double> members(coarse.size(), 0.0);
+    for (uint32_t x = 0; x < cols; ++x) {
+        const uint32_t cx = cell_of(x, cols, b);
+        for (uint32_t u = 0; u < rows; ++u) {
+            const size_t c = cell_of(u, rows, b) + static_cast<size_t>(b) * cx;
+            cells[c] += smooth[u + static_cast<size_t>(rows) * x];
+            members[c] += 1.0;
+        }
+    }
+    for (size_t c = 0; c < cells.size(); ++c) cells[c] /= members[c];
+    const std::vector<double> image_level = interpolate(median5(cells, b), b, rows, cols);
+    const std::vector<double> noise_level = interpolate(level, b, rows, cols);
+
+    double kept = 0.0;
+    double floor = 0.0;
+    double shape = 0.0;
+    for (uint32_t x = 0; x < cols; ++x) {
+        const uint32_t cx = cell_of(x, cols, b);
+        for (uint32_t u = 0; u < rows; ++u) {
+            if (!peak[cell_of(u, rows, b) + static_cast<size_t>(b) * cx]) continue;
+            const size_t i = u + static_cast<size_t>(rows) * x;
+            kept += (*psd)[i];
+            floor += noise_level[i];
+            shape += std::max(smooth[i] - image_level[i], 0.0);
+        }
+    }
+    if (!(shape > 0.0)) return;
+    const double gain = std::max(kept - floor, 0.0) / shape;
+    for (uint32_t x = 0; x < cols; ++x) {
+        const uint32_t cx = cell_of(x, cols, b);
+        for (uint32_t u = 0; u < rows; ++u) {
+            if (!peak[cell_of(u, rows, b) + static_cast<size_t>(b) * cx]) continue;
+            const size_t i = u + static_cast<size_t>(rows) * x;
+            (*psd)[i] = noise_level[i] + gain * std::max(smooth[i] - image_level[i], 0.0);
+        }
+    }
+}
+}  // namespace
+}  // namespace swdenoise
+
+namespace sw {
+
+NoiseEstimate estimate_noise(const Image& image, const NoiseEstimateOptions& options,
+                             const Progress& progress) {
+    using swdenoise::fail;
+    swdenoise::check_input(image);
+    const auto report = [&](double fraction) {
+        if (progress && !progress(fraction, "noise estimate")) {
+            fail("shapewiener:denoise:interrupted", "the noise estimate was cancelled.",
+                 ErrorCode::kInterrupted);
+        }
+    };
+    report(0.0);
+
+    const uint32_t rows = image.rows;
+    const uint32_t cols = image.cols;
+    const uint32_t shorter = std::min(rows, cols);
+    const uint32_t b = shorter >= 64 ? 32 : shorter >= 32 ? 16 : 8;
+    const size_t bins = static_cast<size_t>(b) * b;
+
+    // Separable window (the Hann window without its zero end points) and
+    // the periodogram's normalisation: white noise of variance s^2 reads s^2.
+    std::vector<double> w(b);
+    double w_sum = 0.0;
+    double w_sq = 0.0;
+    for (uint32_t i = 0; i < b; ++i) {
+        w[i] = 0.5 - 0.5 * std::cos(2.0 * swdenoise::kPi * (i + 1) / (b + 1));
+        w_sum += w[i];
+        w_sq += w[i] * w[i];
+    }
+    const double norm = 1.0 / (w_sq * w_sq);
+    const double weight_total = w_sum * w_sum;
+    std::vector<double> ramp(b);  // centred position along an axis
+    double ramp_sq = 0.0;
+    for (uint32_t i = 0; i < b; ++i) {
+        ramp[i] = static_cast<double>(i) - 0.5 * (b - 1);
+        ramp_sq += w[i] * ramp[i] * ramp[i];
+    }
+    const double ramp_norm = ramp_sq * w_sum;
+
+    const std::vector<uint32_t> r0 = swdenoise::block_starts(rows, b);
+    const std::vector<uint32_t> c0 = swdenoise::block_starts(cols, b);
+    const size_t n_blocks = r0.size() * c0.size();
+    std::vector<double> periodograms(n_blocks * bins);
+
+    // One block: its periodogram into its own slot, so any split of the
+    // blocks among threads gives the same bits.
+    const auto one_block = [&](size_t index, std::vector<double>& block) {
+        const uint32_t top = r0[index % r0.size()];
+        const uint32_t left = c0[index / r0.size()];
+        // The window-weighted least-squares plane (the window is symmetric,
+        // so the constant and the two ramps are fitted one by one).
+        double mean = 0.0;
+        double slope_y = 0.0;
+        double slope_x = 0.0;
+        for (uint32_t x = 0; x < b; ++x) {
+            const double* column = image.pixels.data() + static_cast<size_t>(left + x) * rows + top;
+            for (uint32_t y = 0; y < b; ++y) {
+                const double wz = w[y] * w[x] * column[y];
+                mean += wz;
+                slope_y += ramp[y] * wz;
+                slope_x += ramp[x] * wz;
+            }
+        }
+        mean /= weight_total;
+        slope_y /= ramp_norm;
+        slope_x /= ramp_norm;
+        for (uint32_t x = 0; x < b; ++x) {
+            const double* column = image.pixels.data() + static_cast<size_t>(left + x) * rows + top;
+            for (uint32_t y = 0; y < b; ++y) {
+                block[y + static_cast<size_t>(b) * x] =
+                    w[y] * w[x] * (column[y] - mean - slope_y * ramp[y] - slope_x * ramp[x]);
+            }
+        }
+        const std::vector<std::complex<double>> spectrum = swdenoise::fft2(block.data(), b, b);
+        double* out = periodograms.data() + index * bins;
+        for (size_t f = 0; f < bins; ++f) out[f] = std::norm(spectrum[f]) * norm;
+    };
+
+    RunOptions run;
+    run.threads = options.threads;
+    const unsigned threads =
+        static_cast<unsigned>(std::min<size_t>(requested_threads(run), std::max<size_t>(1, n_blocks / 16)));
+    const size_t rounds = 8;
+    for (size_t round = 0; round < rounds; ++round) {
+        const size_t begin = n_blocks * round / rounds;
+        const size_t end = n_blocks * (round + 1) / rounds;
+        const auto worker = [&](unsigned t) {
+            std::vector<double> block(bins);
+            for (size_t i = begin + (end - begin) * t / threads; i < begin + (end - begin) * (t + 1) / threads; ++i) {
+                one_block(i, block);
+            }
+        };
+        std::vector<std::thread> pool;
+        for (unsigned t = 1; t < threads; ++t) pool.emplace_back(worker, t);
+        worker(0);
+        for (std::thread& th : pool) th.join();
+        report(0.8 * static_cast<double>(round + 1) / rounds);
+    }
+
+    // Per frequency, a low quantile over the blocks: the yardstick against
+    // which each block's flatness is judged.
+    std::vector<double> yardstick(bins);
+    {
+        std::vector<double> column(n_blocks);
+        const size_t k = static_cast<size_t>(swdenoise::kQuantile * static_cast<double>(n_blocks - 1));
+        for (size_t f = 0; f < bins; ++f) {
+            for (size_t i = 0; i < n_blocks; ++i) column[i] = periodograms[i * bins + f];
+            yardstick[f] = swdenoise::order_statistic(column, k);
+        }
+    }
+    // A block's statistic: the median over the frequencies (DC left out)
+    // of log(periodogram / yardstick). The median keeps narrow noise peaks,
+    // whose strength wanders over the image, from steering the choice.
+    std::vector<double> statistic(n_blocks);
+    {
+        std::vector<double> logs;
+        logs.reserve(bins);
+        for (size_t i = 0; i < n_blocks; ++i) {
+            logs.clear();
+            const double* p = periodograms.data() + i * bins;
+            for (size_t f = 1; f < bins; ++f) {
+                if (yardstick[f] > 0.0) {
+                    logs.push_back(p[f] > 0.0 ? std::log(p[f] / yardstick[f]) : -1e300);
+                }
+            }
+            statistic[i] = logs.empty() ? 0.0 : swdenoise::order_statistic(logs, logs.size() / 2);
+        }
+    }
+    std::vector<size_t> order(n_blocks);
+    for (size_t i = 0; i < n_blocks; ++i) order[i] = i;
+    std::sort(order.begin(), order.end(), [&](size_t a, size_t c) {
+        return statistic[a] < statistic[c] || (statistic[a] == statistic[c] && a < c);
+    });
+    const size_t chosen = std::min(
+        n_blocks, std::max(swdenoise::kMinChosen, static_cast<size_t>(std::lround(swdenoise::kChosenShare * static_cast<double>(n_blocks)))));
+    std::vector<size_t> picked(order.begin(), order.begin() + static_cast<std::ptrdiff_t>(chosen));
+    std::sort(picked.begin(), picked.end());
+
+    std::vector<double> spectrum(bins, 0.0);
+    for (size_t i : picked) {
+        const double* p = periodograms.data() + i * bins;
+        for (size_t f = 0; f < bins; ++f) spectrum[f] += p[f];
+    }
+    const double scale = 1.0 / (static_cast<double>(chosen) * swdenoise::kChoiceBias);
+    for (double& v : spectrum) v *= scale;
+    // Removing each block's plane empties DC: take its neighbours'.
+    spectrum[0] = 0.25 * (spectrum[1] + spectrum[b - 1] + spectrum[b] + spectrum[bins - b]);
+    report(0.9);
+
+    NoiseEstimate result;
+    result.rows = rows;
+    result.cols = cols;
+    result.block = b;
+    const double limit = statistic[order[chosen - 1]] + swdenoise::kUsableMargin;
+    size_t usable = 0;
+    for (double s : statistic) usable += s <= limit ? 1 : 0;
+    result.usable_fraction = static_cast<double>(usable) / static_cast<double>(n_blocks);
+
+    // White: the spectrum, smoothed over 5 x 5 neighbouring frequencies,
+    // stays within a factor 2 everywhere away from DC.
+    {
+        double lo = 0.0;
+        double hi = 0.0;
+        bool first = true;
+        for (uint32_t v = 0; v < b; ++v) {
+            for (uint32_t u = 0; u < b; ++u) {
+                if (u == 0 && v == 0) continue;
+                double sum = 0.0;
+                for (uint32_t dv = 0; dv < 5; ++dv) {
+                    for (uint32_t du = 0; du < 5; ++du) {
+                        sum += spectrum[(u + b + du - 2) % b + static_cast<size_t>(b) * ((v + b + dv - 2) % b)];
+                    }
+                }
+                lo = first ? sum : std::min(lo, sum);
+                hi = first ? sum : std::max(hi, sum);
+                first = false;
+            }
+        }
+        result.white = hi <= 2.0 * lo;
+    }
+
+    result.psd = swdenoise::interpolate(spectrum, b, rows, cols);
+    swdenoise::refine_peaks(image, spectrum, b, &result.psd);
+    double total = 0.0;
+    for (double v : result.psd) total += v;
+    result.sigma = std::sqrt(total / (static_cast<double>(rows) * cols));
+    report(1.0);
+    return result;
+}
+
+}  // namespace sw
