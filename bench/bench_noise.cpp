@@ -10,7 +10,7 @@
 #include <exception>
 #include <string>
 
-#include "array_io.h"
+#include "io/array_io.h"
 #include "shapewiener/noise.h"
 
 int main(int argc, char** argv) {
