@@ -12,11 +12,14 @@ function varargout = shapewiener_denoise(varargin)
 %
 %   Estimates the clean image from Z, a real full M x K matrix of any
 %   numeric class (logical, complex and sparse input is refused); integer
-%   values are used as stored, signed ones with their sign. OUT is a
-%   double M x K matrix, not clipped. The whole denoiser runs in one
+%   values are used as stored, signed ones with their sign. OUT is M x K
+%   of Z's class for integer classes (rounded, halves to even, and clipped
+%   to the class's range, as the shapewiener program writes integer
+%   files), double otherwise, not clipped. The whole denoiser runs in one
 %   call: it chooses the adaptive neighbourhoods, builds the filter's
-%   arguments and runs it (three passes for the default preset). The same call from Python
-%   (shapewiener.denoise) or the shapewiener program gives the same bits.
+%   arguments and runs it (three passes for the default preset). The same
+%   call from Python (shapewiener.denoise) or the shapewiener program
+%   gives the same bits.
 %
 %   The noise, in Z's units:
 %     'sigma', S      white noise of standard deviation S;
@@ -34,13 +37,18 @@ function varargout = shapewiener_denoise(varargin)
 %                     from the environment or all cores. No option changes
 %                     a bit of the result.
 %
+%   A noise level that cannot be meant for Z's values (larger than their
+%   range, below 1e-4 of it, or below 1 on a uint8 image) gives a warning
+%   with identifier shapewiener:noise:implausible that names the likely
+%   mistake; the call still runs.
+%
 %   Ctrl-C stops a running call. Errors have identifiers
 %   shapewiener:<what>:<reason>, e.g. shapewiener:noise:missing,
 %   shapewiener:noise:conflict, shapewiener:noise:psdSize (P's size must
 %   be Z's), shapewiener:options:unknown, shapewiener:options:preset,
 %   shapewiener:image:notReal, shapewiener:image:notFinite,
-%   shapewiener:image:tooLarge (more than 2^31 - 1 pixels, refused before
-%   any copy).
+%   shapewiener:image:tooLarge (more than 2^31 - 1 pixels, or more memory
+%   than is available).
 %
 %   Example:
 %     [x, y] = meshgrid(linspace(0, 1, 128));      % a test image: a disc on a

@@ -1,6 +1,7 @@
 """The complete denoiser for NumPy arrays."""
 
 import sys
+import warnings
 
 import numpy as np
 
@@ -40,6 +41,34 @@ def _as_matrix(x, what):
     check_dtype(a.dtype, what)
     check_shape(a.shape, what)
     return a if a.dtype == np.float64 else a.astype(np.float64)
+
+
+def type_name(dtype):
+    """How the library names the way values are stored: integer dtypes by
+    their name, float32 as it is, every other float as float64."""
+    dtype = np.dtype(dtype)
+    if dtype.kind in "iu":
+        return dtype.name
+    return "float32" if dtype == np.float32 else "float64"
+
+
+def stored_as(values, dtype):
+    """The estimate in the input's type: integers rounded (halves to even)
+    and clipped to the type's range by the library's own rule, the one the
+    command line writes files with; float input gets float64."""
+    dtype = np.dtype(dtype)
+    if dtype.kind not in "iu":
+        return values
+    return _core.to_type(values, dtype.name).astype(dtype)
+
+
+def warn_if_implausible(low, high, dtype, noise, s, k, p, stacklevel=3):
+    """The library's plausibility guard: a UserWarning when the noise level
+    cannot be meant for values from low to high stored as dtype."""
+    text = _core.noise_warning(float(low), float(high), type_name(dtype), noise, s, k, p)
+    if text:
+        warnings.warn(text, UserWarning, stacklevel=stacklevel)
+    return text
 
 
 def _number(value, name):
@@ -138,7 +167,18 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
     Returns
     -------
     out : (M, N) ndarray
-        The estimate in Fortran order, float64, not clipped.
+        The estimate in `z`'s type: for integer `z` rounded (halves to
+        even) and clipped to the type's range, by the rule the
+        ``shapewiener`` program writes integer files with, so the same
+        uint8 array and sigma give that program's bits; for float `z`
+        float64 in Fortran order, not clipped.
+
+    Warns
+    -----
+    UserWarning
+        When the noise level cannot be meant for these values: larger than
+        their range, below 1e-4 of it, or below 1 on a uint8 image (a
+        sigma given for values scaled to [0, 1]). The call still runs.
 
     Raises
     ------
@@ -156,16 +196,31 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
     >>> out = shapewiener.denoise(noisy, sigma=0.1, preset="fast")
     >>> bool(out.std() < noisy.std())
     True
+
+    An 8-bit image, its noise in grey levels:
+
+    >>> z8 = np.clip(128 + 25 * rng.standard_normal((64, 64)), 0, 255).astype(np.uint8)
+    >>> shapewiener.denoise(z8, sigma=25, preset="fast").dtype
+    dtype('uint8')
     """
     if not _core.have_denoise:
         raise Error("shapewiener:denoise:unavailable", "this build has no denoiser.")
-    image = _as_matrix(z, "image")
+    a = np.asarray(z)  # no copy for an array
+    check_dtype(a.dtype, "image")
+    check_shape(a.shape, "image")
+    refusal = _core.size_refusal(a.shape[0], a.shape[1], _core.denoise_bytes_per_pixel(str(preset)))
+    if refusal:
+        raise Error("shapewiener:image:tooLarge", f"the image has {refusal}.")
+    dtype = a.dtype
+    image = _as_matrix(a, "image")
     noise, s, k, p = _noise(sigma, kernel, psd, None if _tile is not None else image.shape)
     count = threads_count(threads)
     callback = _ProgressLine() if progress is True else (progress or None)
+    if _tile is None:
+        warn_if_implausible(image.min(), image.max(), dtype, noise, s, k, p)
     out, _report = _core.denoise(image, noise, s, k, p, str(preset), count, callback, _tile,
                                  bool(_peaks))
-    return out
+    return stored_as(out, dtype)
 
 
 def remove_noise_peaks(z, *, sigma=None, kernel=None, psd=None, preset="default"):

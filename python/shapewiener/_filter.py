@@ -147,29 +147,51 @@ def check_host(args):
 
 
 def filter(*args, threads=None, frame=None):  # noqa: A001 - the module's name
-    """Runs the raw filter module: ``out = filter(ScaleSet, DirectionScaleMap,
-    TransformBank, SectorMaskBank, _, _, DftSize, NoisePsd, NoisyImage,
-    ProcessingList, NoiseLevelFactor, _, MaxScale, PilotImage,
-    WienerVarianceFactor, CoverageThreshold)``.
+    """Run the raw sixteen-argument filter module.
 
-    The arguments are those of the MEX function ``shapewiener`` in Octave and
-    MATLAB, as NumPy arrays: float64 for the double ones, uint8 for
-    DirectionScaleMap and the masks, int32 for ProcessingList, Python lists for
-    the two cell arrays (SectorMaskBank in column-major cell order, or an
-    object array of shape (H, H, 8)); Python numbers pass as double scalars and
-    None as an empty array. Element (i, j) of a NumPy array is element (i, j)
-    of the matrix, whatever its memory order (1-D arrays are column vectors).
+    ``out = filter(ScaleSet, DirectionScaleMap, TransformBank, SectorMaskBank,
+    _, _, DftSize, NoisePsd, NoisyImage, ProcessingList, NoiseLevelFactor, _,
+    MaxScale, PilotImage, WienerVarianceFactor, CoverageThreshold)``: the MEX
+    function ``shapewiener`` of Octave and MATLAB for NumPy arrays, with the
+    gateway's checks, identifiers and messages (``help shapewiener`` in
+    Octave documents the arguments).
 
-    Like the MEX function, the call dithers NoisyImage and PilotImage in place:
-    a writable float64 array passed for either sees the tiny dither afterwards
-    (at most 268 * 3e-17 per pixel), whatever its memory order. Read-only
-    arrays are left alone. When the two images share memory, the pilot is
-    dithered in a private copy. ``frame=(rows, cols, row0, col0)`` dithers the
-    image as the window at (row0, col0) of a larger image (tiled processing).
+    Parameters
+    ----------
+    *args
+        The sixteen arguments: float64 arrays for the double ones, uint8 for
+        DirectionScaleMap and the masks, int32 for ProcessingList, Python
+        lists for the two cell arrays (SectorMaskBank in column-major cell
+        order, or an object array of shape (H, H, 8)); Python numbers pass
+        as double scalars and None as an empty array. Element (i, j) of an
+        array is element (i, j) of the matrix whatever its memory order;
+        1-D arrays are column vectors. Values are used as given.
+    threads : int, optional
+        Worker threads (None: ``SHAPEWIENER_THREADS`` or all cores); the
+        result's bits do not depend on it.
+    frame : tuple of int, optional
+        ``(rows, cols, row0, col0)``: dither the image as the window at
+        (row0, col0) of a rows x cols image (tiled processing).
 
-    Returns the M x K float64 output (column-major). Raises shapewiener.Error
-    (a ValueError) with the gateway's identifier and message; KeyboardInterrupt
-    when Ctrl-C stops the call.
+    Returns
+    -------
+    out : (M, K) ndarray
+        float64, column-major.
+
+    Raises
+    ------
+    shapewiener.Error
+        A rejected argument, with the gateway's identifier and message.
+    KeyboardInterrupt
+        Ctrl-C during the call.
+
+    Notes
+    -----
+    Like the MEX function, the call dithers NoisyImage and PilotImage in
+    place: a writable float64 array passed for either holds the tiny dither
+    afterwards (at most 268 * 3e-17 per pixel), whatever its memory order.
+    Read-only arrays are left alone. When the two images share memory, the
+    pilot is dithered in a private copy.
     """
     a = check_host(args)
     noisy_in, pilot_in = a[NOISY], a[PILOT]

@@ -1,17 +1,18 @@
 """Denoises many images on a Dask cluster:
 
-    python3 -m shapewiener.batch 'in/*.png' outdir/ --sigma 0.05
-    python3 -m shapewiener.batch 'scans/*.npy' out/ --kernel k.npy --sigma 0.02 \\
+    python3 -m shapewiener.batch 'in/*.png' outdir/ --sigma 12
+    python3 -m shapewiener.batch 'scans/**/*.npy' out/ --kernel k.npy --sigma 0.02 \\
         --scheduler tcp://10.0.0.5:8786
 
-Each input becomes outdir/<name> (same name and format). Images are read as
-the command line program reads them: integer images (8/16-bit PNG, integer
-.npy) are scaled to [0, 1] by their type's maximum, so sigma is given in
-those units, and written back in their type (clipped, rounded); float .npy
-files are used and written as float64. Outputs that exist are skipped, so
-an interrupted batch resumes where it stopped (an output appears only once
+Each input becomes outdir/<path> (same name and format), <path> being its
+path below the deepest folder all inputs share, so the input folders are
+mirrored. Images are read and written by the library's own reader and
+writer, the command line program's: values as stored (an 8-bit PNG in
+0..255, so sigma is in those units), results written back in the input's
+type (rounded, clipped to its range). Outputs that exist are skipped, so an
+interrupted batch resumes where it stopped (an output appears only once
 complete). An image that fails is reported and the others go on; the exit
-status is 1 when any failed.
+status is 1 when any failed, 2 when the batch could not start.
 
 Without --scheduler a local cluster on 127.0.0.1 runs --workers worker
 processes with one thread each; every image runs with --threads library
@@ -27,38 +28,6 @@ import time
 import numpy as np
 
 
-def read_image(path):
-    """The image as float64, and how to write a result like it."""
-    if path.endswith(".npy"):
-        raw = np.load(path, allow_pickle=False)
-    else:
-        import imageio
-        raw = np.asarray(imageio.imread(path))
-    if raw.ndim != 2:
-        raise ValueError(f"not a grey-scale image (shape {raw.shape})")
-    if raw.dtype.kind in "ui":
-        return raw.astype(np.float64) / np.iinfo(raw.dtype).max, raw.dtype
-    if raw.dtype.kind == "b":
-        return raw.astype(np.float64), np.dtype(np.uint8)
-    return raw.astype(np.float64), np.dtype(np.float64)
-
-
-def write_image(path, image, dtype):
-    """Writes through a temporary name, so that an existing output is complete."""
-    folder, name = os.path.split(path)
-    temporary = os.path.join(folder, f".{name}.partial")
-    if dtype.kind in "ui":
-        top = np.iinfo(dtype).max
-        image = np.rint(np.clip(image, 0.0, 1.0) * top).astype(dtype)
-    if path.endswith(".npy"):
-        with open(temporary, "wb") as f:
-            np.save(f, image)
-    else:
-        import imageio
-        imageio.imwrite(temporary, image, format=os.path.splitext(name)[1][1:])
-    os.replace(temporary, path)
-
-
 def _message(e):
     """One line for a failure: the message alone for our own errors."""
     from .errors import Error
@@ -70,17 +39,27 @@ def _message(e):
 
 
 def denoise_file(source, target, noise, preset, threads):
-    """One image; returns (source, None, seconds) or (source, message, seconds)."""
+    """One image, read and written through the library's image files (the
+    command line's reader and writer, as stored, with its memory check);
+    returns (source, failure or None, seconds, warnings)."""
+    import warnings
+
     import shapewiener
+    from shapewiener import _core
     start = time.monotonic()
     try:
-        image, dtype = read_image(source)
-        out = shapewiener.denoise(image, **noise, preset=preset, threads=threads)
-        os.makedirs(os.path.dirname(target) or ".", exist_ok=True)
-        write_image(target, out, dtype)
-        return source, None, time.monotonic() - start
+        with warnings.catch_warnings(record=True) as caught:
+            warnings.simplefilter("always", UserWarning)
+            pixels, stored = _core.read_image(source, _core.denoise_bytes_per_pixel(preset))
+            image = pixels.astype(stored)  # exact: the values as stored
+            del pixels
+            out = shapewiener.denoise(image, **noise, preset=preset, threads=threads)
+            os.makedirs(os.path.dirname(target) or ".", exist_ok=True)
+            _core.write_image(target, out, stored)
+        note = "; ".join(str(w.message) for w in caught)
+        return source, None, time.monotonic() - start, note
     except Exception as e:  # noqa: BLE001 - every failure is reported, the batch goes on
-        return source, _message(e), time.monotonic() - start
+        return source, _message(e), time.monotonic() - start, ""
 
 
 def plan(pattern, outdir):
@@ -156,8 +135,10 @@ def run(pattern, outdir, noise, preset="default", threads=1, scheduler=None, wor
         futures = [client.submit(denoise_file, s, t, noise, preset, threads, pure=False)
                    for s, t in todo]
         for count, future in enumerate(as_completed(futures), 1):
-            source, message, seconds = future.result()
+            source, message, seconds, note = future.result()
             status = "ok" if message is None else f"FAILED: {message}"
+            if note:
+                status += f" (warning: {note})"
             out.write(f"[{count}/{len(todo)}] {source} {seconds:.1f} s {status}\n")
             out.flush()
             if message is not None:
@@ -196,7 +177,9 @@ def main(argv=None):
     p.add_argument("pattern", help="input files, a glob pattern in quotes ('in/*.png', "
                                    "'in/**/*.tif'); outputs mirror their folders")
     p.add_argument("outdir", help="output folder (outputs that exist are skipped)")
-    p.add_argument("--sigma", type=float, help="noise standard deviation (images in [0, 1])")
+    p.add_argument("--sigma", type=float,
+                   help="noise standard deviation, in the images' units as stored (0..255 for "
+                        "8-bit images)")
     p.add_argument("--kernel", help=".npy file: the noise's colouring kernel (with --sigma)")
     p.add_argument("--psd", help=".npy file: the noise power spectrum (instead of --sigma)")
     p.add_argument("--preset", default="default", choices=["fast", "default", "best"])
@@ -216,6 +199,9 @@ def main(argv=None):
     except (Error, OSError) as e:
         sys.stderr.write(f"shapewiener batch: {_message(e)}\n")
         return 2
+    except KeyboardInterrupt:
+        sys.stderr.write("shapewiener batch: interrupted; run it again to resume\n")
+        return 130
     for source, message in failed:
         sys.stderr.write(f"failed: {source}: {message}\n")
     return 1 if failed else 0

@@ -23,7 +23,8 @@ import numpy as np
 
 from ._denoise import denoise as _denoise_image
 from ._denoise import remove_noise_peaks
-from ._denoise import _noise, check_dtype, check_shape, threads_count
+from ._denoise import _noise, check_dtype, check_shape, stored_as, threads_count
+from ._denoise import warn_if_implausible
 from .errors import Error
 
 
@@ -69,9 +70,9 @@ def _halo_pixels(halo):
     return int(a)
 
 
-def _denoise_tile(tile, frame, noise, preset, threads, crop):
+def _denoise_tile(tile, frame, noise, preset, threads, crop, dtype):
     out = _denoise_image(tile, **noise, preset=preset, threads=threads, _tile=frame, _peaks=False)
-    return out[crop[0]:crop[1], crop[2]:crop[3]]
+    return stored_as(out[crop[0]:crop[1], crop[2]:crop[3]], dtype)
 
 
 def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunks=None,
@@ -102,7 +103,14 @@ def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunk
     Returns
     -------
     out : (M, N) dask.array.Array
-        Lazy, float64, with the input's chunks.
+        Lazy, with the input's chunks; integer input gives the input's type
+        (rounded and clipped as by ``shapewiener.denoise``), float input
+        float64.
+
+    Warns
+    -----
+    UserWarning
+        The plausibility warning of ``shapewiener.denoise``, once.
 
     Raises
     ------
@@ -131,19 +139,23 @@ def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunk
         array = da.from_array(array, chunks=chunks or 1024)
     elif chunks is not None:
         array = array.rechunk(chunks)
+    dtype = array.dtype
     array = array.astype(np.float64)
     rows, cols = array.shape
     threads = threads_count(threads)
     halo = tile_halo(preset) if halo is None else _halo_pixels(halo)
-    if _noise_has_peaks(array.shape, sigma, kernel, psd, preset):
+    peaks = _noise_has_peaks(array.shape, sigma, kernel, psd, preset)
+    low, high = (float(v) for v in dask.compute(array.min(), array.max()))
+    if not (np.isfinite(low) and np.isfinite(high)):
+        raise Error("shapewiener:image:notFinite", "the image has a NaN or Inf value.")
+    warn_if_implausible(low, high, dtype, *_noise(sigma, kernel, psd, array.shape))
+    if peaks:
         staged = remove_noise_peaks(array.compute(), sigma=sigma, kernel=kernel, psd=psd,
                                     preset=preset)
         if staged is not None:
             array = da.from_array(staged[0], chunks=array.chunks)
             sigma, kernel, psd = None, None, staged[1]
-    low, high = (float(v) for v in dask.compute(array.min(), array.max()))
-    if not (np.isfinite(low) and np.isfinite(high)):
-        raise Error("shapewiener:image:notFinite", "the image has a NaN or Inf value.")
+            low, high = float(staged[0].min()), float(staged[0].max())
     noise = {"sigma": sigma, "kernel": kernel,
              "psd": None if psd is None else dask.delayed(np.asarray(psd, np.float64))}
 
@@ -159,7 +171,8 @@ def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunk
             frame = (rows, cols, tr0, tc0, low, high)
             crop = (r0 - tr0, r1 - tr0, c0 - tc0, c1 - tc0)
             task = dask.delayed(_denoise_tile, pure=True)(
-                array[tr0:tr1, tc0:tc1], frame, noise, preset, threads, crop)
-            row.append(da.from_delayed(task, shape=(r1 - r0, c1 - c0), dtype=np.float64))
+                array[tr0:tr1, tc0:tc1], frame, noise, preset, threads, crop, dtype)
+            row.append(da.from_delayed(task, shape=(r1 - r0, c1 - c0),
+                                       dtype=dtype if dtype.kind in "iu" else np.float64))
         blocks.append(row)
     return da.block(blocks)

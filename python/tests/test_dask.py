@@ -35,14 +35,18 @@ def stripes_psd(shape, sigma):
     return p * (sigma * sigma / p.mean())
 
 
-@pytest.mark.parametrize("noise", ["kernel", "stripes"])
+@pytest.mark.parametrize("noise", ["kernel", "stripes", "uint8"])
 def test_tiles_give_the_whole_images_bits(denoiser, client, noise):
     """Chunks smaller than twice the halo; the default preset: tests/test_tile.cpp.
-    Stripes go through the global first stage before the tiles."""
+    Stripes go through the global first stage before the tiles; a uint8
+    image comes back as uint8, with its noise in grey levels."""
     import shapewiener.dask
     preset, chunks = "fast", (10, 13)
     z = np.tile(sample_image(), (2, 3))[:80, :72] / 255.0
-    if noise == "kernel":
+    if noise == "uint8":
+        z = (z * 255).astype(np.uint8)
+        args = {"sigma": 12.0}
+    elif noise == "kernel":
         args = {"kernel": np.array([[1.0, 2.0, 1.0], [2.0, 4.0, 2.0], [1.0, 2.0, 1.0]]),
                 "sigma": 0.05}
     else:
@@ -50,29 +54,36 @@ def test_tiles_give_the_whole_images_bits(denoiser, client, noise):
         assert denoiser.remove_noise_peaks(z, **args) is not None
     whole = denoiser.denoise(z, **args, preset=preset)
     tiled = shapewiener.dask.denoise(z, chunks=chunks, **args, preset=preset).compute()
+    assert tiled.dtype == whole.dtype == (z.dtype if noise == "uint8" else np.float64)
     mismatched = np.count_nonzero(tiled != whole)
     assert mismatched == 0, f"{mismatched} of {z.size} pixels differ"
 
 
-def test_a_batch_reports_a_corrupt_file_and_resumes(denoiser, client, tmp_path):
-    import imageio
-    from shapewiener import batch
+def test_a_batch_reports_a_corrupt_file_mirrors_folders_and_resumes(denoiser, client, tmp_path):
+    """The files go through the library's reader and writer: an 8-bit PNG
+    and a signed 16-bit TIFF come back in their type with their noise in
+    their units; an input of the same name in a sub-folder gets its own
+    output."""
+    from shapewiener import _core, batch
     src, out = tmp_path / "in", tmp_path / "out"
-    src.mkdir()
+    (src / "sub").mkdir(parents=True)
     z = sample_image()
-    imageio.imwrite(src / "a.png", z.astype(np.uint8))
-    np.save(src / "b.npy", z / 255.0)
+    inputs = {"a.png": z.astype(np.uint8), "b.npy": z, "sub/b.npy": z / 2,
+              "d.tif": (z - 128).astype(np.int16)}
+    for name, values in inputs.items():
+        _core.write_image(str(src / name), values, values.dtype.name)
     (src / "c.png").write_bytes(b"\x89PNG\r\n\x1a\n not really")
-    (src / "sub").mkdir()
-    np.save(src / "sub" / "b.npy", z / 510.0)  # the same name in another folder
-    noise = {"sigma": 0.05, "kernel": None, "psd": None}
+    np.save(src / "e.npy", z + 1j)            # complex values: refused, not cut to real
+    np.save(src / "f.npy", z > 100)           # a mask: refused, not written back as 0/255
+    noise = {"sigma": 12.0, "kernel": None, "psd": None}
     pattern = str(src / "**" / "*.*")
     failed = batch.run(pattern, str(out), noise, preset="fast",
                        scheduler=client.scheduler.address, out=open(os.devnull, "w"))
-    assert [os.path.basename(f) for f, _ in failed] == ["c.png"]
-    assert sorted(os.listdir(out)) == ["a.png", "b.npy", "sub"]
-    for name, scale in (("b.npy", 255.0), ("sub/b.npy", 510.0)):
-        expected = denoiser.denoise(z / scale, sigma=0.05, preset="fast")
-        assert np.load(out / name).tobytes() == expected.tobytes()
-    assert imageio.imread(out / "a.png").dtype == np.uint8
-    assert batch.plan(pattern, str(out)) == ([(str(src / "c.png"), str(out / "c.png"))], 3)
+    assert sorted(os.path.basename(f) for f, _ in failed) == ["c.png", "e.npy", "f.npy"]
+    assert all("\n" not in message and "http" not in message for _, message in failed)
+    for name, values in inputs.items():
+        written, stored = _core.read_image(str(out / name))
+        expected = denoiser.denoise(values, **noise, preset="fast")
+        assert stored == values.dtype.name, name
+        assert written.astype(stored).tobytes(order="F") == expected.tobytes(order="F"), name
+    assert batch.plan(pattern, str(out))[1] == 4

@@ -1,8 +1,11 @@
-"""shapewiener.denoise: every dtype and memory order gives the float64 call's
-bits, the command line program's bits, progress and cancelling (the refused
-calls are in test_hostile.py)."""
+"""shapewiener.denoise: the unit rule for every dtype and memory order, the
+command line program's bits, the plausibility warning, progress and
+cancelling (the refused calls are in test_hostile.py)."""
 
+import _thread
 import subprocess
+import threading
+import warnings
 
 import numpy as np
 import pytest
@@ -15,17 +18,47 @@ def sample_image(rows=24, cols=20, seed=5):
     return np.clip(np.rint(clean + 12.0 * rng.standard_normal((rows, cols))), 0, 255)
 
 
-def test_every_dtype_and_memory_order_gives_the_float64_bits(denoiser):
+def test_every_dtype_and_memory_order_follows_the_unit_rule(denoiser):
+    """Values are used as stored, whatever the memory order; integer input
+    comes back in its type, rounded half to even and clipped to its range,
+    signed values with their sign."""
     z = sample_image()
-    reference = denoiser.denoise(np.ascontiguousarray(z), sigma=12.0, preset="fast")
-    assert reference.dtype == np.float64 and reference.shape == z.shape
-    assert reference.flags.f_contiguous
     wide = np.zeros((48, 40))
     wide[::2, ::2] = z
-    for variant in (z.astype(np.uint8), z.astype(np.uint16), z.astype(np.int32),
-                    z.astype(np.float32), np.asfortranarray(z), wide[::2, ::2]):
+    for variant, values in ((np.asfortranarray(z), z), (wide[::2, ::2], z),
+                            (z.astype(np.float32), z), (z.astype(np.uint8), z),
+                            (z.astype(np.uint16), z), ((z - 128).astype(np.int8), z - 128),
+                            ((z - 1000).astype(np.int32), z - 1000)):
+        expected = denoiser.denoise(np.ascontiguousarray(values), sigma=12.0, preset="fast")
+        assert expected.dtype == np.float64 and expected.flags.f_contiguous
+        if variant.dtype.kind in "iu":
+            info = np.iinfo(variant.dtype)
+            expected = np.clip(np.rint(expected), info.min, info.max).astype(variant.dtype)
         out = denoiser.denoise(variant, sigma=12.0, preset="fast")
-        assert out.tobytes(order="F") == reference.tobytes(order="F"), variant.dtype
+        assert out.dtype == expected.dtype, variant.dtype
+        assert out.tobytes(order="F") == expected.tobytes(order="F"), variant.dtype
+
+
+@pytest.mark.parametrize("dtype, sigma, text", [
+    (np.uint8, 0.1, "sigma 0.1 on uint8 values 0..255: noise levels are in the image's units; "
+                    "did you mean 25.5?"),
+    (np.float64, 25.0, "did you mean 0.098"),   # values in [0, 1], a level for 0..255
+    (np.float64, 1e-7, "below 1e-4"),
+    (np.uint8, 12.0, None),
+])
+def test_an_implausible_noise_level_warns_and_the_call_still_runs(denoiser, dtype, sigma, text):
+    z = sample_image()
+    z = z.astype(np.uint8) if dtype == np.uint8 else z / 255.0
+    with warnings.catch_warnings(record=True) as caught:
+        warnings.simplefilter("always")
+        out = denoiser.denoise(z, sigma=sigma, preset="fast")
+    assert out.shape == z.shape and out.dtype == z.dtype
+    shown = [w for w in caught if issubclass(w.category, UserWarning)]
+    if text is None:
+        assert shown == []
+    else:
+        assert len(shown) == 1 and text in str(shown[0].message)
+        assert shown[0].filename == __file__  # it points at the caller's line
 
 
 def test_progress_reaches_the_end_and_can_cancel(denoiser):
@@ -37,21 +70,44 @@ def test_progress_reaches_the_end_and_can_cancel(denoiser):
         denoiser.denoise(z, sigma=12.0, progress=lambda f, phase: f < 0.5)
     assert info.value.identifier.endswith(":interrupted")
 
-    def interrupt(fraction, phase):
-        raise KeyboardInterrupt
+
+
+def test_ctrl_c_in_the_middle_of_a_long_preparation(denoiser):
+    """A kernel as large as the image keeps the noise description busy for
+    seconds before any pass; Ctrl-C 0.1 s into it ends the call there."""
+    rng = np.random.default_rng(0)
+    z, k = rng.random((384, 384)), rng.random((384, 384))
+    seen = []
+
+    def record(fraction, phase):
+        if not seen:
+            threading.Timer(0.1, _thread.interrupt_main).start()
+        seen.append(phase)
     with pytest.raises(KeyboardInterrupt):
-        denoiser.denoise(z, sigma=12.0, progress=interrupt)
+        denoiser.denoise(z, kernel=k, sigma=0.1, threads=1, progress=record)
+    assert set(seen) == {"noise"} and len(seen) > 1, seen
 
 
-def test_the_command_line_gives_the_same_bits(denoiser, cli, tmp_path):
-    z = sample_image(40, 36) / 255.0
-    k = np.array([[1.0, 2.0, 1.0], [2.0, 4.0, 2.0], [1.0, 2.0, 1.0]])
-    np.save(tmp_path / "in.npy", z)
-    np.save(tmp_path / "k.npy", k)
-    subprocess.run([cli, "denoise", str(tmp_path / "in.npy"), str(tmp_path / "out.npy"),
-                    "--kernel", str(tmp_path / "k.npy"), "--sigma", "0.05", "--quiet"], check=True)
-    expected = denoiser.denoise(z, kernel=k, sigma=0.05)
-    assert np.load(tmp_path / "out.npy").tobytes(order="F") == expected.tobytes(order="F")
+@pytest.mark.parametrize("name, stored, options", [
+    ("in.npy", "float64", {"kernel": np.outer([1.0, 2.0, 1.0], [1.0, 2.0, 1.0]), "sigma": 0.05}),
+    ("in.png", "uint8", {"sigma": 25.0}),     # an 8-bit PNG, its noise in grey levels
+    ("in.tif", "int16", {"sigma": 25.0}),     # signed values keep their sign
+])
+def test_the_command_line_gives_the_same_bits(denoiser, cli, tmp_path, name, stored, options):
+    from shapewiener import _core
+    z = sample_image(40, 36)
+    z = {"float64": z / 255.0, "uint8": z, "int16": z - 128}[stored].astype(stored)
+    source, target = tmp_path / name, tmp_path / ("out" + name[2:])
+    _core.write_image(str(source), z, stored)
+    command = [cli, "denoise", str(source), str(target), "--quiet"]
+    if "kernel" in options:
+        np.save(tmp_path / "k.npy", options["kernel"])
+        command += ["--kernel", str(tmp_path / "k.npy")]
+    subprocess.run(command + ["--sigma", str(options["sigma"])], check=True)
+    expected = denoiser.denoise(z, **options)
+    written, written_type = _core.read_image(str(target))
+    assert written_type == stored
+    assert written.astype(stored).tobytes(order="F") == expected.tobytes(order="F")
 
 
 def test_stripes_on_a_real_image_stay_finite_and_are_removed(denoiser):

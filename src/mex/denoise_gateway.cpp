@@ -1,4 +1,6 @@
-// The denoiser's entry point for Octave and MATLAB:
+// The denoiser's entry point for Octave and MATLAB (the unit rule of
+// shapewiener/units.h: values used as stored, noise in their units, integer
+// classes returned in their class through sw::to_type):
 //   OUT = shapewiener_denoise(Z, 'sigma', S)
 //   OUT = shapewiener_denoise(Z, 'kernel', K, 'sigma', S)
 //   OUT = shapewiener_denoise(Z, 'psd', P)
@@ -6,6 +8,7 @@
 // adapter over sw::denoise (include/shapewiener/denoise.h): it reads the
 // host's arrays, runs, and copies the estimate out. Errors leave through
 // mexErrMsgIdAndTxt only after every object of the gateway is released.
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +19,7 @@
 #include "mex.h"
 #include "mex/host_interrupt.h"
 #include "shapewiener/denoise.h"
+#include "shapewiener/units.h"
 
 namespace {
 
@@ -81,6 +85,57 @@ sw::Error read_scalar(const mxArray* a, const char* option, double* value) {
     }
     *value = mxGetScalar(a);
     return sw::Error();
+}
+
+// How a numeric class stores its values.
+sw::SampleType sample_type(mxClassID id) {
+    switch (id) {
+        case mxINT8_CLASS: return sw::SampleType::kInt8;
+        case mxUINT8_CLASS: return sw::SampleType::kUint8;
+        case mxINT16_CLASS: return sw::SampleType::kInt16;
+        case mxUINT16_CLASS: return sw::SampleType::kUint16;
+        case mxINT32_CLASS: return sw::SampleType::kInt32;
+        case mxUINT32_CLASS: return sw::SampleType::kUint32;
+        case mxINT64_CLASS: return sw::SampleType::kInt64;
+        case mxUINT64_CLASS: return sw::SampleType::kUint64;
+        case mxSINGLE_CLASS: return sw::SampleType::kFloat32;
+        default: return sw::SampleType::kFloat64;
+    }
+}
+
+// The estimate as an array of the input's class: integer classes get
+// sw::to_type's rounding and clipping, single and double the values.
+mxArray* output_of(const sw::Image& out, mxClassID id) {
+    const sw::SampleType type = sample_type(id);
+    if (!sw::is_integer(type)) {
+        mxArray* a = mxCreateDoubleMatrix(out.rows, out.cols, mxREAL);
+        if (!out.pixels.empty()) {
+            std::memcpy(mxGetPr(a), out.pixels.data(), sizeof(double) * out.pixels.size());
+        }
+        return a;
+    }
+    mxArray* a = mxCreateNumericMatrix(out.rows, out.cols, id, mxREAL);
+    void* data = mxGetData(a);
+    const size_t n = out.pixels.size();
+    switch (id) {
+#define SW_CASE(id, type)                                                                  \
+    case id:                                                                               \
+        for (size_t i = 0; i < n; ++i) {                                                   \
+            static_cast<type*>(data)[i] = static_cast<type>(sw::to_type(out.pixels[i], sample_type(id))); \
+        }                                                                                  \
+        break;
+        SW_CASE(mxINT8_CLASS, int8_t)
+        SW_CASE(mxUINT8_CLASS, uint8_t)
+        SW_CASE(mxINT16_CLASS, int16_t)
+        SW_CASE(mxUINT16_CLASS, uint16_t)
+        SW_CASE(mxINT32_CLASS, int32_t)
+        SW_CASE(mxUINT32_CLASS, uint32_t)
+        SW_CASE(mxINT64_CLASS, int64_t)
+        SW_CASE(mxUINT64_CLASS, uint64_t)
+#undef SW_CASE
+        default: break;
+    }
+    return a;
 }
 
 std::string text_of(const mxArray* a) {
@@ -166,13 +221,20 @@ sw::Error run(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
         noise = sw::NoiseModel::white(sigma);
     }
 
+    const std::string refusal =
+        sw::size_refusal(image.rows, image.cols, sw::denoise_bytes_per_pixel(options.preset));
+    if (!refusal.empty()) return make("shapewiener:image:tooLarge", "the image has " + refusal + ".");
+    const mxClassID id = mxGetClassID(prhs[0]);
+    if (!image.pixels.empty()) {
+        const auto [lo, hi] = std::minmax_element(image.pixels.begin(), image.pixels.end());
+        const std::string warning = sw::noise_warning(*lo, *hi, sample_type(id), noise);
+        if (!warning.empty()) mexWarnMsgIdAndTxt("shapewiener:noise:implausible", "%s", warning.c_str());
+    }
+
     const sw::Progress progress = [](double, const char*) { return !swmex::interrupt_requested(); };
     try {
         const sw::Image out = sw::denoise(image, noise, options, progress);
-        plhs[0] = mxCreateDoubleMatrix(out.rows, out.cols, mxREAL);
-        if (!out.pixels.empty()) {
-            std::memcpy(mxGetPr(plhs[0]), out.pixels.data(), sizeof(double) * out.pixels.size());
-        }
+        plhs[0] = output_of(out, id);
     } catch (const sw::DenoiseError& error) {
         return error.error();
     } catch (const std::bad_alloc&) {

@@ -2,11 +2,13 @@
 # Ctrl-C during a long call: one octave-cli session (commands from a fifo)
 # starts a call that would run for many seconds, gets SIGINT, must return to
 # its prompt within a few seconds, and must still run the next call.
-# Usage: interrupt_test.sh <dir with shapewiener.mex> <dir with the test scripts>
+# Usage: interrupt_test.sh <dir with shapewiener.mex> <dir with the test scripts> [step]
+# (step: 'long', the raw filter, by default; 'long_denoise', shapewiener_denoise)
 # Exit code 77 (skipped) when Octave or the MEX file is missing.
 set -u
 mex_dir=$1
 test_dir=$2
+step=${3:-long}
 skip=77
 [ "${CI:-}" = "true" ] && skip=1
 if ! command -v octave-cli >/dev/null 2>&1 || [ ! -f "$mex_dir/shapewiener.mex" ]; then
@@ -26,7 +28,7 @@ mkfifo "$work/in"
 octave-cli --norc --no-history --no-window-system --interactive <"$work/in" >"$work/log" 2>&1 &
 octave_pid=$!
 exec 3>"$work/in"
-echo "addpath('$mex_dir'); addpath('$test_dir'); interrupt_session('long');" >&3
+echo "addpath('$mex_dir'); addpath('$test_dir'); interrupt_session('$step');" >&3
 
 # Wait for the call to start (argument building takes a moment).
 for _ in $(seq 1 200); do
@@ -36,7 +38,7 @@ done
 if ! grep -q 'calling' "$work/log"; then
   echo "FAIL: the long call did not start"; cat "$work/log"; exit 1
 fi
-sleep 0.5
+sleep 0.3
 start=$(date +%s%N)
 kill -INT "$octave_pid"
 echo "printf('prompt back\n'); fflush(stdout);" >&3

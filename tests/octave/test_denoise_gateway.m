@@ -21,8 +21,22 @@ function test_denoise_gateway()
   psd = 0.05^2 * ones(32, 40);
   from_psd = shapewiener_denoise(noisy, 'psd', psd, 'preset', 'fast');
   assert(max(abs(from_psd(:) - white(:))) < 1e-6);
-  % Integer classes are used with their values.
+  % Integer classes: values as stored, noise in their units, the result in
+  % the class (rounded, clipped), signed values with their sign.
   z8 = uint8(255 * min(max(noisy, 0), 1));
-  assert(isequal(shapewiener_denoise(z8, 'sigma', 12, 'preset', 'fast'), ...
-                 shapewiener_denoise(double(z8), 'sigma', 12, 'preset', 'fast')));
+  for z = {z8, int8(double(z8) - 128), uint16(z8) * 200}
+    z = z{1};
+    out = shapewiener_denoise(z, 'sigma', 12, 'preset', 'fast');
+    ref = shapewiener_denoise(double(z), 'sigma', 12, 'preset', 'fast');
+    assert(strcmp(class(out), class(z)) && isequal(out, cast(round(ref), class(z))), class(z));
+  end
+  % A sigma meant for values on [0, 1]: a warning with an identifier, and
+  % the call still runs (the warning shows in the log).
+  lastwarn('');
+  state = warning('on', 'shapewiener:noise:implausible');
+  out = shapewiener_denoise(z8, 'sigma', 0.1, 'preset', 'fast');
+  [message, id] = lastwarn();
+  warning(state);
+  assert(strcmp(id, 'shapewiener:noise:implausible') && ~isempty(strfind(message, '25.5')));
+  assert(isa(out, 'uint8') && isequal(size(out), size(z8)));
 end
