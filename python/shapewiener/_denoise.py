@@ -5,7 +5,7 @@ import warnings
 
 import numpy as np
 
-from . import _core
+from . import _colour, _core
 from .errors import Error
 
 # The library's pixel limit (its pixel indices are 32-bit signed).
@@ -129,8 +129,8 @@ class _ProgressLine:
 
 
 def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=None,
-            progress=False, _tile=None, _peaks=True):
-    """Denoise a grey-scale image corrupted by white or coloured noise.
+            progress=False, channel_covariance=None, _tile=None, _peaks=True):
+    """Denoise a grey-scale or colour image corrupted by white or coloured noise.
 
     Noise levels are in the units of the values as you hold them: an
     8-bit image's noise in grey levels 0..255, a 16-bit image's in
@@ -138,21 +138,27 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
 
     Parameters
     ----------
-    z : (M, N) array_like
+    z : (M, N), (M, N, 3) or (M, N, 4) array_like
         The noisy image: float or integer (signed or unsigned) values, any
         memory order. Integer values are used as stored, not rescaled.
-        bool, complex and object arrays are refused.
-    sigma : float, optional
+        bool, complex and object arrays are refused. A colour image (RGB,
+        or RGB and alpha) is denoised as a whole: the shapes are chosen
+        once on its luminance and the noise is followed through the colour
+        transform; the alpha channel comes back untouched.
+    sigma : float or sequence of 3 floats, optional
         The noise's per-pixel standard deviation: white noise, or with
         `kernel`, noise ``sigma * (kernel * w) / ||kernel||`` for standard
-        white noise ``w``.
+        white noise ``w``. On a colour image one value means the same
+        noise, independently, in every channel; three values give each
+        channel its own.
     kernel : (P, Q) array_like, optional
         The noise's colouring kernel, centred at ``((P - 1) // 2, (Q - 1) // 2)``;
         given with `sigma`.
     psd : (M, N) array_like, optional
         The noise's power spectrum, of `z`'s shape, DC at ``[0, 0]``,
         unshifted, scaled so that white noise of variance ``s**2`` has
-        ``psd == s**2``; given alone.
+        ``psd == s**2``; given alone. On a colour image (M, N) for every
+        channel or (M, N, 3), one per channel.
     preset : {'default', 'fast', 'best'}, optional
         'fast' runs one pass on fixed squares; 'default' and 'best' choose
         adaptive neighbourhoods and run three passes.
@@ -163,10 +169,15 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
         True prints a progress line on stderr; a callable
         ``f(fraction, phase)`` is called instead, and returning False from
         it cancels the call.
+    channel_covariance : (3, 3) array_like, optional
+        Colour images only: noise correlated across the channels, with
+        this per-pixel covariance (symmetric, positive semi-definite, in
+        the values' units squared); its spatial shape is white, or that of
+        `kernel` or `psd` (whose scale is then ignored). No `sigma`.
 
     Returns
     -------
-    out : (M, N) ndarray
+    out : ndarray of `z`'s shape
         The estimate in `z`'s type: for integer `z` rounded (halves to
         even) and clipped to the type's range, by the rule the
         ``shapewiener`` program writes integer files with, so the same
@@ -202,11 +213,28 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
     >>> z8 = np.clip(128 + 25 * rng.standard_normal((64, 64)), 0, 255).astype(np.uint8)
     >>> shapewiener.denoise(z8, sigma=25, preset="fast").dtype
     dtype('uint8')
+
+    A colour image, its noise correlated across the channels:
+
+    >>> rgb = np.clip(128 + 20 * rng.standard_normal((32, 32, 3)), 0, 255)
+    >>> c = [[400, 200, 100], [200, 400, 200], [100, 200, 400]]
+    >>> shapewiener.denoise(rgb, channel_covariance=c, preset="fast").shape
+    (32, 32, 3)
     """
     if not _core.have_denoise:
         raise Error("shapewiener:denoise:unavailable", "this build has no denoiser.")
     a = np.asarray(z)  # no copy for an array
     check_dtype(a.dtype, "image")
+    callback = _ProgressLine() if progress is True else (progress or None)
+    if a.ndim == 3 and _tile is None:
+        out = _colour.denoise_colour(a, sigma=sigma, kernel=kernel, psd=psd,
+                                     channel_covariance=channel_covariance, preset=preset,
+                                     threads=threads_count(threads), callback=callback,
+                                     number=_number, matrix=_as_matrix, warn=warn_if_implausible)
+        return stored_as(out, a.dtype)
+    if channel_covariance is not None:
+        raise Error("shapewiener:noise:covariance",
+                    "channel_covariance is for colour images, of shape (rows, cols, 3 or 4).")
     check_shape(a.shape, "image")
     refusal = _core.size_refusal(a.shape[0], a.shape[1], _core.denoise_bytes_per_pixel(str(preset)))
     if refusal:
@@ -215,7 +243,6 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
     image = _as_matrix(a, "image")
     noise, s, k, p = _noise(sigma, kernel, psd, None if _tile is not None else image.shape)
     count = threads_count(threads)
-    callback = _ProgressLine() if progress is True else (progress or None)
     if _tile is None:
         warn_if_implausible(image.min(), image.max(), dtype, noise, s, k, p)
     out, _report = _core.denoise(image, noise, s, k, p, str(preset), count, callback, _tile,

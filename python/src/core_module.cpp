@@ -11,6 +11,8 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -18,6 +20,7 @@
 
 #include "shapewiener/filter.h"
 #if defined(SHAPEWIENER_HAVE_DENOISE)
+#include "shapewiener/colour.h"
 #include "shapewiener/denoise.h"
 #include "shapewiener/units.h"
 #endif
@@ -285,6 +288,83 @@ py::tuple denoise_call(py::array_t<double> image, const std::string& noise,
     return py::make_tuple(out, r);
 }
 
+// sw::denoise_colour on a (rows, cols, channels) float64 array. kind:
+// "same", "per_channel" or "correlated"; models: (noise, sigma, kernel, psd)
+// tuples as model_of takes them; covariance: 9 values, row-major, or None.
+py::tuple denoise_colour_call(py::array_t<double> image, const std::string& kind, py::list models,
+                              py::object covariance, const std::string& preset, unsigned threads,
+                              py::object progress, const std::string& basis, bool joint) {
+    if (image.ndim() != 3) throw py::value_error("the colour image must be a 3-D array");
+    sw::ColourImage in;
+    in.rows = static_cast<uint32_t>(image.shape(0));
+    in.cols = static_cast<uint32_t>(image.shape(1));
+    in.channels = static_cast<uint32_t>(image.shape(2));
+    const size_t plane = static_cast<size_t>(in.rows) * in.cols;
+    {
+        const auto v = image.unchecked<3>();
+        in.pixels.resize(plane * in.channels);
+        for (py::ssize_t k = 0; k < v.shape(2); ++k) {
+            for (py::ssize_t j = 0; j < v.shape(1); ++j) {
+                for (py::ssize_t i = 0; i < v.shape(0); ++i) {
+                    in.pixels[i + j * v.shape(0) + k * plane] = v(i, j, k);
+                }
+            }
+        }
+    }
+    std::vector<sw::NoiseModel> noise_models;
+    for (const py::handle h : models) {
+        const py::tuple t = h.cast<py::tuple>();
+        noise_models.push_back(model_of(t[0].cast<std::string>(), t[1].cast<double>(), t[2], t[3]));
+    }
+    sw::ColourNoise noise;
+    if (kind == "per_channel") {
+        noise = sw::ColourNoise::per_channel(std::move(noise_models));
+    } else if (kind == "correlated") {
+        const auto c = covariance.cast<std::vector<double>>();
+        if (c.size() != 9) throw py::value_error("the channel covariance must have 9 values");
+        std::array<double, 9> cov;
+        std::copy(c.begin(), c.end(), cov.begin());
+        noise = sw::ColourNoise::correlated(noise_models.at(0), cov);
+    } else {
+        noise = sw::ColourNoise::same(noise_models.at(0));
+    }
+    sw::DenoiseOptions options;
+    options.preset = preset;
+    options.threads = threads;
+    sw::ColourOptions colour;
+    colour.basis = basis == "noise" ? sw::ColourBasis::kNoise : sw::ColourBasis::kOpponent;
+    colour.joint = joint;
+    Interrupt interrupt;
+    const sw::Progress poll = [&interrupt, &progress](double fraction, const char* phase) {
+        return interrupt.poll(&progress, fraction, phase);
+    };
+    sw::ColourImage result;
+    sw::DenoiseReport report;
+    sw::Error error;
+    {
+        py::gil_scoped_release release;
+        try {
+            result = sw::denoise_colour(in, noise, options, colour, poll, &report);
+        } catch (const sw::DenoiseError& e) {
+            error = e.error();
+        }
+    }
+    interrupt.rethrow();
+    if (error) raise_error(error.identifier, error.message);
+    // (rows, cols, channels) over the planes: a view of the result's memory.
+    auto* pixels = new std::vector<double>(std::move(result.pixels));
+    py::capsule owner(pixels, [](void* p) { delete static_cast<std::vector<double>*>(p); });
+    const py::ssize_t d = sizeof(double), r = result.rows, c = result.cols;
+    py::array out(py::dtype::of<double>(), {r, c, static_cast<py::ssize_t>(result.channels)},
+                  {d, r * d, r * c * d}, pixels->data(), owner);
+    py::dict rep;
+    rep["passes"] = report.passes;
+    rep["accepted_entries"] = report.accepted_entries;
+    rep["key_changes"] = report.key_changes;
+    rep["seconds"] = report.seconds;
+    return py::make_tuple(out, rep);
+}
+
 // The unit rule's pieces: a sample type by NumPy's name.
 sw::SampleType type_of(const std::string& name) {
     sw::SampleType type;
@@ -368,6 +448,7 @@ PYBIND11_MODULE(_core, m) {
     m.def("filter", &filter_call, "The raw sixteen-argument filter (arrays prepared by shapewiener.filter).");
 #if defined(SHAPEWIENER_HAVE_DENOISE)
     m.def("denoise", &denoise_call, "sw::denoise on a column-major float64 matrix.");
+    m.def("denoise_colour", &denoise_colour_call, "sw::denoise_colour on a (rows, cols, channels) array.");
     m.def("noise_has_peaks", [](uint32_t rows, uint32_t cols, const std::string& noise, double sigma,
                                 py::object kernel, py::object psd, const std::string& preset) {
         try {

@@ -16,13 +16,16 @@ Z = sample_image()  # 24 x 20, values in 0..255
 NAN = Z.copy()
 NAN[3, 4] = np.nan
 K = np.ones((3, 3))
+RGB = np.stack([Z, Z[::-1], 255 - Z], axis=2)
 
 CALLS = [
     # The image: what is not a real 2-D array is refused before any copy.
     ("bool image", "denoise", dict(z=Z > 100, sigma=1.0), "image:notNumeric"),
     ("object image", "denoise", dict(z=Z.astype(object), sigma=1.0), "image:notNumeric"),
     ("complex image", "denoise", dict(z=Z + 1j, sigma=1.0), "image:complex"),
-    ("3-D image", "denoise", dict(z=np.zeros((4, 4, 2)), sigma=1.0), "image:size"),
+    ("two channels", "denoise", dict(z=np.zeros((4, 4, 2)), sigma=1.0), "image:channels"),
+    ("five channels", "denoise", dict(z=np.zeros((4, 4, 5)), sigma=1.0), "image:channels"),
+    ("4-D image", "denoise", dict(z=np.zeros((4, 4, 3, 1)), sigma=1.0), "image:size"),
     ("NaN pixel", "denoise", dict(z=NAN, sigma=12.0), "image:notFinite"),
     ("50000 x 50000 view, refused before the 20 GB copy", "denoise",
      dict(z=np.broadcast_to(np.uint8(7), (50000, 50000)), sigma=1.0), "image:tooLarge"),
@@ -37,6 +40,15 @@ CALLS = [
     ("complex kernel", "denoise", dict(z=Z, kernel=K + 1j, sigma=1.0), "kernel:complex"),
     ("all-zero kernel", "denoise", dict(z=Z, kernel=0 * K, sigma=1.0), "noise:allZero"),
     ("negative psd", "denoise", dict(z=Z, psd=-np.ones((24, 20))), "noise:negative"),
+    # Colour noise.
+    ("covariance on grey", "denoise", dict(z=Z, channel_covariance=np.eye(3)), "noise:covariance"),
+    ("covariance and sigma", "denoise", dict(z=RGB, sigma=1.0, channel_covariance=np.eye(3)),
+     "noise:conflict"),
+    ("covariance 2 x 2", "denoise", dict(z=RGB, channel_covariance=np.eye(2)), "noise:covariance"),
+    ("covariance indefinite", "denoise", dict(z=RGB, channel_covariance=np.eye(3) - 2),
+     "noise:covariance"),
+    ("two sigmas for three channels", "denoise", dict(z=RGB, sigma=[1.0, 2.0]), "noise:channels"),
+    ("psd of two channels", "denoise", dict(z=RGB, psd=np.ones((24, 20, 2))), "noise:psdSize"),
     # Options.
     ("unknown preset", "denoise", dict(z=Z, sigma=1.0, preset="slow"), "options:preset"),
     ("negative threads", "denoise", dict(z=Z, sigma=1.0, threads=-1), "threads:outOfRange"),

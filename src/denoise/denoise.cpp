@@ -170,7 +170,8 @@ private:
 
 sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
                        const Settings& settings, unsigned threads, const sw::Progress& progress,
-                       sw::DenoiseReport* report, const sw::TileFrame& tile) {
+                       sw::DenoiseReport* report, const sw::TileFrame& tile,
+                       SharedShapes* shared) {
     const auto start = std::chrono::steady_clock::now();
     const ProgressSink step(progress);
     step(0.0, "noise");
@@ -231,15 +232,24 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     at = 0.02;
     stage = "shapes";
     step(at, stage);
-    const swcaller::ShapeArguments shapes =
-        settings.adaptive
-            ? adaptive_shapes(noisy.pixels.data(), rows, cols, r, settings.rule,
-                              !transpose_symmetric(psd), swcaller::GroupTies::kContent)
-            : swcaller::make_shape_arguments(
-                  settings.square_scale, swcaller::scale_set(settings.square_scale),
-                  swcaller::fixed_direction_scales(rows, cols,
-                                                   static_cast<uint8_t>(settings.square_scale)),
-                  true, swcaller::GroupTies::kContent);
+    // The shapes: chosen here, or those another image of the same size chose
+    // (the channels of a colour image share the luminance channel's).
+    SharedShapes own;
+    SharedShapes& chosen = shared != nullptr ? *shared : own;
+    if (!chosen.ready) {
+        chosen.shapes =
+            settings.adaptive
+                ? adaptive_shapes(noisy.pixels.data(), rows, cols, r, settings.rule,
+                                  chosen.rows_only || !transpose_symmetric(psd),
+                                  swcaller::GroupTies::kContent)
+                : swcaller::make_shape_arguments(
+                      settings.square_scale, swcaller::scale_set(settings.square_scale),
+                      swcaller::fixed_direction_scales(rows, cols,
+                                                       static_cast<uint8_t>(settings.square_scale)),
+                      true, swcaller::GroupTies::kContent);
+        chosen.ready = true;
+    }
+    const swcaller::ShapeArguments& shapes = chosen.shapes;
 
     sw::DenoiseReport done;
     const double first_factor = white ? settings.first_factor_white : settings.first_factor;

@@ -66,11 +66,24 @@ RangeMap working_range(const sw::Image& image, bool normalise);
 // The same map for values known to lie in [lo, hi].
 RangeMap working_range(double lo, double hi, bool normalise);
 
+// Shapes shared by several images of one size (the channels of a colour
+// image): the first run_pipeline that needs shapes chooses them on its own
+// image and stores them here; later ones use them. `rows_only` set by the
+// caller packs every shape by rows (needed when any image's noise spectrum
+// is not transpose-symmetric).
+struct SharedShapes {
+    swcaller::ShapeArguments shapes;
+    bool ready = false;
+    bool rows_only = false;
+};
+
 // Runs the whole denoiser; see sw::denoise.
 // `tile`: see sw::TileFrame (rows 0: the image is whole).
+// `shared`: see SharedShapes (nullptr: the image chooses its own).
 sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
                        const Settings& settings, unsigned threads, const sw::Progress& progress,
-                       sw::DenoiseReport* report, const sw::TileFrame& tile = sw::TileFrame());
+                       sw::DenoiseReport* report, const sw::TileFrame& tile = sw::TileFrame(),
+                       SharedShapes* shared = nullptr);
 
 }  // namespace swdenoise
 

@@ -1,0 +1,358 @@
+#include "shapewiener/colour.h"
+
+#include <algorithm>
+#include <cmath>
+#include <new>
+#include <string>
+#include <utility>
+
+#include "denoise/fail.h"
+#include "denoise/noise.h"
+#include "denoise/peaks.h"
+#include "denoise/pipeline.h"
+#include "shapewiener/units.h"
+
+namespace sw {
+
+ColourNoise ColourNoise::same(NoiseModel model) {
+    ColourNoise n;
+    n.kind = Kind::kSame;
+    n.models.push_back(std::move(model));
+    return n;
+}
+
+ColourNoise ColourNoise::per_channel(std::vector<NoiseModel> models) {
+    ColourNoise n;
+    n.kind = Kind::kPerChannel;
+    n.models = std::move(models);
+    return n;
+}
+
+ColourNoise ColourNoise::correlated(NoiseModel spatial, const std::array<double, 9>& covariance) {
+    ColourNoise n;
+    n.kind = Kind::kCorrelated;
+    n.models.push_back(std::move(spatial));
+    n.covariance = covariance;
+    return n;
+}
+
+}  // namespace sw
+
+namespace swdenoise {
+namespace {
+
+using Matrix3 = std::array<double, 9>;  // row-major
+
+constexpr uint32_t kColours = 3;
+
+const Matrix3 kOpponent = {
+    1.0 / std::sqrt(3.0), 1.0 / std::sqrt(3.0),  1.0 / std::sqrt(3.0),
+    1.0 / std::sqrt(2.0), 0.0,                   -1.0 / std::sqrt(2.0),
+    1.0 / std::sqrt(6.0), -2.0 / std::sqrt(6.0), 1.0 / std::sqrt(6.0),
+};
+
+// (A C A^T)_kk: the noise variance the rotation's row k receives.
+double rotated_variance(const Matrix3& a, const Matrix3& c, uint32_t k) {
+    double sum = 0.0;
+    for (uint32_t i = 0; i < kColours; ++i) {
+        for (uint32_t j = 0; j < kColours; ++j) sum += a[k * 3 + i] * c[i * 3 + j] * a[k * 3 + j];
+    }
+    return sum;
+}
+
+// Eigenvectors of a symmetric 3 x 3 matrix by cyclic Jacobi rotations: the
+// columns of `v`, their eigenvalues in `values`.
+void symmetric_eigen(Matrix3 m, Matrix3* v, std::array<double, 3>* values) {
+    *v = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+    for (int sweep = 0; sweep < 50; ++sweep) {
+        const double off = std::fabs(m[1]) + std::fabs(m[2]) + std::fabs(m[5]);
+        if (off == 0.0) break;
+        for (uint32_t p = 0; p < 2; ++p) {
+            for (uint32_t q = p + 1; q < 3; ++q) {
+                const double apq = m[p * 3 + q];
+                if (apq == 0.0) continue;
+                const double theta = (m[q * 3 + q] - m[p * 3 + p]) / (2.0 * apq);
+                const double t = (theta >= 0.0 ? 1.0 : -1.0) /
+                                 (std::fabs(theta) + std::sqrt(theta * theta + 1.0));
+                const double c = 1.0 / std::sqrt(t * t + 1.0), s = t * c;
+                for (uint32_t k = 0; k < 3; ++k) {  // m = m J
+                    const double mkp = m[k * 3 + p], mkq = m[k * 3 + q];
+                    m[k * 3 + p] = c * mkp - s * mkq;
+                    m[k * 3 + q] = s * mkp + c * mkq;
+                }
+                for (uint32_t k = 0; k < 3; ++k) {  // m = J^T m
+                    const double mpk = m[p * 3 + k], mqk = m[q * 3 + k];
+                    m[p * 3 + k] = c * mpk - s * mqk;
+                    m[q * 3 + k] = s * mpk + c * mqk;
+                }
+                for (uint32_t k = 0; k < 3; ++k) {  // v = v J
+                    const double vkp = (*v)[k * 3 + p], vkq = (*v)[k * 3 + q];
+                    (*v)[k * 3 + p] = c * vkp - s * vkq;
+                    (*v)[k * 3 + q] = s * vkp + c * vkq;
+                }
+            }
+        }
+    }
+    *values = {m[0], m[4], m[8]};
+}
+
+void check_covariance(const Matrix3& c) {
+    double largest = 0.0;
+    for (double x : c) {
+        if (!std::isfinite(x)) {
+            fail("shapewiener:noise:covariance", "the channel covariance has a NaN or Inf value.");
+        }
+        largest = std::max(largest, std::fabs(x));
+    }
+    if (largest == 0.0) {
+        fail("shapewiener:noise:covariance", "the channel covariance is all zero.");
+    }
+    for (uint32_t i = 0; i < 3; ++i) {
+        for (uint32_t j = i + 1; j < 3; ++j) {
+            if (std::fabs(c[i * 3 + j] - c[j * 3 + i]) > 1e-12 * largest) {
+                fail("shapewiener:noise:covariance", "the channel covariance is not symmetric.");
+            }
+        }
+    }
+    Matrix3 v;
+    std::array<double, 3> values;
+    symmetric_eigen(c, &v, &values);
+    if (*std::min_element(values.begin(), values.end()) < -1e-9 * largest) {
+        fail("shapewiener:noise:covariance",
+             "the channel covariance is not positive semi-definite (it has a negative eigenvalue).");
+    }
+}
+
+void check_noise(const sw::ColourNoise& noise, uint32_t rows, uint32_t cols) {
+    const size_t wanted = noise.kind == sw::ColourNoise::Kind::kPerChannel ? kColours : 1;
+    if (noise.models.size() != wanted) {
+        fail("shapewiener:noise:channels",
+             "the colour noise has " + std::to_string(noise.models.size()) + " model(s); " +
+                 (wanted == 1 ? "this form takes one." : "a model per channel takes 3."));
+    }
+    for (const sw::NoiseModel& m : noise.models) noise_autocovariance(m, rows, cols);  // checks it
+    if (noise.kind == sw::ColourNoise::Kind::kCorrelated) check_covariance(noise.covariance);
+}
+
+void check_colour_image(const sw::ColourImage& image) {
+    if (image.channels != 3 && image.channels != 4) {
+        fail("shapewiener:image:channels",
+             "a colour image has 3 channels (RGB) or 4 (RGB and alpha); this one has " +
+                 std::to_string(image.channels) + ".");
+    }
+    const uint64_t plane = static_cast<uint64_t>(image.rows) * image.cols;
+    if (image.rows == 0 || image.cols == 0) {
+        fail("shapewiener:image:empty", "the image is empty; it needs at least 1 x 1 pixels.");
+    }
+    if (image.pixels.size() != plane * image.channels) {
+        fail("shapewiener:image:size", "the image has " + std::to_string(image.pixels.size()) +
+                                           " values for " + std::to_string(image.rows) + " x " +
+                                           std::to_string(image.cols) + " x " +
+                                           std::to_string(image.channels) + ".");
+    }
+}
+
+// A spatial model scaled to per-pixel variance `variance`.
+sw::NoiseModel scaled_model(const sw::NoiseModel& m, double variance) {
+    switch (m.kind) {
+        case sw::NoiseModel::Kind::kWhite:
+            return sw::NoiseModel::white(std::sqrt(variance));
+        case sw::NoiseModel::Kind::kKernel:
+            return sw::NoiseModel::from_kernel(m.kernel, m.kernel_rows, m.kernel_cols,
+                                               std::sqrt(variance));
+        case sw::NoiseModel::Kind::kPsd: {
+            double sum = 0.0;
+            for (double p : m.psd) sum += p;
+            const double factor = variance / (sum / static_cast<double>(m.psd.size()));
+            std::vector<double> psd(m.psd.size());
+            for (size_t f = 0; f < psd.size(); ++f) psd[f] = m.psd[f] * factor;
+            return sw::NoiseModel::from_psd(std::move(psd));
+        }
+    }
+    return m;
+}
+
+// The noise of rotation row k: sum_i sum_j a_ki a_kj S_ij, S the noise's
+// channel cross-spectra. `variance` gets its per-pixel variance.
+sw::NoiseModel rotated_noise(const sw::ColourNoise& noise, const Matrix3& a, uint32_t k,
+                             uint32_t rows, uint32_t cols, double* variance) {
+    using Kind = sw::ColourNoise::Kind;
+    if (noise.kind == Kind::kSame) {
+        const sw::NoiseModel& m = noise.models[0];
+        *variance = noise_autocovariance(m, rows, cols).variance();
+        return m;
+    }
+    if (noise.kind == Kind::kCorrelated) {
+        *variance = rotated_variance(a, noise.covariance, k);
+        return scaled_model(noise.models[0], *variance);
+    }
+    const bool white = std::all_of(noise.models.begin(), noise.models.end(), [](const sw::NoiseModel& m) {
+        return m.kind == sw::NoiseModel::Kind::kWhite;
+    });
+    if (white) {
+        double sum = 0.0;
+        for (uint32_t c = 0; c < kColours; ++c) {
+            sum += a[k * 3 + c] * a[k * 3 + c] * (noise.models[c].sigma * noise.models[c].sigma);
+        }
+        *variance = sum;
+        return sw::NoiseModel::white(std::sqrt(sum));
+    }
+    std::vector<double> psd(static_cast<size_t>(rows) * cols, 0.0);
+    for (uint32_t c = 0; c < kColours; ++c) {
+        const double weight = a[k * 3 + c] * a[k * 3 + c];
+        const std::vector<double> channel = full_psd(noise.models[c], rows, cols);
+        for (size_t f = 0; f < psd.size(); ++f) psd[f] += weight * channel[f];
+    }
+    double sum = 0.0;
+    for (double p : psd) sum += p;
+    *variance = sum / static_cast<double>(psd.size());
+    return sw::NoiseModel::from_psd(std::move(psd));
+}
+
+// Channel k's own noise, for denoising the channels apart.
+sw::NoiseModel channel_noise(const sw::ColourNoise& noise, uint32_t k, double* variance) {
+    using Kind = sw::ColourNoise::Kind;
+    if (noise.kind == Kind::kPerChannel) {
+        *variance = 1.0;
+        return noise.models[k];
+    }
+    if (noise.kind == Kind::kSame) {
+        *variance = 1.0;
+        return noise.models[0];
+    }
+    *variance = noise.covariance[k * 3 + k];
+    return scaled_model(noise.models[0], *variance);
+}
+
+}  // namespace
+}  // namespace swdenoise
+
+namespace sw {
+
+std::array<double, 9> colour_basis(const ColourNoise& noise, const ColourOptions& colour) {
+    using swdenoise::kOpponent;
+    if (noise.kind == ColourNoise::Kind::kCorrelated) swdenoise::check_covariance(noise.covariance);
+    if (colour.basis == ColourBasis::kOpponent || noise.kind != ColourNoise::Kind::kCorrelated) {
+        return kOpponent;
+    }
+    std::array<double, 9> v;
+    std::array<double, 3> values;
+    swdenoise::symmetric_eigen(noise.covariance, &v, &values);
+    // Row 0: the eigenvector closest to grey; rows 1, 2: the others by
+    // falling eigenvalue. Signs: the largest component positive.
+    uint32_t order[3] = {0, 1, 2};
+    auto grey = [&](uint32_t j) { return std::fabs(v[j] + v[3 + j] + v[6 + j]); };
+    std::sort(order, order + 3, [&](uint32_t x, uint32_t y) {
+        return grey(x) > grey(y) || (grey(x) == grey(y) && x < y);
+    });
+    if (values[order[2]] > values[order[1]]) std::swap(order[1], order[2]);
+    std::array<double, 9> a;
+    for (uint32_t k = 0; k < 3; ++k) {
+        const uint32_t j = order[k];
+        double big = v[j];
+        for (uint32_t i = 1; i < 3; ++i) {
+            if (std::fabs(v[i * 3 + j]) > std::fabs(big)) big = v[i * 3 + j];
+        }
+        const double sign = big < 0.0 ? -1.0 : 1.0;
+        for (uint32_t i = 0; i < 3; ++i) a[k * 3 + i] = sign * v[i * 3 + j];
+    }
+    return a;
+}
+
+ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
+                           const DenoiseOptions& options, const ColourOptions& colour,
+                           const Progress& progress, DenoiseReport* report) {
+    using namespace swdenoise;
+    check_colour_image(image);
+    if (options.tile.rows > 0) {
+        fail("shapewiener:tile:colour", "a colour image is denoised whole; tiles are not supported.");
+    }
+    const uint32_t rows = image.rows, cols = image.cols;
+    check_noise(noise, rows, cols);
+    Settings settings = preset_settings(options.preset);
+    settings.peaks.enabled = settings.peaks.enabled && options.peaks;
+    const size_t plane = static_cast<size_t>(rows) * cols;
+    try {
+        const std::array<double, 9> a = colour_basis(noise, colour);
+        ColourImage out;
+        out.rows = rows;
+        out.cols = cols;
+        out.channels = image.channels;
+        out.pixels.assign(image.pixels.size(), 0.0);
+        SharedShapes shared;
+        DenoiseReport total;
+        // The channels' noise, and whether any spectrum needs the row packing.
+        std::vector<NoiseModel> models(kColours);
+        std::array<double, 3> variance{};
+        for (uint32_t k = 0; k < kColours; ++k) {
+            models[k] = colour.joint ? rotated_noise(noise, a, k, rows, cols, &variance[k])
+                                     : channel_noise(noise, k, &variance[k]);
+            if (colour.joint && variance[k] > 0.0 &&
+                !transpose_symmetric(block_psd(noise_autocovariance(models[k], rows, cols),
+                                               settings.weighted_psd))) {
+                shared.rows_only = true;
+            }
+        }
+        const double largest = *std::max_element(variance.begin(), variance.end());
+        std::vector<double> rotated(plane * kColours);
+        for (uint32_t k = 0; k < kColours; ++k) {
+            Image channel;
+            channel.rows = rows;
+            channel.cols = cols;
+            channel.pixels.resize(plane);
+            for (size_t p = 0; p < plane; ++p) {
+                if (colour.joint) {
+                    channel.pixels[p] = a[k * 3 + 0] * image.pixels[p] +
+                                        a[k * 3 + 1] * image.pixels[p + plane] +
+                                        a[k * 3 + 2] * image.pixels[p + 2 * plane];
+                } else {
+                    channel.pixels[p] = image.pixels[p + k * plane];
+                }
+            }
+            // A channel the noise does not reach is its own estimate.
+            if (!(variance[k] > 1e-12 * largest)) {
+                std::copy(channel.pixels.begin(), channel.pixels.end(), rotated.begin() + k * plane);
+                continue;
+            }
+            const Progress part = [&](double fraction, const char* phase) {
+                return !progress || progress((k + fraction) / kColours, phase);
+            };
+            DenoiseReport one;
+            const Image estimate = run_pipeline(channel, models[k], settings, options.threads,
+                                                part, &one, TileFrame(),
+                                                colour.joint ? &shared : nullptr);
+            std::copy(estimate.pixels.begin(), estimate.pixels.end(), rotated.begin() + k * plane);
+            total.passes = std::max(total.passes, one.passes);
+            total.accepted_entries += one.accepted_entries;
+            total.key_changes += one.key_changes;
+            total.seconds += one.seconds;
+        }
+        for (uint32_t c = 0; c < kColours; ++c) {
+            for (size_t p = 0; p < plane; ++p) {
+                out.pixels[p + c * plane] =
+                    colour.joint ? a[0 * 3 + c] * rotated[p] + a[1 * 3 + c] * rotated[p + plane] +
+                                       a[2 * 3 + c] * rotated[p + 2 * plane]
+                                 : rotated[p + c * plane];
+            }
+        }
+        if (image.channels == 4) {
+            std::copy(image.pixels.begin() + 3 * plane, image.pixels.end(),
+                      out.pixels.begin() + 3 * plane);
+        }
+        if (progress && !progress(1.0, "done")) {
+            fail("shapewiener:denoise:interrupted", "the denoiser was cancelled.",
+                 ErrorCode::kInterrupted);
+        }
+        if (report != nullptr) *report = total;
+        return out;
+    } catch (const std::bad_alloc&) {
+        const double pixels = static_cast<double>(rows) * cols;
+        fail("shapewiener:memory:allocation",
+             "cannot allocate " +
+                 format_bytes(pixels * (denoise_bytes_per_pixel(options.preset) + 8.0 * 2 * kColours)) +
+                 " for a " + std::to_string(rows) + " x " + std::to_string(cols) + " colour image.",
+             ErrorCode::kOutOfMemory);
+    }
+}
+
+}  // namespace sw
