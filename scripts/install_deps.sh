@@ -5,7 +5,7 @@
 #   scripts/install_deps.sh --demo   only what the command line and the demo need
 #   scripts/install_deps.sh --bench  only the Python packages of bench/quality
 set -euo pipefail
-packages=(cmake g++ make pkg-config libpng-dev libtiff-dev zlib1g-dev libcli11-dev)
+packages=(cmake g++ make pkg-config libpng-dev libtiff-dev libjpeg-dev zlib1g-dev libcli11-dev)
 if [ "${1:-}" = "--bench" ]; then
   packages=(python3-numpy python3-scipy python3-skimage python3-pil python3-pytest)
 elif [ "${1:-}" != "--demo" ]; then

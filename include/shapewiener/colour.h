@@ -38,9 +38,12 @@ struct ColourImage {
 //   covariance[i][j] * P / mean(P), P the spectrum of models[0] (only its
 //   shape counts: sigma is ignored); covariance (3 x 3, row-major,
 //   symmetric, positive semi-definite) is thus the per-pixel covariance of
-//   the channels' noise.
+//   the channels' noise;
+// - estimated: unknown; the spectrum of each rotated channel's noise is
+//   estimated from that channel (as estimate_noise does for a grey image,
+//   which needs at least 16 x 16 pixels).
 struct ColourNoise {
-    enum class Kind { kSame, kPerChannel, kCorrelated };
+    enum class Kind { kSame, kPerChannel, kCorrelated, kEstimated };
     Kind kind = Kind::kSame;
     std::vector<NoiseModel> models;
     std::array<double, 9> covariance{};
@@ -48,6 +51,7 @@ struct ColourNoise {
     static ColourNoise same(NoiseModel model);
     static ColourNoise per_channel(std::vector<NoiseModel> models);
     static ColourNoise correlated(NoiseModel spatial, const std::array<double, 9>& covariance);
+    static ColourNoise estimated();
 };
 
 // The colour rotation. kOpponent: luminance (R + G + B) / sqrt 3 and the
@@ -78,7 +82,7 @@ std::array<double, 9> colour_basis(const ColourNoise& noise, const ColourOptions
 // and "shapewiener:image:channels" (not 3 or 4 channels),
 // "shapewiener:noise:channels" (per-channel models not 3),
 // "shapewiener:noise:covariance" (not finite, symmetric, positive
-// semi-definite or not zero).
+// semi-definite or not zero); estimated noise as estimate_noise.
 ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
                            const DenoiseOptions& options = DenoiseOptions(),
                            const ColourOptions& colour = ColourOptions(),

@@ -10,6 +10,7 @@
 #include "denoise/noise.h"
 #include "denoise/peaks.h"
 #include "denoise/pipeline.h"
+#include "shapewiener/noise.h"
 #include "shapewiener/units.h"
 
 namespace sw {
@@ -33,6 +34,12 @@ ColourNoise ColourNoise::correlated(NoiseModel spatial, const std::array<double,
     n.kind = Kind::kCorrelated;
     n.models.push_back(std::move(spatial));
     n.covariance = covariance;
+    return n;
+}
+
+ColourNoise ColourNoise::estimated() {
+    ColourNoise n;
+    n.kind = Kind::kEstimated;
     return n;
 }
 
@@ -124,11 +131,13 @@ void check_covariance(const Matrix3& c) {
 }
 
 void check_noise(const sw::ColourNoise& noise, uint32_t rows, uint32_t cols) {
-    const size_t wanted = noise.kind == sw::ColourNoise::Kind::kPerChannel ? kColours : 1;
+    const size_t wanted = noise.kind == sw::ColourNoise::Kind::kPerChannel ? kColours
+                          : noise.kind == sw::ColourNoise::Kind::kEstimated ? 0
+                                                                            : 1;
     if (noise.models.size() != wanted) {
         fail("shapewiener:noise:channels",
              "the colour noise has " + std::to_string(noise.models.size()) + " model(s); " +
-                 (wanted == 1 ? "this form takes one." : "a model per channel takes 3."));
+                 (wanted == 1 ? "this form takes one." : wanted == 0 ? "an estimated one takes none." : "a model per channel takes 3."));
     }
     for (const sw::NoiseModel& m : noise.models) noise_autocovariance(m, rows, cols);  // checks it
     if (noise.kind == sw::ColourNoise::Kind::kCorrelated) check_covariance(noise.covariance);
@@ -281,22 +290,10 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
         out.pixels.assign(image.pixels.size(), 0.0);
         SharedShapes shared;
         DenoiseReport total;
-        // The channels' noise, and whether any spectrum needs the row packing.
-        std::vector<NoiseModel> models(kColours);
-        std::array<double, 3> variance{};
+        // The channels to filter: rotated, or as they are.
+        std::vector<Image> channels(kColours);
         for (uint32_t k = 0; k < kColours; ++k) {
-            models[k] = colour.joint ? rotated_noise(noise, a, k, rows, cols, &variance[k])
-                                     : channel_noise(noise, k, &variance[k]);
-            if (colour.joint && variance[k] > 0.0 &&
-                !transpose_symmetric(block_psd(noise_autocovariance(models[k], rows, cols),
-                                               settings.weighted_psd))) {
-                shared.rows_only = true;
-            }
-        }
-        const double largest = *std::max_element(variance.begin(), variance.end());
-        std::vector<double> rotated(plane * kColours);
-        for (uint32_t k = 0; k < kColours; ++k) {
-            Image channel;
+            Image& channel = channels[k];
             channel.rows = rows;
             channel.cols = cols;
             channel.pixels.resize(plane);
@@ -309,6 +306,31 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
                     channel.pixels[p] = image.pixels[p + k * plane];
                 }
             }
+        }
+        // The channels' noise, and whether any spectrum needs the row packing.
+        std::vector<NoiseModel> models(kColours);
+        std::array<double, 3> variance{};
+        for (uint32_t k = 0; k < kColours; ++k) {
+            if (noise.kind == ColourNoise::Kind::kEstimated) {
+                NoiseEstimateOptions eo;
+                eo.threads = options.threads;
+                const NoiseEstimate found = estimate_noise(channels[k], eo);
+                variance[k] = found.sigma * found.sigma;
+                if (variance[k] > 0.0) models[k] = found.model();
+            } else {
+                models[k] = colour.joint ? rotated_noise(noise, a, k, rows, cols, &variance[k])
+                                         : channel_noise(noise, k, &variance[k]);
+            }
+            if (colour.joint && variance[k] > 0.0 &&
+                !transpose_symmetric(block_psd(noise_autocovariance(models[k], rows, cols),
+                                               settings.weighted_psd))) {
+                shared.rows_only = true;
+            }
+        }
+        const double largest = *std::max_element(variance.begin(), variance.end());
+        std::vector<double> rotated(plane * kColours);
+        for (uint32_t k = 0; k < kColours; ++k) {
+            Image& channel = channels[k];
             // A channel the noise does not reach is its own estimate.
             if (!(variance[k] > 1e-12 * largest)) {
                 std::copy(channel.pixels.begin(), channel.pixels.end(), rotated.begin() + k * plane);

@@ -95,7 +95,7 @@ void store_value(double value, sw::SampleType type, unsigned char* b) {
     }
 }
 
-Array2 read_npy(const std::string& path, uint64_t bytes_per_pixel) {
+Array2 read_npy(const std::string& path, uint64_t bytes_per_pixel, bool channels) {
     std::ifstream in(path, std::ios::binary);
     if (!in) bad(path, std::string("cannot open: ") + std::strerror(errno));
     char magic[8];
@@ -158,33 +158,45 @@ Array2 read_npy(const std::string& path, uint64_t bytes_per_pixel) {
         }
     }
     if (dims.size() == 1) dims.insert(dims.begin(), 1);
+    uint64_t planes = 1;
+    if (channels && dims.size() == 3) {
+        planes = dims[2];
+        if (planes == 0 || planes > 0xffffu) bad(path, "has " + std::to_string(planes) + " channels");
+        dims.pop_back();
+    }
     if (dims.size() != 2) {
         bad(path, "has " + std::to_string(dims.size()) +
                       " dimensions; a grey-scale image or array needs 2 (colour is not supported)");
     }
     if (dims[0] > 0xffffffffu || dims[1] > 0xffffffffu) bad(path, "array too large");
-    check_size(path, dims[0], dims[1], std::max<uint64_t>(bytes_per_pixel, 8 + width));
+    check_size(path, dims[0], dims[1], std::max<uint64_t>(bytes_per_pixel, (8 + width) * planes));
     // The data the header announces must be in the file.
     struct stat st;
     const uint64_t data_at = static_cast<uint64_t>(in.tellg());
     if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
-        static_cast<uint64_t>(st.st_size) < data_at + dims[0] * dims[1] * width) {
+        static_cast<uint64_t>(st.st_size) < data_at + dims[0] * dims[1] * planes * width) {
         bad(path, "truncated .npy data: the header announces " + std::to_string(dims[0]) + " x " +
-                      std::to_string(dims[1]) + " values of " + std::to_string(width) +
+                      std::to_string(dims[1]) +
+                      (planes > 1 ? " x " + std::to_string(planes) : std::string()) +
+                      " values of " + std::to_string(width) +
                       " bytes, the file holds " + std::to_string(st.st_size) + " bytes");
     }
     a.rows = static_cast<uint32_t>(dims[0]);
     a.cols = static_cast<uint32_t>(dims[1]);
-    const size_t count = static_cast<size_t>(dims[0] * dims[1]);
+    a.channels = static_cast<uint32_t>(planes);
+    const size_t plane = static_cast<size_t>(dims[0] * dims[1]);
+    const size_t count = plane * a.channels;
     std::vector<unsigned char> raw(count * width);
     if (count > 0 && !in.read(reinterpret_cast<char*>(raw.data()), static_cast<std::streamsize>(raw.size()))) {
         bad(path, "truncated .npy data");
     }
     a.values.resize(count);
     for (size_t k = 0; k < count; ++k) {
-        // Element k of the file; its (row, col) depends on the order.
-        const size_t row = fortran ? k % a.rows : k / a.cols;
-        const size_t col = fortran ? k / a.rows : k % a.cols;
+        // Element k of the file; its (row, col, channel) depends on the order.
+        const size_t pixel = fortran ? k % plane : k / a.channels;
+        const size_t channel = fortran ? k / plane : k % a.channels;
+        const size_t row = fortran ? pixel % a.rows : pixel / a.cols;
+        const size_t col = fortran ? pixel / a.rows : pixel % a.cols;
         unsigned char* b = raw.data() + k * width;
         if (swap) std::reverse(b, b + width);
         const double v = load_value(b, a.type);
@@ -193,18 +205,19 @@ Array2 read_npy(const std::string& path, uint64_t bytes_per_pixel) {
             bad(path, "holds the 64-bit integer " + std::to_string(static_cast<long double>(v)) +
                           ", beyond 2^53: a double cannot hold it exactly");
         }
-        a.values[row + col * a.rows] = v;
+        a.values[row + col * a.rows + channel * plane] = v;
     }
     return a;
 }
 
 void write_npy(const std::string& path, uint32_t rows, uint32_t cols,
-               const std::vector<double>& values, sw::SampleType type) {
+               const std::vector<double>& values, sw::SampleType type, uint32_t channels) {
     static const char* const kDescr[] = {"|u1", "|i1", "<u2", "<i2", "<u4",
                                          "<i4", "<u8", "<i8", "<f4", "<f8"};
     std::string header = std::string("{'descr': '") + kDescr[static_cast<int>(type)] +
                          "', 'fortran_order': True, 'shape': (" + std::to_string(rows) + ", " +
-                         std::to_string(cols) + "), }";
+                         std::to_string(cols) +
+                         (channels > 1 ? ", " + std::to_string(channels) : std::string()) + "), }";
     // Magic (6) + version (2) + length (2) + header, padded with spaces to a
     // multiple of 64 bytes and closed by a newline.
     const size_t total = (10 + header.size() + 1 + 63) / 64 * 64;

@@ -21,6 +21,9 @@ struct Array2 {
     uint32_t cols = 0;
     std::vector<double> values;
     sw::SampleType type = sw::SampleType::kFloat64;
+    // A (rows, cols, channels) array read with `channels` allowed: the
+    // channels are planes one after another, each rows x cols column-major.
+    uint32_t channels = 1;
 };
 
 // A one-dimensional .npy array of n values reads as 1 x n. The size in the
@@ -29,11 +32,14 @@ struct Array2 {
 // allocated (0: what reading itself needs). 64-bit integers beyond 2^53
 // (which a double cannot hold exactly) are refused; bool, complex and
 // object arrays too.
-Array2 read_npy(const std::string& path, uint64_t bytes_per_pixel = 0);
-// Writes the values converted to `type` (sw::to_type), in Fortran order.
+// With `channels`, a three-dimensional array (rows, cols, channels) is read
+// too (bytes_per_pixel then counts every channel of a pixel).
+Array2 read_npy(const std::string& path, uint64_t bytes_per_pixel = 0, bool channels = false);
+// Writes the values converted to `type` (sw::to_type), in Fortran order;
+// `channels` > 1: an array (rows, cols, channels) of planes.
 void write_npy(const std::string& path, uint32_t rows, uint32_t cols,
                const std::vector<double>& values,
-               sw::SampleType type = sw::SampleType::kFloat64);
+               sw::SampleType type = sw::SampleType::kFloat64, uint32_t channels = 1);
 Array2 read_text(const std::string& path);
 
 // .npy by extension, anything else as text.

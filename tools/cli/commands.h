@@ -8,6 +8,7 @@
 #include <string>
 
 #include "shapewiener/noise.h"
+#include "io/image_io.h"
 
 namespace swcli {
 
@@ -21,8 +22,12 @@ struct DenoiseArgs {
     unsigned threads = 0;
     bool quiet = false;
     std::string noise_out;  // blind: where the estimated spectrum goes
+    std::string channel_covariance;  // colour images: 3 x 3 (.npy or text)
+    int quality = 95;                // JPEG output
 };
 int run_denoise(const DenoiseArgs& a);
+// The colour path of run_denoise: an image of 3 or 4 channels, read.
+int run_denoise_colour(const DenoiseArgs& a, swio::ChannelFile input);
 
 struct SimulateArgs {
     std::string input, output, kernel;
@@ -41,6 +46,7 @@ int run_compare(const CompareArgs& a);
 struct ConvertArgs {
     std::string input, output;
     std::string type;  // "": the input's
+    int quality = 95;  // JPEG output
 };
 int run_convert(const ConvertArgs& a);
 

@@ -14,9 +14,10 @@
 
 int main(int argc, char** argv) {
     CLI::App app{
-        "shapewiener: denoises grey-scale images corrupted by white or coloured (correlated)\n"
-        "Gaussian noise. Images: .png (8/16-bit grey), .tif/.tiff (integers of 8 to 64 bits,\n"
-        "32/64-bit float), .npy (the same types).\n"
+        "shapewiener: denoises grey-scale and colour images corrupted by white or coloured\n"
+        "(correlated) Gaussian noise. Images: .png (8/16-bit grey, RGB, RGBA), .tif/.tiff\n"
+        "(grey, RGB or RGBA; integers of 8 to 64 bits, 32/64-bit float), .jpg/.jpeg (8-bit\n"
+        "grey or RGB), .npy (the same types; (rows, cols) or (rows, cols, 3 or 4)).\n"
         "Units: values are used as stored, and noise levels are in the image's own units:\n"
         "an 8-bit image's sigma in grey levels 0..255, a 16-bit one's in 0..65535, a float\n"
         "image's in its values. Outputs keep the input's type unless --type says otherwise\n"
@@ -31,8 +32,8 @@ int main(int argc, char** argv) {
         "denoise",
         "denoise an image; without --sigma, --kernel or --psd the noise (its level and spectrum) is "
         "estimated from the image and its sigma printed");
-    denoise->add_option("INPUT", d.input, "noisy image (.png, .tif, .npy)")->required();
-    denoise->add_option("OUTPUT", d.output, "denoised image (.png, .tif, .npy), in the input's type")
+    denoise->add_option("INPUT", d.input, "noisy image (.png, .tif, .jpg, .npy), grey or colour")->required();
+    denoise->add_option("OUTPUT", d.output, "denoised image (.png, .tif, .jpg, .npy), in the input's type")
         ->required();
     CLI::Option* sigma = denoise->add_option(
         "--sigma", d.sigma,
@@ -48,7 +49,6 @@ int main(int argc, char** argv) {
         "--noise-out", d.noise_out,
         "with no noise given: write the estimated power spectrum (.npy, float64, the image's "
         "shape, the --psd convention)");
-    kernel->needs(sigma);
     psd->excludes(sigma)->excludes(kernel);
     noise_out->excludes(sigma)->excludes(kernel)->excludes(psd);
     denoise->add_option("--preset", d.preset, "fast, default or best")
@@ -60,6 +60,15 @@ int main(int argc, char** argv) {
                         "output sample type (uint8, uint16, int16, float32, float64, ...); "
                         "default: the input's");
     denoise->add_flag("--quiet", d.quiet, "no progress bar, no summary and no noise estimate line");
+    denoise->add_option("--channel-covariance", d.channel_covariance,
+                        "colour images: noise correlated across R, G, B with this 3 x 3 per-pixel "
+                        "covariance (.npy or text, in the image's units squared); its spatial shape "
+                        "is white, or that of --kernel or --psd (their scale ignored); no --sigma")
+        ->excludes(sigma)
+        ->excludes(noise_out);
+    denoise->add_option("--quality", d.quality, "JPEG output quality, 1..100")
+        ->check(CLI::Range(1, 100))
+        ->capture_default_str();
 
     swcli::NoiseArgs n;
     CLI::App* noise = app.add_subcommand(
@@ -102,9 +111,12 @@ int main(int argc, char** argv) {
     CLI::App* convert = app.add_subcommand(
         "convert", "convert an image between formats, values kept as stored");
     convert->add_option("INPUT", v.input, "image")->required();
-    convert->add_option("OUTPUT", v.output, "image (.png, .tif, .npy)")->required();
+    convert->add_option("OUTPUT", v.output, "image (.png, .tif, .jpg, .npy)")->required();
     convert->add_option("--type", v.type,
                         "output sample type; default: the input's (integers round and clip)");
+    convert->add_option("--quality", v.quality, "JPEG output quality, 1..100")
+        ->check(CLI::Range(1, 100))
+        ->capture_default_str();
 
     swcli::FilterArgs f;
     CLI::App* filter = app.add_subcommand(
@@ -136,6 +148,11 @@ int main(int argc, char** argv) {
     }
     try {
         if (denoise->parsed()) {
+            if (kernel->count() && !sigma->count() && d.channel_covariance.empty()) {
+                std::fprintf(stderr, "shapewiener: error: --kernel requires --sigma (or "
+                                     "--channel-covariance) (see --help)\n");
+                return 2;
+            }
             d.has_sigma = sigma->count() > 0;
             return swcli::run_denoise(d);
         }
