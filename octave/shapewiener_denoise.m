@@ -4,6 +4,7 @@ function varargout = shapewiener_denoise(varargin)
 %   OUT = shapewiener_denoise(Z, 'sigma', S)
 %   OUT = shapewiener_denoise(Z, 'kernel', K, 'sigma', S)
 %   OUT = shapewiener_denoise(Z, 'psd', P)
+%   OUT = shapewiener_denoise(RGB, 'channel_covariance', C)
 %   OUT = shapewiener_denoise(..., 'preset', NAME, 'threads', T)
 %
 %   Noise levels are in the units of Z's values as you hold them: a
@@ -31,6 +32,19 @@ function varargout = shapewiener_denoise(varargin)
 %                     shifted, scaled so that white noise of variance s^2
 %                     has P == s^2 (mean(P(:)) is the per-pixel variance);
 %                     given alone.
+%
+%   Colour: Z may be M x N x 3 (RGB) or M x N x 4 (RGB and alpha; the
+%   alpha plane comes back untouched). The shapes are chosen once on the
+%   image's luminance and the noise is followed exactly through the colour
+%   transform. 'sigma', 'kernel' and an M x N 'psd' describe the same noise,
+%   independently, in every channel; an M x N x 3 'psd' one spectrum per
+%   channel;
+%     'channel_covariance', C   noise correlated across the channels with
+%                     the 3 x 3 per-pixel covariance C (in Z's units
+%                     squared); its spatial shape is white, or that of
+%                     'kernel' or 'psd' (their scale ignored); no 'sigma'.
+%   With no noise given, each colour channel's noise spectrum is estimated
+%   from the image.
 %   Options:
 %     'preset'        'fast' (fixed squares, one pass), 'default', 'best'
 %     'threads'       worker threads; 0 (default) takes SHAPEWIENER_THREADS

@@ -41,3 +41,18 @@ def test_noise_forms_that_describe_the_same_noise_agree(denoiser):
                   dict(psd=np.full(rgb.shape, 144.0))):
         out = denoiser.denoise(rgb, **noise)
         assert np.max(np.abs(out - expected)) < 1e-9, noise
+
+
+def test_the_command_line_gives_the_same_bits(denoiser, cli, tmp_path):
+    """An RGBA uint8 file with noise correlated across the channels: the
+    program and shapewiener.denoise give the same bits."""
+    import subprocess
+    rgba = colour_image(4).astype(np.uint8)
+    c = np.array([[144.0, 80.0, 40.0], [80.0, 144.0, 80.0], [40.0, 80.0, 144.0]])
+    np.save(tmp_path / "in.npy", rgba)
+    np.savetxt(tmp_path / "c.txt", c)
+    subprocess.run([cli, "denoise", str(tmp_path / "in.npy"), str(tmp_path / "out.png"), "--quiet",
+                    "--preset", "fast", "--channel-covariance", str(tmp_path / "c.txt")], check=True)
+    subprocess.run([cli, "convert", str(tmp_path / "out.png"), str(tmp_path / "out.npy")], check=True)
+    expected = denoiser.denoise(rgba, channel_covariance=c, preset="fast")
+    assert np.array_equal(np.load(tmp_path / "out.npy"), expected)

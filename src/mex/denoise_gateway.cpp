@@ -9,6 +9,7 @@
 // host's arrays, runs, and copies the estimate out. Errors leave through
 // mexErrMsgIdAndTxt only after every object of the gateway is released.
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +19,7 @@
 
 #include "mex.h"
 #include "mex/host_interrupt.h"
+#include "shapewiener/colour.h"
 #include "shapewiener/denoise.h"
 #include "shapewiener/units.h"
 
@@ -34,17 +36,27 @@ sw::Error make(const char* identifier, const std::string& message,
 
 // Any real numeric array, as doubles in column-major order (logical arrays
 // hold no image and are refused), its size checked before any copy.
+// With `channels`, an M x N x 3 or M x N x 4 array is read too (its planes
+// one after another) and *channels set to its third size.
 sw::Error read_matrix(const mxArray* a, const char* what, uint32_t* rows, uint32_t* cols,
-                      std::vector<double>* values) {
+                      std::vector<double>* values, uint32_t* channels = nullptr) {
     const std::string name(what);
     if (!mxIsNumeric(a) || mxIsComplex(a) || mxIsSparse(a)) {
         return make(("shapewiener:" + name + ":notReal").c_str(),
                     "the " + name + " must be a real full numeric matrix; got a " +
                         mxGetClassName(a) + (mxIsComplex(a) ? " complex" : "") + " array.");
     }
-    if (mxGetNumberOfDimensions(a) != 2) {
+    const size_t dims = mxGetNumberOfDimensions(a);
+    if (channels != nullptr) *channels = dims == 3 ? static_cast<uint32_t>(mxGetDimensions(a)[2]) : 1;
+    if (channels != nullptr && dims == 3 && *channels != 3 && *channels != 4) {
+        return make(("shapewiener:" + name + ":channels").c_str(),
+                    "a colour " + name + " is M x N x 3 (RGB) or M x N x 4 (RGB and alpha); got " +
+                        std::to_string(*channels) + " channels.");
+    }
+    if (dims != 2 && (channels == nullptr || dims != 3)) {
         return make(("shapewiener:" + name + ":size").c_str(),
-                    "the " + name + " must be a 2-D matrix.");
+                    "the " + name + (channels != nullptr ? " must be M x N, M x N x 3 or M x N x 4."
+                                                         : " must be a 2-D matrix."));
     }
     const size_t n = mxGetNumberOfElements(a);
     const size_t m = mxGetM(a);
@@ -54,7 +66,7 @@ sw::Error read_matrix(const mxArray* a, const char* what, uint32_t* rows, uint32
                         " values; the limit is 2^31 - 1.");
     }
     *rows = static_cast<uint32_t>(m);
-    *cols = static_cast<uint32_t>(mxGetN(a));
+    *cols = static_cast<uint32_t>(dims == 3 ? mxGetDimensions(a)[1] : mxGetN(a));
     values->resize(n);
     const void* data = mxGetData(a);
     switch (mxGetClassID(a)) {
@@ -105,16 +117,18 @@ sw::SampleType sample_type(mxClassID id) {
 
 // The estimate as an array of the input's class: integer classes get
 // sw::to_type's rounding and clipping, single and double the values.
-mxArray* output_of(const sw::Image& out, mxClassID id) {
+mxArray* output_of(const sw::ColourImage& out, mxClassID id) {
     const sw::SampleType type = sample_type(id);
+    const mwSize dims[3] = {out.rows, out.cols, out.channels};
+    const mwSize count = out.channels > 1 ? 3 : 2;
     if (!sw::is_integer(type)) {
-        mxArray* a = mxCreateDoubleMatrix(out.rows, out.cols, mxREAL);
+        mxArray* a = mxCreateNumericArray(count, dims, mxDOUBLE_CLASS, mxREAL);
         if (!out.pixels.empty()) {
             std::memcpy(mxGetPr(a), out.pixels.data(), sizeof(double) * out.pixels.size());
         }
         return a;
     }
-    mxArray* a = mxCreateNumericMatrix(out.rows, out.cols, id, mxREAL);
+    mxArray* a = mxCreateNumericArray(count, dims, id, mxREAL);
     void* data = mxGetData(a);
     const size_t n = out.pixels.size();
     switch (id) {
@@ -151,6 +165,77 @@ std::string lower(std::string s) {
     return s;
 }
 
+struct Planes {
+    std::vector<double> values;
+    uint32_t rows = 0, cols = 0, channels = 1;
+};
+
+// The colour call: the same noise in every channel ('sigma', 'kernel', an
+// M x N 'psd'), a spectrum per channel (an M x N x 3 'psd'), noise
+// correlated across the channels ('channel_covariance', its spatial shape
+// white or that of 'kernel' or 'psd'), or, with no noise given, estimated.
+sw::Error run_colour(mxArray* plhs[], const mxArray* input, const sw::ColourImage& image,
+                     bool have_sigma, double sigma, bool have_kernel, Planes kernel, bool have_psd,
+                     Planes psd, bool have_covariance, const std::vector<double>& covariance,
+                     const sw::DenoiseOptions& options) {
+    if (image.channels == 1) {
+        return make("shapewiener:noise:covariance",
+                    "'channel_covariance' is for colour images (M x N x 3 or M x N x 4).");
+    }
+    if ((have_psd && (have_sigma || have_kernel)) || (have_covariance && have_sigma)) {
+        return make("shapewiener:noise:conflict",
+                    "give the noise as 'sigma', as 'kernel' and 'sigma', as 'psd' alone, or as "
+                    "'channel_covariance' with at most a 'kernel' or 'psd' for its spatial shape.");
+    }
+    if (have_kernel && !have_sigma && !have_covariance) {
+        return make("shapewiener:noise:missing", "'kernel' needs 'sigma' (or 'channel_covariance').");
+    }
+    if (have_psd && (psd.rows != image.rows || psd.cols != image.cols ||
+                     (psd.channels != 1 && (psd.channels != 3 || have_covariance)))) {
+        return make("shapewiener:noise:psdSize",
+                    "the power spectrum must be M x N (every channel) or M x N x 3 (one per "
+                    "channel), M x N the image's size.");
+    }
+    const double scale = have_sigma ? sigma : 1.0;
+    sw::NoiseModel spatial = sw::NoiseModel::white(scale);
+    if (have_psd && psd.channels == 1) spatial = sw::NoiseModel::from_psd(std::move(psd.values));
+    if (have_kernel) spatial = sw::NoiseModel::from_kernel(std::move(kernel.values), kernel.rows, kernel.cols, scale);
+    sw::ColourNoise noise;
+    if (have_covariance) {
+        std::array<double, 9> c;
+        for (size_t i = 0; i < 3; ++i) {
+            for (size_t j = 0; j < 3; ++j) c[i * 3 + j] = covariance[i + j * 3];
+        }
+        noise = sw::ColourNoise::correlated(std::move(spatial), c);
+    } else if (have_psd && psd.channels == 3) {
+        const size_t plane = static_cast<size_t>(psd.rows) * psd.cols;
+        std::vector<sw::NoiseModel> models;
+        for (size_t k = 0; k < 3; ++k) {
+            models.push_back(sw::NoiseModel::from_psd(
+                std::vector<double>(psd.values.begin() + k * plane, psd.values.begin() + (k + 1) * plane)));
+        }
+        noise = sw::ColourNoise::per_channel(std::move(models));
+    } else if (have_sigma || have_psd) {
+        noise = sw::ColourNoise::same(std::move(spatial));
+    } else {
+        noise = sw::ColourNoise::estimated();
+    }
+    const std::string refusal = sw::size_refusal(
+        image.rows, image.cols, sw::denoise_bytes_per_pixel(options.preset) + 16 * image.channels);
+    if (!refusal.empty()) return make("shapewiener:image:tooLarge", "the image has " + refusal + ".");
+    const mxClassID id = mxGetClassID(input);
+    const sw::Progress progress = [](double, const char*) { return !swmex::interrupt_requested(); };
+    try {
+        const sw::ColourImage out = sw::denoise_colour(image, noise, options, sw::ColourOptions(), progress);
+        plhs[0] = output_of(out, id);
+    } catch (const sw::DenoiseError& error) {
+        return error.error();
+    } catch (const std::bad_alloc&) {
+        return make("shapewiener:memory:outOfMemory", "not enough memory.", sw::ErrorCode::kOutOfMemory);
+    }
+    return sw::Error();
+}
+
 // Reads the call, runs the denoiser, leaves the estimate in plhs[0].
 sw::Error run(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
     if (nrhs < 1) return make("shapewiener:nrhs:tooFew", "expected an image and the noise.");
@@ -159,14 +244,14 @@ sw::Error run(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
         return make("shapewiener:options:pairs",
                     "the options after the image come in name-value pairs.");
     }
-    sw::Image image;
-    sw::Error e = read_matrix(prhs[0], "image", &image.rows, &image.cols, &image.pixels);
+    sw::ColourImage image;
+    sw::Error e = read_matrix(prhs[0], "image", &image.rows, &image.cols, &image.pixels, &image.channels);
     if (e) return e;
 
-    bool have_sigma = false, have_kernel = false, have_psd = false;
+    bool have_sigma = false, have_kernel = false, have_psd = false, have_covariance = false;
     double sigma = 0.0;
-    uint32_t kernel_rows = 0, kernel_cols = 0, psd_rows = 0, psd_cols = 0;
-    std::vector<double> kernel, psd;
+    uint32_t kernel_rows = 0, kernel_cols = 0, psd_rows = 0, psd_cols = 0, psd_channels = 1;
+    std::vector<double> kernel, psd, covariance;
     sw::DenoiseOptions options;
     for (int i = 1; i + 1 < nrhs; i += 2) {
         const std::string name = lower(text_of(prhs[i]));
@@ -178,8 +263,15 @@ sw::Error run(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
             e = read_matrix(value, "kernel", &kernel_rows, &kernel_cols, &kernel);
             have_kernel = true;
         } else if (name == "psd") {
-            e = read_matrix(value, "psd", &psd_rows, &psd_cols, &psd);
+            e = read_matrix(value, "psd", &psd_rows, &psd_cols, &psd, &psd_channels);
             have_psd = true;
+        } else if (name == "channel_covariance") {
+            uint32_t r = 0, c = 0;
+            e = read_matrix(value, "covariance", &r, &c, &covariance);
+            if (!e && (r != 3 || c != 3)) {
+                return make("shapewiener:noise:covariance", "'channel_covariance' takes a 3 x 3 matrix.");
+            }
+            have_covariance = true;
         } else if (name == "preset") {
             if (!mxIsChar(value)) {
                 return make("shapewiener:preset:notText", "'preset' takes 'fast', 'default' or 'best'.");
@@ -196,9 +288,19 @@ sw::Error run(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
         } else {
             return make("shapewiener:options:unknown",
                         "unknown option '" + text_of(prhs[i]) +
-                            "'; the options are 'sigma', 'kernel', 'psd', 'preset' and 'threads'.");
+                            "'; the options are 'sigma', 'kernel', 'psd', 'channel_covariance', 'preset' and "
+                            "'threads'.");
         }
         if (e) return e;
+    }
+    if (image.channels > 1 || have_covariance) {
+        return run_colour(plhs, prhs[0], image, have_sigma, sigma, have_kernel,
+                          {std::move(kernel), kernel_rows, kernel_cols}, have_psd,
+                          {std::move(psd), psd_rows, psd_cols, psd_channels}, have_covariance,
+                          covariance, options);
+    }
+    if (have_psd && psd_channels != 1) {
+        return make("shapewiener:noise:psdSize", "a power spectrum per channel is for colour images.");
     }
     sw::NoiseModel noise;
     if (have_psd) {
@@ -233,8 +335,9 @@ sw::Error run(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
 
     const sw::Progress progress = [](double, const char*) { return !swmex::interrupt_requested(); };
     try {
-        const sw::Image out = sw::denoise(image, noise, options, progress);
-        plhs[0] = output_of(out, id);
+        const sw::Image out = sw::denoise({image.rows, image.cols, std::move(image.pixels)}, noise,
+                                          options, progress);
+        plhs[0] = output_of({out.rows, out.cols, 1, out.pixels}, id);
     } catch (const sw::DenoiseError& error) {
         return error.error();
     } catch (const std::bad_alloc&) {

@@ -18,7 +18,9 @@ function test_hostile()
     {z + 1i, 'sigma', 1}, 'shapewiener:image:notReal'
     {{z}, 'sigma', 1}, 'shapewiener:image:notReal'
     {sparse(z), 'sigma', 1}, 'shapewiener:image:notReal'
-    {ones(3, 3, 2), 'sigma', 1}, 'shapewiener:image:size'
+    {ones(3, 3, 2), 'sigma', 1}, 'shapewiener:image:channels'
+    {ones(3, 3, 5), 'sigma', 1}, 'shapewiener:image:channels'
+    {ones(3, 3, 3, 2), 'sigma', 1}, 'shapewiener:image:size'
     {nan_z, 'sigma', 12}, 'shapewiener:image:notFinite'
     % the noise
     {z}, 'shapewiener:noise:missing'
@@ -33,6 +35,10 @@ function test_hostile()
     {z, 'sigma', NaN}, 'shapewiener:noise:sigma'
     {z, 'kernel', ones(3) + 1i, 'sigma', 1}, 'shapewiener:kernel:notReal'
     {z, 'kernel', zeros(3), 'sigma', 1}, 'shapewiener:noise:allZero'
+    {z, 'channel_covariance', eye(3)}, 'shapewiener:noise:covariance'
+    {cat(3, z, z, z), 'channel_covariance', eye(2)}, 'shapewiener:noise:covariance'
+    {cat(3, z, z, z), 'channel_covariance', eye(3), 'sigma', 1}, 'shapewiener:noise:conflict'
+    {cat(3, z, z, z), 'psd', ones(24, 20, 2)}, 'shapewiener:psd:channels'
     % options
     {z, 'sigma'}, 'shapewiener:options:pairs'
     {z, 'sigma', 1, 'colour', 1}, 'shapewiener:options:unknown'

@@ -156,8 +156,11 @@ int run_simulate(const SimulateArgs& a) {
     if (!std::isfinite(a.sigma) || a.sigma < 0.0) {
         throw std::runtime_error("--sigma must be a finite number of at least 0");
     }
-    const swio::ImageFile input = swio::read_image(a.input, 24);
-    warn_implausible(input.image, input.type, sw::NoiseModel::white(a.sigma));
+    const swio::ChannelFile input = swio::read_channels(a.input, 24);
+    const sw::Image first{input.image.rows, input.image.cols,
+                          std::vector<double>(input.image.pixels.begin(),
+                                              input.image.pixels.begin() + size_t{input.image.rows} * input.image.cols)};
+    warn_implausible(first, input.type, sw::NoiseModel::white(a.sigma));
     swcaller::NoiseKernel kernel = swcaller::white_kernel();
     if (!a.kernel.empty()) {
         const swio::Array2 k = swio::read_array(a.kernel);
@@ -177,12 +180,16 @@ int run_simulate(const SimulateArgs& a) {
             }
         }
     }
-    const swcaller::Image noise =
-        swcaller::coloured_noise(input.image.rows, input.image.cols, kernel, a.sigma, a.seed);
-    sw::Image noisy = input.image;
-    for (size_t p = 0; p < noisy.pixels.size(); ++p) noisy.pixels[p] += noise.pixels[p];
+    // Colour: independent noise in R, G and B (seeds seed, seed + 1, seed + 2), none in alpha.
+    sw::ColourImage noisy = input.image;
+    const size_t plane = static_cast<size_t>(noisy.rows) * noisy.cols;
+    for (uint32_t k = 0; k < std::min(noisy.channels, 3u); ++k) {
+        const swcaller::Image noise =
+            swcaller::coloured_noise(noisy.rows, noisy.cols, kernel, a.sigma, a.seed + k);
+        for (size_t p = 0; p < plane; ++p) noisy.pixels[p + k * plane] += noise.pixels[p];
+    }
     swio::write_atomically(a.output, [&](const std::string& temp) {
-        swio::write_image(temp, a.output, noisy, out_type);
+        swio::write_channels(temp, a.output, noisy, out_type, a.quality);
     });
     return 0;
 }

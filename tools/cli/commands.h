@@ -34,6 +34,7 @@ struct SimulateArgs {
     double sigma = 0.0;
     uint32_t seed = 20240607;
     std::string type = "float64";
+    int quality = 95;  // JPEG output
 };
 int run_simulate(const SimulateArgs& a);
 

@@ -87,7 +87,8 @@ int main(int argc, char** argv) {
 
     swcli::SimulateArgs s;
     CLI::App* simulate = app.add_subcommand(
-        "simulate", "add Gaussian noise (white, or coloured by a kernel) to an image");
+        "simulate", "add Gaussian noise (white, or coloured by a kernel) to an image; colour "
+        "images get it independently in R, G and B");
     simulate->add_option("INPUT", s.input, "clean image")->required();
     simulate->add_option("OUTPUT", s.output, "noisy image (.npy, .tif; .png with --type)")->required();
     simulate->add_option("--sigma", s.sigma,
@@ -97,7 +98,12 @@ int main(int argc, char** argv) {
                          "output sample type; integers round and clip the noisy values")
         ->capture_default_str();
     simulate->add_option("--kernel", s.kernel, "colouring kernel (.npy or text); white without");
-    simulate->add_option("--seed", s.seed, "seed of the noise generator")->capture_default_str();
+    simulate->add_option("--seed", s.seed,
+                         "seed of the noise generator (colour: seed, seed + 1, seed + 2 for R, G, B)")
+        ->capture_default_str();
+    simulate->add_option("--quality", s.quality, "JPEG output quality, 1..100")
+        ->check(CLI::Range(1, 100))
+        ->capture_default_str();
 
     swcli::CompareArgs c;
     CLI::App* compare = app.add_subcommand("compare", "PSNR of image A against reference B");
