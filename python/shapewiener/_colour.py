@@ -60,8 +60,10 @@ def colour_noise(sigma, kernel, psd, channel_covariance, plane, number, matrix):
         raise Error("shapewiener:noise:conflict",
                     "give the noise as sigma, as kernel and sigma, or as psd alone.")
     if psd is None and sigma is None:
-        raise Error("shapewiener:noise:missing",
-                    "no noise given: pass sigma, kernel and sigma, psd, or channel_covariance.")
+        if kernel is not None:
+            raise Error("shapewiener:noise:missing",
+                        "a kernel needs sigma (or channel_covariance).")
+        return "estimated", [], None
     if sigma is not None and np.ndim(sigma) == 1:
         s = np.asarray(sigma)
         if s.shape != (3,):
@@ -83,7 +85,9 @@ def denoise_colour(a, *, sigma, kernel, psd, channel_covariance, preset, threads
     kind, models, covariance = colour_noise(sigma, kernel, psd, channel_covariance,
                                             a.shape[:2], number, matrix)
     colours = image[:, :, :3]
-    if kind == "correlated":
+    if kind == "estimated":
+        pass
+    elif kind == "correlated":
         spread = np.sqrt(max(covariance[0], covariance[4], covariance[8], 0.0))
         warn(colours.min(), colours.max(), a.dtype, "white", spread, None, None, stacklevel=4)
     else:

@@ -106,7 +106,7 @@ def _noise(sigma, kernel, psd, shape=None):
         return "psd", 0.0, None, np.asfortranarray(p)
     if sigma is None:
         raise Error("shapewiener:noise:missing",
-                    "no noise given: pass sigma, kernel and sigma, or psd.")
+                    "a kernel needs sigma (give no noise at all to have it estimated).")
     s = _number(sigma, "sigma")
     k = None if kernel is None else np.asfortranarray(_as_matrix(kernel, "kernel"))
     return ("white" if k is None else "kernel"), s, k, None
@@ -129,8 +129,14 @@ class _ProgressLine:
 
 
 def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=None,
-            progress=False, channel_covariance=None, _tile=None, _peaks=True):
+            progress=False, channel_covariance=None, _tile=None, _peaks=True,
+            _with_estimate=False):
     """Denoise a grey-scale or colour image corrupted by white or coloured noise.
+
+    Without `sigma`, `kernel` or `psd` the noise is estimated from the
+    image itself (``estimate_noise``): ``denoise(z)`` equals
+    ``denoise(z, psd=estimate_noise(z).psd)``, bit for bit (an image whose
+    estimate is all zero, a constant one, comes back unchanged).
 
     Noise levels are in the units of the values as you hold them: an
     8-bit image's noise in grey levels 0..255, a 16-bit image's in
@@ -138,12 +144,13 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
 
     Parameters
     ----------
-    z : (M, N), (M, N, 3) or (M, N, 4) array_like
+    z : (M, N) array_like
         The noisy image: float or integer (signed or unsigned) values, any
         memory order. Integer values are used as stored, not rescaled.
-        bool, complex and object arrays are refused. A colour image (RGB,
-        or RGB and alpha) is denoised as a whole: the shapes are chosen
-        once on its luminance and the noise is followed through the colour
+        bool, complex and object arrays are refused. Without a noise
+        description it must be at least 16 x 16. A colour image (RGB, or
+        RGB and alpha) is denoised as a whole: the shapes are chosen once
+        on its luminance and the noise is followed through the colour
         transform; the alpha channel comes back untouched.
     sigma : float or sequence of 3 floats, optional
         The noise's per-pixel standard deviation: white noise, or with
@@ -168,7 +175,8 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
     progress : bool or callable, optional
         True prints a progress line on stderr; a callable
         ``f(fraction, phase)`` is called instead, and returning False from
-        it cancels the call.
+        it cancels the call. A call without a noise description starts
+        with the phase ``"noise estimate"``.
     channel_covariance : (3, 3) array_like, optional
         Colour images only: noise correlated across the channels, with
         this per-pixel covariance (symmetric, positive semi-definite, in
@@ -204,6 +212,9 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
     >>> import numpy as np, shapewiener
     >>> rng = np.random.default_rng(0)
     >>> noisy = 0.5 + 0.1 * rng.standard_normal((64, 64))
+    >>> out = shapewiener.denoise(noisy, preset="fast")       # the noise estimated
+    >>> bool(out.std() < noisy.std())
+    True
     >>> out = shapewiener.denoise(noisy, sigma=0.1, preset="fast")
     >>> bool(out.std() < noisy.std())
     True
@@ -225,8 +236,8 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
         raise Error("shapewiener:denoise:unavailable", "this build has no denoiser.")
     a = np.asarray(z)  # no copy for an array
     check_dtype(a.dtype, "image")
-    callback = _ProgressLine() if progress is True else (progress or None)
     if a.ndim == 3 and _tile is None:
+        callback = _ProgressLine() if progress is True else (progress or None)
         out = _colour.denoise_colour(a, sigma=sigma, kernel=kernel, psd=psd,
                                      channel_covariance=channel_covariance, preset=preset,
                                      threads=threads_count(threads), callback=callback,
@@ -241,8 +252,17 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
         raise Error("shapewiener:image:tooLarge", f"the image has {refusal}.")
     dtype = a.dtype
     image = _as_matrix(a, "image")
-    noise, s, k, p = _noise(sigma, kernel, psd, None if _tile is not None else image.shape)
     count = threads_count(threads)
+    callback = _ProgressLine() if progress is True else (progress or None)
+    if sigma is None and kernel is None and psd is None and _tile is None:
+        # No noise given: estimated from the image, then denoised with it.
+        out, _report, found = _core.denoise_blind(image, str(preset), count, callback,
+                                                  bool(_peaks))
+        if _with_estimate:  # the batch reports what was estimated
+            from ._noise import NoiseEstimate
+            return stored_as(out, dtype), NoiseEstimate(**found)
+        return stored_as(out, dtype)
+    noise, s, k, p = _noise(sigma, kernel, psd, None if _tile is not None else image.shape)
     if _tile is None:
         warn_if_implausible(image.min(), image.max(), dtype, noise, s, k, p)
     out, _report = _core.denoise(image, noise, s, k, p, str(preset), count, callback, _tile,

@@ -49,6 +49,12 @@ CALLS = [
      "noise:covariance"),
     ("two sigmas for three channels", "denoise", dict(z=RGB, sigma=[1.0, 2.0]), "noise:channels"),
     ("psd of two channels", "denoise", dict(z=RGB, psd=np.ones((24, 20, 2))), "noise:psdSize"),
+    # No noise given: the estimate's refusals.
+    ("blind call on an image below 16 x 16", "denoise", dict(z=Z[:15, :]), "image:tooSmall"),
+    ("estimate: complex image", "estimate", dict(z=Z + 1j), "image:complex"),
+    ("estimate: NaN pixel", "estimate", dict(z=NAN), "image:notFinite"),
+    ("estimate: threads as text", "estimate", dict(z=Z, threads="2"), "threads:outOfRange"),
+    ("dask, blind: NaN pixel", "dask", dict(array=NAN, chunks=8), "image:notFinite"),
     # Options.
     ("unknown preset", "denoise", dict(z=Z, sigma=1.0, preset="slow"), "options:preset"),
     ("negative threads", "denoise", dict(z=Z, sigma=1.0, threads=-1), "threads:outOfRange"),
@@ -82,6 +88,8 @@ def test_a_bad_call_is_refused_and_changes_nothing(denoiser, where, kwargs, iden
             need(False, "python3-dask")
         import shapewiener.dask
         call = shapewiener.dask.denoise
+    elif where == "estimate":
+        call = denoiser.estimate_noise
     else:
         call = denoiser.denoise
     before = {name: _kept(value) for name, value in kwargs.items()}
