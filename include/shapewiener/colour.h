@@ -39,9 +39,10 @@ struct ColourImage {
 //   shape counts: sigma is ignored); covariance (3 x 3, row-major,
 //   symmetric, positive semi-definite) is thus the per-pixel covariance of
 //   the channels' noise;
-// - estimated: unknown; the spectrum of each rotated channel's noise is
-//   estimated from that channel (as estimate_noise does for a grey image,
-//   which needs at least 16 x 16 pixels).
+// - estimated: unknown, taken to be the same in every channel; its
+//   spectrum is estimated from the image (estimate_noise on each rotated
+//   channel, at least 16 x 16 pixels; at each frequency the smallest of the
+//   three, since texture mistaken for noise can only raise an estimate).
 struct ColourNoise {
     enum class Kind { kSame, kPerChannel, kCorrelated, kEstimated };
     Kind kind = Kind::kSame;

@@ -310,13 +310,25 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
         // The channels' noise, and whether any spectrum needs the row packing.
         std::vector<NoiseModel> models(kColours);
         std::array<double, 3> variance{};
+        // Estimated noise is taken to be the same in every channel: then every
+        // rotated channel holds the same spectrum. Texture, which the
+        // estimate can mistake for noise, can only raise it, and the image's
+        // texture is mostly in the luminance: each frequency takes the
+        // smallest of the three channels' estimates.
+        std::vector<double> estimated;
+        for (uint32_t k = 0; noise.kind == ColourNoise::Kind::kEstimated && k < kColours; ++k) {
+            NoiseEstimateOptions eo;
+            eo.threads = options.threads;
+            const NoiseEstimate found = estimate_noise(channels[k], eo);
+            if (k == 0) estimated = found.psd;
+            for (size_t f = 0; f < estimated.size(); ++f) estimated[f] = std::min(estimated[f], found.psd[f]);
+        }
         for (uint32_t k = 0; k < kColours; ++k) {
             if (noise.kind == ColourNoise::Kind::kEstimated) {
-                NoiseEstimateOptions eo;
-                eo.threads = options.threads;
-                const NoiseEstimate found = estimate_noise(channels[k], eo);
-                variance[k] = found.sigma * found.sigma;
-                if (variance[k] > 0.0) models[k] = found.model();
+                double sum = 0.0;
+                for (double p : estimated) sum += p;
+                variance[k] = sum / static_cast<double>(estimated.size());
+                if (variance[k] > 0.0) models[k] = NoiseModel::from_psd(estimated);
             } else {
                 models[k] = colour.joint ? rotated_noise(noise, a, k, rows, cols, &variance[k])
                                          : channel_noise(noise, k, &variance[k]);
