@@ -259,6 +259,7 @@ TEST(Scales, StopAtAnEdgeAndGrowInFlatAreas) {
     const Autocovariance r = swdenoise::noise_autocovariance(sw::NoiseModel::white(0.02), rows, cols);
     const swdenoise::ScaleRule rule;  // lengths 1 2 3 5 7
     const std::vector<uint8_t> k = swdenoise::choose_scales(noisy.pixels.data(), rows, cols, r, rule);
+    EXPECT_EQ(swdenoise::choose_scales(noisy.pixels.data(), rows, cols, r, rule, 3), k);
     const size_t plane = rows * cols;
     size_t flat_max = 0, flat = 0;
     for (uint32_t c = 0; c < cols; ++c) {

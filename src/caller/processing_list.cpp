@@ -200,13 +200,15 @@ ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set
         uint32_t area;
         uint32_t union_index;
         std::string rest;  // the key after the union's number: orientation, cut union
-        std::vector<int32_t> pixels;
+        uint32_t count;    // pixels
     };
     std::vector<Group> groups;
-    std::unordered_map<std::string, uint32_t> group_of_key;
-    // Key: the union's number (4 bytes), the orientation, then the cut union
-    // when the cut removes something.
-    std::string key;
+    // Keys: the union's number and the orientation; with the cut union when
+    // the cut removes something (near the border only).
+    std::unordered_map<uint64_t, uint32_t> group_of_uncut;
+    std::unordered_map<std::string, uint32_t> group_of_cut;
+    std::vector<uint32_t> group_of_pixel(static_cast<size_t>(rows) * cols);
+    std::string clipped;
     const uint32_t reach = h - 1;
     for (uint32_t col = 0; col < cols; ++col) {
         swcancel::cancel_point();
@@ -225,16 +227,14 @@ ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set
                 found = union_of_indices.emplace(packed, added.first->second).first;
             }
             const uint32_t union_index = found->second;
-            key.assign(5, '\0');
-            std::memcpy(&key[0], &union_index, 4);
-            key[4] = packs_by_columns(q) ? 'c' : 'r';
+            const char orientation = packs_by_columns(q) ? 'c' : 'r';
             const bool near_border = row < reach || col < reach || rows - 1 - row < reach ||
                                      cols - 1 - col < reach;
+            bool cut = false;
             if (near_border) {
                 const Mask& own = unions[union_index];
                 const BoxWindow window = box_window(h, row, col, rows, cols);
-                bool cut = false;
-                std::string clipped(static_cast<size_t>(w) * w, '\0');
+                clipped.assign(static_cast<size_t>(w) * w, '\0');
                 for (uint32_t j = 0; j < w; ++j) {
                     for (uint32_t i = 0; i < w; ++i) {
                         const bool inside = i >= window.i0 && i <= window.i1 && j >= window.j0 && j <= window.j1;
@@ -243,14 +243,30 @@ ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set
                         clipped[i + j * w] = static_cast<char>(inside ? v : 0);
                     }
                 }
-                if (cut) key += clipped;
             }
-            const auto group = group_of_key.emplace(key, static_cast<uint32_t>(groups.size()));
-            if (group.second) {
-                groups.push_back(Group{union_area[union_index], union_index, key.substr(4), {}});
+            const uint32_t next = static_cast<uint32_t>(groups.size());
+            uint32_t group;
+            bool added;
+            if (cut) {
+                std::string key(5, '\0');
+                std::memcpy(&key[0], &union_index, 4);
+                key[4] = orientation;
+                key += clipped;
+                const auto at = group_of_cut.try_emplace(std::move(key), next);
+                group = at.first->second;
+                added = at.second;
+            } else {
+                const uint64_t key = uint64_t{union_index} * 2 + (orientation == 'c' ? 1 : 0);
+                const auto at = group_of_uncut.try_emplace(key, next);
+                group = at.first->second;
+                added = at.second;
             }
-            groups[group.first->second].pixels.push_back(
-                static_cast<int32_t>(row + static_cast<size_t>(col) * rows + 1));
+            if (added) {
+                groups.push_back(Group{union_area[union_index], union_index,
+                                       cut ? orientation + clipped : std::string(1, orientation), 0});
+            }
+            ++groups[group].count;
+            group_of_pixel[row + static_cast<size_t>(col) * rows] = group;
         }
     }
 
@@ -263,16 +279,24 @@ ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set
         if (ga.union_index != gb.union_index) return unions[ga.union_index] < unions[gb.union_index];
         return ga.rest < gb.rest;
     });
-    ProcessingList list;
-    list.pixels.reserve(static_cast<size_t>(rows) * cols);
-    list.keys.reserve(static_cast<size_t>(rows) * cols);
+    // Each group's first entry and key; its pixels then follow in
+    // increasing order.
+    std::vector<uint32_t> next_entry(groups.size()), key_of(groups.size());
+    uint32_t at = 0;
     int32_t next_key = 0;
     for (uint32_t g : order) {
-        ++next_key;
-        for (int32_t pixel : groups[g].pixels) {
-            list.pixels.push_back(pixel);
-            list.keys.push_back(next_key);
-        }
+        next_entry[g] = at;
+        at += groups[g].count;
+        key_of[g] = static_cast<uint32_t>(++next_key);
+    }
+    ProcessingList list;
+    list.pixels.resize(group_of_pixel.size());
+    list.keys.resize(group_of_pixel.size());
+    for (size_t p = 0; p < group_of_pixel.size(); ++p) {
+        const uint32_t g = group_of_pixel[p];
+        const uint32_t e = next_entry[g]++;
+        list.pixels[e] = static_cast<int32_t>(p + 1);
+        list.keys[e] = static_cast<int32_t>(key_of[g]);
     }
     list.key_changes = static_cast<uint32_t>(next_key);
     return list;
