@@ -332,6 +332,8 @@ ImageFile read_image(const std::string& path, uint64_t bytes_per_pixel) {
         return read_image_file(path, bytes_per_pixel);
     } catch (const std::bad_alloc&) {
         bad(path, "cannot allocate the memory to read it");
+    } catch (const std::range_error& e) {
+        bad(path, std::string("holds ") + e.what());
     }
 }
 

@@ -20,6 +20,7 @@ function test_hostile()
     {sparse(z), 'sigma', 1}, 'shapewiener:image:notReal'
     {ones(3, 3, 2), 'sigma', 1}, 'shapewiener:image:size'
     {nan_z, 'sigma', 12}, 'shapewiener:image:notFinite'
+    {int64(z) + intmax('int64') / 2, 'sigma', 1}, 'shapewiener:image:inexact'
     % the noise
     {z}, 'shapewiener:noise:missing'
     {z, 'kernel', ones(3)}, 'shapewiener:noise:missing'
