@@ -254,9 +254,19 @@ ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set
         }
     }
 
+    // The maps are done with; freeing their many strings takes a while.
+    union_of_indices = {};
+    swcancel::cancel_point();
+    union_of_content = {};
+    swcancel::cancel_point();
+    group_of_key = {};
+    swcancel::cancel_point();
+
     std::vector<uint32_t> order(groups.size());
     for (uint32_t g = 0; g < order.size(); ++g) order[g] = g;
+    uint32_t compared = 0;
     std::stable_sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
+        if (++compared % 4096 == 0) swcancel::cancel_point();
         const Group& ga = groups[a];
         const Group& gb = groups[b];
         if (ga.area != gb.area || ties == GroupTies::kFirstPixel) return ga.area < gb.area;
@@ -268,11 +278,13 @@ ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set
     list.keys.reserve(static_cast<size_t>(rows) * cols);
     int32_t next_key = 0;
     for (uint32_t g : order) {
+        if (next_key % 1024 == 0) swcancel::cancel_point();
         ++next_key;
         for (int32_t pixel : groups[g].pixels) {
             list.pixels.push_back(pixel);
             list.keys.push_back(next_key);
         }
+        groups[g] = Group();  // freed as we go
     }
     list.key_changes = static_cast<uint32_t>(next_key);
     return list;

@@ -258,9 +258,14 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     sw::DenoiseReport done;
     const double first_factor = white ? settings.first_factor_white : settings.first_factor;
     const double second_factor = white ? settings.second_factor_white : settings.second_factor;
+    // (The set-up of a large image takes a while: a cancel point after
+    // each step.)
+    swcancel::cancel_point();
     const CallArrays arrays(shapes, psd);
+    swcancel::cancel_point();
     std::vector<double> estimate(noisy.size());
     std::vector<double> noisy_copy = noisy.pixels, pilot = noisy.pixels, previous;
+    swcancel::cancel_point();
     // One plan for every pass: the shapes, and the noise levels of the keys
     // once the first pass has computed them.
     sw::FilterCall planned = arrays.call(noisy_copy.data(), pilot.data(), rows, cols, first_factor);

@@ -4,6 +4,7 @@
 #include <new>
 #include <vector>
 
+#include "cancel/cancel.h"
 #include "driver/filter.h"
 #include "driver/level_store.h"
 
@@ -56,6 +57,7 @@ Error plan_call(const FilterCall& call, Plan::State* s, bool keep_levels) {
     if (!keep_levels) return Error();
     const uint64_t w = 2 * uint64_t{s->h} - 1;
     const uint64_t keys = list_key_changes(call);
+    swcancel::cancel_point();
     if (keys * (w * w + 1) * sizeof(float) > Plan::kMaxStoredBytes) return Error();
     try {
         s->store.area = static_cast<uint32_t>(w * w);
@@ -74,6 +76,7 @@ Error plan_call(const FilterCall& call, Plan::State* s, bool keep_levels) {
 Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels) {
     const Error e = check(call);
     if (e) return e;
+    swcancel::cancel_point();
     plan->state_.reset(new Plan::State);
     return plan_call(call, plan->state_.get(), keep_levels);
 }
