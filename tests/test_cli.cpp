@@ -8,6 +8,7 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +23,7 @@
 #include "io/array_io.h"
 #include "io/image_io.h"
 #include "shapewiener/denoise.h"
+#include "shapewiener/noise.h"
 
 namespace {
 
@@ -39,15 +41,17 @@ protected:
     void TearDown() override { fs::remove_all(dir_); }
     std::string path(const std::string& name) const { return (dir_ / name).string(); }
 
-    // Runs the command line; returns the exit code, stderr in *err.
-    int run(const std::string& args, std::string* err = nullptr) const {
+    // Runs the command line; returns the exit code, stderr in *err, stdout in *out.
+    int run(const std::string& args, std::string* err = nullptr, std::string* out = nullptr) const {
         const std::string err_path = path("stderr.txt");
-        const int status = std::system((std::string(SHAPEWIENER_CLI) + " " + args + " 2> " + err_path + " > /dev/null").c_str());
-        if (err != nullptr) {
-            std::ifstream in(err_path);
+        const std::string out_path = path("stdout.txt");
+        const int status = std::system((std::string(SHAPEWIENER_CLI) + " " + args + " 2> " + err_path + " > " + out_path).c_str());
+        for (auto [file, text] : {std::pair{err_path, err}, std::pair{out_path, out}}) {
+            if (text == nullptr) continue;
+            std::ifstream in(file);
             std::stringstream s;
             s << in.rdbuf();
-            *err = s.str();
+            *text = s.str();
         }
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
@@ -211,6 +215,7 @@ TEST_F(Cli, HostileInputsChangeNothing) {
     swio::write_image(path("grey.png"), path("grey.png"), levels(40, 40, 0, 255), sw::SampleType::kUint8);
     swio::write_image(path("float.npy"), path("float.npy"), levels(20, 20, 0, 1), sw::SampleType::kFloat64);
     swio::write_image(path("keep.tif"), path("keep.tif"), levels(20, 20, 0, 255), sw::SampleType::kUint8);
+    swio::write_image(path("small.png"), path("small.png"), levels(12, 40, 0, 255), sw::SampleType::kUint8);
     {  // An RGB PNG and an RGB TIFF.
         std::vector<unsigned char> rgb(4 * 4 * 3, 100);
         png_image png;
@@ -272,7 +277,11 @@ TEST_F(Cli, HostileInputsChangeNothing) {
         // Noise and options.
         {"denoise grey.png OUT --sigma 0", 1, "standard deviation"},
         {"denoise grey.png OUT --sigma nan", 1, "standard deviation"},
-        {"denoise grey.png OUT", 1, "no noise given"},
+        {"denoise grey.png OUT --sigma 25 --noise-out p.npy", 2, "--sigma excludes --noise-out"},
+        {"denoise grey.png OUT --noise-out p.txt", 1, "written as .npy"},
+        {"noise grey.png --psd-out nodir/p.npy", 1, "the output folder"},
+        {"noise grey.png --plot p.npy --psd-out p.png", 1, "written as .npy"},
+        {"noise small.png", 1, "(shapewiener:image:tooSmall)"},
         {"denoise grey.png OUT --kernel k.txt", 2, "--sigma"},
         {"denoise grey.png OUT --psd grey.png", 1, "grey.png"},
         {"denoise grey.png OUT --sigma 25 --preset slow", 2, "slow"},
@@ -292,6 +301,7 @@ TEST_F(Cli, HostileInputsChangeNothing) {
         {"denoise grey.png " + long_name + " --sigma 25 --preset fast", 0, "", "LONG"},
         {"denoise grey.png out.png --sigma 0.1 --preset fast", 0, "did you mean 25.5?", "out.png"},
         {"denoise float.npy out.npy --sigma 25 --preset fast", 0, "did you mean 0.09804 (25/255)?", "out.npy"},
+        {"denoise grey.png out.png --preset fast", 0, "noise estimated: sigma", "out.png"},
     };
     for (const Case& c : cases) {
         std::string args = c.args;
@@ -369,6 +379,48 @@ TEST_F(Cli, EightBitImagesTakeSigmaInGreyLevels) {
     // The same file with a sigma in [0, 1] units runs, with the guard's warning.
     ASSERT_EQ(run("denoise " + path("noisy.png") + " " + path("out2.png") + " --sigma 0.1 --quiet", &err), 0);
     EXPECT_NE(err.find("did you mean 25.5?"), std::string::npos) << err;
+}
+
+TEST_F(Cli, BlindDenoiseAndTheNoiseCommand) {
+    // An 8-bit PNG with coloured noise and no noise description: the
+    // library's blind bits, its spectrum in --noise-out and from `noise`.
+    sw::Image clean{64, 72, std::vector<double>(64 * 72)};
+    for (size_t p = 0; p < clean.pixels.size(); ++p) clean.pixels[p] = (p % 64) < 30 ? 70 : 180;
+    swio::write_image(path("clean.png"), path("clean.png"), clean, sw::SampleType::kUint8);
+    std::ofstream(path("k.txt")) << "1 2 1\n2 4 2\n1 2 1\n";
+    ASSERT_EQ(run("simulate " + path("clean.png") + " " + path("noisy.png") + " --sigma 20 --kernel " +
+                  path("k.txt") + " --type uint8"), 0);
+    const swio::ImageFile noisy = swio::read_image(path("noisy.png"));
+    std::string err, out;
+    ASSERT_EQ(run("denoise " + path("noisy.png") + " " + path("out.png") + " --preset fast --noise-out " +
+                  path("psd.npy"), &err), 0) << err;
+    EXPECT_NE(err.find("coloured"), std::string::npos) << err;
+    sw::DenoiseOptions fast;
+    fast.preset = "fast";
+    sw::NoiseEstimate e;
+    sw::Image lib = sw::denoise_blind(noisy.image, fast, sw::Progress(), nullptr, &e);
+    sw::to_type(&lib.pixels, sw::SampleType::kUint8);
+    EXPECT_EQ(swio::read_image(path("out.png")).image.pixels, lib.pixels);
+    EXPECT_EQ(swio::read_array(path("psd.npy")).values, e.psd);
+    ASSERT_EQ(run("denoise " + path("noisy.png") + " " + path("q.png") + " --preset fast --quiet", &err), 0);
+    EXPECT_EQ(err, "");
+
+    ASSERT_EQ(run("noise " + path("noisy.png") + " --psd-out " + path("psd2.npy") + " --plot " +
+                  path("plot.png"), &err, &out), 0) << err;
+    char sigma[32];
+    std::snprintf(sigma, sizeof sigma, "sigma     %.6g ", e.sigma);
+    EXPECT_NE(out.find(sigma), std::string::npos) << out;
+    EXPECT_NE(out.find("coloured"), std::string::npos) << out;
+    EXPECT_EQ(swio::read_array(path("psd2.npy")).values, e.psd);
+    // The picture: 8-bit, the image's size, the low-pass noise bright around
+    // the centre (DC) and darker towards the corners (the highest frequencies).
+    const swio::ImageFile plot = swio::read_image(path("plot.png"));
+    EXPECT_EQ(plot.type, sw::SampleType::kUint8);
+    ASSERT_EQ(plot.image.rows, 64u);
+    ASSERT_EQ(plot.image.cols, 72u);
+    const auto at = [&](uint32_t r, uint32_t c) { return plot.image.pixels[r + size_t{64} * c]; };
+    EXPECT_GT(at(32, 37), at(0, 0) + 100) << at(32, 37) << " " << at(0, 0);
+    EXPECT_EQ(*std::max_element(plot.image.pixels.begin(), plot.image.pixels.end()), 255.0);
 }
 
 TEST_F(Cli, FilterReproducesTheSharedWorkload) {

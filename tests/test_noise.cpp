@@ -176,3 +176,61 @@ TEST(EstimateNoise, RefusalsAndCancel) {
 }
 
 }  // namespace
+
+namespace {
+
+// Denoising blind is the estimate, then the denoiser with its spectrum:
+// the same bits, the estimate's phase first, and its own cancel; a constant
+// image has nothing to remove; a tile cannot estimate its frame's noise.
+TEST(DenoiseBlind, IsTheEstimateThenItsSpectrum) {
+    const std::vector<double> img = scene();
+    std::vector<double> z = noise(spectrum(line9, 0.05), 5);
+    for (size_t i = 0; i < z.size(); ++i) z[i] += img[i];
+    const sw::Image image{kSize, 120, std::vector<double>(z.begin(), z.begin() + size_t{kSize} * 120)};
+    sw::DenoiseOptions fast;
+    fast.preset = "fast";
+    std::vector<std::string> phases;
+    double last = 0.0;
+    bool ordered = true;
+    sw::NoiseEstimate used;
+    const sw::Image blind = sw::denoise_blind(image, fast, [&](double f, const char* p) {
+        if (phases.empty() || phases.back() != p) phases.push_back(p);
+        ordered = ordered && f >= last && f <= 1.0;
+        last = f;
+        return true;
+    }, nullptr, &used);
+    const sw::NoiseEstimate e = sw::estimate_noise(image);
+    EXPECT_EQ(used.psd, e.psd);
+    const sw::Image known = sw::denoise(image, e.model(), fast);
+    EXPECT_EQ(blind.pixels, known.pixels);
+    ASSERT_FALSE(phases.empty());
+    EXPECT_EQ(phases.front(), "noise estimate");
+    EXPECT_EQ(phases.back(), "done");
+    EXPECT_TRUE(ordered);
+
+    const sw::Image flat{32, 32, std::vector<double>(32 * 32, 0.5)};
+    EXPECT_EQ(sw::denoise_blind(flat).pixels, flat.pixels);
+
+    sw::DenoiseOptions tile = fast;
+    tile.tile = {kSize, kSize, 0, 0, 0.0, 1.0};
+    std::string seen;
+    const struct {
+        sw::DenoiseOptions options;
+        sw::Progress progress;
+        const char* id;
+    } refusals[] = {
+        {tile, sw::Progress(), "shapewiener:options:tile"},
+        {fast, [&](double, const char* p) { seen = p; return false; }, "shapewiener:denoise:interrupted"},
+    };
+    for (const auto& r : refusals) {
+        try {
+            sw::denoise_blind(image, r.options, r.progress);
+            ADD_FAILURE() << r.id;
+        } catch (const sw::DenoiseError& err) {
+            EXPECT_STREQ(err.error().identifier, r.id);
+        }
+    }
+    EXPECT_EQ(seen, "noise estimate");
+}
+
+}  // namespace

@@ -56,6 +56,19 @@ NoiseEstimate estimate_noise(const Image& image,
                              const NoiseEstimateOptions& options = NoiseEstimateOptions(),
                              const Progress& progress = Progress());
 
+// Denoises `image` without a description of its noise: estimate_noise with
+// options.threads, then denoise with the estimate's psd model. The result
+// equals, bit for bit, denoise(image, estimate_noise(image).model(), options)
+// whenever that spectrum is not all zero; an image whose estimate is all zero
+// (a constant one, say) has no noise to remove and comes back unchanged.
+// Progress: the phase "noise estimate" (the first tenth), then denoise's
+// phases. `estimate`, when given, receives the estimate. Throws DenoiseError
+// as estimate_noise and denoise, and "shapewiener:options:tile" for a tile
+// (a tile's noise is its frame's: estimate it on the frame and pass the psd).
+Image denoise_blind(const Image& image, const DenoiseOptions& options = DenoiseOptions(),
+                    const Progress& progress = Progress(), DenoiseReport* report = nullptr,
+                    NoiseEstimate* estimate = nullptr);
+
 }  // namespace sw
 
 #endif  // SHAPEWIENER_NOISE_H

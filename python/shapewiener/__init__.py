@@ -1,6 +1,8 @@
 """shapewiener: a denoiser for grey-scale images with white or coloured noise.
 
     import shapewiener
+    clean = shapewiener.denoise(noisy)                             # the noise estimated
+    noise = shapewiener.estimate_noise(noisy)                      # .sigma, .psd, .white
     clean = shapewiener.denoise(noisy, sigma=0.1)                  # white noise
     clean = shapewiener.denoise(noisy, kernel=k, sigma=0.1)        # coloured by a kernel
     clean = shapewiener.denoise(noisy, psd=P)                      # given its power spectrum
@@ -13,7 +15,8 @@ images on a Dask cluster. Every rejected call raises ``shapewiener.Error``.
 
 from ._denoise import denoise, remove_noise_peaks
 from ._filter import filter  # noqa: A004 - the module's own name
+from ._noise import NoiseEstimate, estimate_noise
 from .errors import Error
 
 from ._version import __version__
-__all__ = ["denoise", "remove_noise_peaks", "filter", "Error"]
+__all__ = ["denoise", "estimate_noise", "NoiseEstimate", "remove_noise_peaks", "filter", "Error"]

@@ -127,7 +127,7 @@ def _noise(sigma, kernel, psd, shape=None):
         return "psd", 0.0, None, np.asfortranarray(p)
     if sigma is None:
         raise Error("shapewiener:noise:missing",
-                    "no noise given: pass sigma, kernel and sigma, or psd.")
+                    "a kernel needs sigma (give no noise at all to have it estimated).")
     s = _number(sigma, "sigma")
     k = None if kernel is None else np.asfortranarray(_as_matrix(kernel, "kernel"))
     return ("white" if k is None else "kernel"), s, k, None
@@ -150,8 +150,13 @@ class _ProgressLine:
 
 
 def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=None,
-            progress=False, _tile=None, _peaks=True):
+            progress=False, _tile=None, _peaks=True, _with_estimate=False):
     """Denoise a grey-scale image corrupted by white or coloured noise.
+
+    Without `sigma`, `kernel` or `psd` the noise is estimated from the
+    image itself (``estimate_noise``): ``denoise(z)`` equals
+    ``denoise(z, psd=estimate_noise(z).psd)``, bit for bit (an image whose
+    estimate is all zero, a constant one, comes back unchanged).
 
     Noise levels are in the units of the values as you hold them: an
     8-bit image's noise in grey levels 0..255, a 16-bit image's in
@@ -162,7 +167,8 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
     z : (M, N) array_like
         The noisy image: float or integer (signed or unsigned) values, any
         memory order. Integer values are used as stored, not rescaled.
-        bool, complex and object arrays are refused.
+        bool, complex and object arrays are refused. Without a noise
+        description it must be at least 16 x 16.
     sigma : float, optional
         The noise's per-pixel standard deviation: white noise, or with
         `kernel`, noise ``sigma * (kernel * w) / ||kernel||`` for standard
@@ -183,7 +189,8 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
     progress : bool or callable, optional
         True prints a progress line on stderr; a callable
         ``f(fraction, phase)`` is called instead, and returning False from
-        it cancels the call.
+        it cancels the call. A call without a noise description starts
+        with the phase ``"noise estimate"``.
 
     Returns
     -------
@@ -214,6 +221,9 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
     >>> import numpy as np, shapewiener
     >>> rng = np.random.default_rng(0)
     >>> noisy = 0.5 + 0.1 * rng.standard_normal((64, 64))
+    >>> out = shapewiener.denoise(noisy, preset="fast")       # the noise estimated
+    >>> bool(out.std() < noisy.std())
+    True
     >>> out = shapewiener.denoise(noisy, sigma=0.1, preset="fast")
     >>> bool(out.std() < noisy.std())
     True
@@ -234,9 +244,17 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
         raise Error("shapewiener:image:tooLarge", f"the image has {refusal}.")
     dtype = a.dtype
     image = _as_matrix(a, "image")
-    noise, s, k, p = _noise(sigma, kernel, psd, None if _tile is not None else image.shape)
     count = threads_count(threads)
     callback = _ProgressLine() if progress is True else (progress or None)
+    if sigma is None and kernel is None and psd is None and _tile is None:
+        # No noise given: estimated from the image, then denoised with it.
+        out, _report, found = _core.denoise_blind(image, str(preset), count, callback,
+                                                  bool(_peaks))
+        if _with_estimate:  # the batch reports what was estimated
+            from ._noise import NoiseEstimate
+            return stored_as(out, dtype), NoiseEstimate(**found)
+        return stored_as(out, dtype)
+    noise, s, k, p = _noise(sigma, kernel, psd, None if _tile is not None else image.shape)
     if _tile is None:
         warn_if_implausible(image.min(), image.max(), dtype, noise, s, k, p)
     out, _report = _core.denoise(image, noise, s, k, p, str(preset), count, callback, _tile,

@@ -1,5 +1,6 @@
 """Denoises many images on a Dask cluster:
 
+    python3 -m shapewiener.batch 'in/*.png' outdir/                 # noise estimated per image
     python3 -m shapewiener.batch 'in/*.png' outdir/ --sigma 12
     python3 -m shapewiener.batch 'scans/**/*.npy' out/ --kernel k.npy --sigma 0.02 \\
         --scheduler tcp://10.0.0.5:8786
@@ -9,7 +10,8 @@ path below the deepest folder all inputs share, so the input folders are
 mirrored. Images are read and written by the library's own reader and
 writer, the command line program's: values as stored (an 8-bit PNG in
 0..255, so sigma is in those units), results written back in the input's
-type (rounded, clipped to its range). Outputs that exist are skipped, so an
+type (rounded, clipped to its range). Without a noise description the
+noise is estimated per image, and the report says what it found. Outputs that exist are skipped, so an
 interrupted batch resumes where it stopped (an output appears only once
 complete). An image that fails is reported and the others go on; the exit
 status is 1 when any failed, 2 when the batch could not start.
@@ -41,7 +43,8 @@ def _message(e):
 def denoise_file(source, target, noise, preset, threads):
     """One image, read and written through the library's image files (the
     command line's reader and writer, as stored, with its memory check);
-    returns (source, failure or None, seconds, warnings)."""
+    returns (source, failure or None, seconds, warnings[, what was
+    estimated when no noise was given])."""
     import warnings
 
     import shapewiener
@@ -53,10 +56,19 @@ def denoise_file(source, target, noise, preset, threads):
             pixels, stored = _core.read_image(source, _core.denoise_bytes_per_pixel(preset))
             image = pixels.astype(stored)  # exact: the values as stored
             del pixels
-            out = shapewiener.denoise(image, **noise, preset=preset, threads=threads)
+            estimated = ""
+            if all(v is None for v in noise.values()):  # no noise given: estimated per image
+                out, e = shapewiener.denoise(image, preset=preset, threads=threads,
+                                             _with_estimate=True)
+                estimated = (f" (noise estimated: sigma {e.sigma:.4g}, "
+                             f"{'white' if e.white else 'coloured'})")
+            else:
+                out = shapewiener.denoise(image, **noise, preset=preset, threads=threads)
             os.makedirs(os.path.dirname(target) or ".", exist_ok=True)
             _core.write_image(target, out, stored)
         note = "; ".join(str(w.message) for w in caught)
+        if estimated:
+            return source, None, time.monotonic() - start, note, estimated
         return source, None, time.monotonic() - start, note
     except Exception as e:  # noqa: BLE001 - every failure is reported, the batch goes on
         return source, _message(e), time.monotonic() - start, ""
@@ -94,6 +106,8 @@ def check_noise(noise, preset):
     starts (the psd's shape is checked against every image)."""
     from . import _core
     from ._denoise import _noise
+    if all(v is None for v in noise.values()):
+        return  # no noise given: estimated per image
     psd = noise.get("psd")
     shape = (64, 64) if psd is None else np.shape(psd)
     kind, s, k, p = _noise(noise.get("sigma"), noise.get("kernel"), psd)
@@ -116,7 +130,9 @@ def run(pattern, outdir, noise, preset="default", threads=1, scheduler=None, wor
     threads = threads_count(threads)
     check_noise(noise, preset)
     todo, done = plan(pattern, outdir)
-    out.write(f"shapewiener batch: {len(todo)} to do, {done} already done\n")
+    blind = all(v is None for v in noise.values())
+    out.write(f"shapewiener batch: {len(todo)} to do, {done} already done"
+              f"{'; no noise given: estimated per image' if blind else ''}\n")
     if not todo:
         return []
     from distributed import Client, LocalCluster, as_completed
@@ -135,8 +151,8 @@ def run(pattern, outdir, noise, preset="default", threads=1, scheduler=None, wor
         futures = [client.submit(denoise_file, s, t, noise, preset, threads, pure=False)
                    for s, t in todo]
         for count, future in enumerate(as_completed(futures), 1):
-            source, message, seconds, note = future.result()
-            status = "ok" if message is None else f"FAILED: {message}"
+            source, message, seconds, note, *estimated = future.result()
+            status = "ok" + "".join(estimated) if message is None else f"FAILED: {message}"
             if note:
                 status += f" (warning: {note})"
             out.write(f"[{count}/{len(todo)}] {source} {seconds:.1f} s {status}\n")
@@ -179,7 +195,8 @@ def main(argv=None):
     p.add_argument("outdir", help="output folder (outputs that exist are skipped)")
     p.add_argument("--sigma", type=float,
                    help="noise standard deviation, in the images' units as stored (0..255 for "
-                        "8-bit images)")
+                        "8-bit images); without --sigma, --kernel or --psd the noise is "
+                        "estimated per image")
     p.add_argument("--kernel", help=".npy file: the noise's colouring kernel (with --sigma)")
     p.add_argument("--psd", help=".npy file: the noise power spectrum (instead of --sigma)")
     p.add_argument("--preset", default="default", choices=["fast", "default", "best"])

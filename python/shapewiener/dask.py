@@ -10,7 +10,9 @@ denoised as that part of the whole image: values are mapped onto the working
 range with the whole image's minimum and maximum (computed once, before the
 tiles), a psd noise model stays the whole image's, every pixel gets the
 dither of its place in the whole image, and the pixels are visited in the
-whole image's order. Noise with narrow spectral peaks (stripes) is first
+whole image's order. Without a noise description the noise is estimated
+once, on the whole image (computed for it), and every tile gets that
+spectrum. Noise with narrow spectral peaks (stripes) is first
 removed over the whole image, as shapewiener.denoise does (this needs the
 whole image in memory once); the tiles then denoise what is left. The halo
 covers everything a kept pixel depends on:
@@ -26,6 +28,7 @@ from ._denoise import remove_noise_peaks
 from ._denoise import _noise, check_dtype, check_exact, check_shape, is_int64, stored_as
 from ._denoise import threads_count
 from ._denoise import warn_if_implausible
+from ._noise import estimate_noise
 from .errors import Error
 
 
@@ -91,7 +94,9 @@ def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunk
         arrays are refused).
     sigma, kernel, psd, preset
         The noise and the preset, as for ``shapewiener.denoise``; `psd` has
-        the whole image's shape.
+        the whole image's shape. Without any of them the noise is estimated
+        at once, on the whole image (``shapewiener.estimate_noise``), and
+        the tiles give the bits of ``shapewiener.denoise(array)``.
     chunks : int or tuple, optional
         The tiles: a NumPy array is cut into them (default 1024), a Dask
         array rechunked.
@@ -128,6 +133,7 @@ def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunk
     >>> out = shapewiener.dask.denoise(big, chunks=128, sigma=0.1, preset="fast")
     >>> out.compute().shape
     (256, 256)
+    >>> out = shapewiener.dask.denoise(big, chunks=128, preset="fast")   # noise estimated
     """
     import dask
     import dask.array as da
@@ -147,11 +153,19 @@ def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunk
     rows, cols = array.shape
     threads = threads_count(threads)
     halo = tile_halo(preset) if halo is None else _halo_pixels(halo)
+    blind = sigma is None and kernel is None and psd is None
+    if blind:
+        # No noise given: estimated once, on the whole image; every tile
+        # gets that spectrum, as the whole-image call uses it.
+        psd = estimate_noise(array.compute(), threads=threads).psd
+        if not psd.any():  # nothing to remove, as for the whole image
+            return array if dtype.kind not in "iu" else array.astype(dtype)
     peaks = _noise_has_peaks(array.shape, sigma, kernel, psd, preset)
     low, high = (float(v) for v in dask.compute(array.min(), array.max()))
     if not (np.isfinite(low) and np.isfinite(high)):
         raise Error("shapewiener:image:notFinite", "the image has a NaN or Inf value.")
-    warn_if_implausible(low, high, dtype, *_noise(sigma, kernel, psd, array.shape))
+    if not blind:
+        warn_if_implausible(low, high, dtype, *_noise(sigma, kernel, psd, array.shape))
     if peaks:
         staged = remove_noise_peaks(array.compute(), sigma=sigma, kernel=kernel, psd=psd,
                                     preset=preset)

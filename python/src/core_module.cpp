@@ -19,6 +19,7 @@
 #include "shapewiener/filter.h"
 #if defined(SHAPEWIENER_HAVE_DENOISE)
 #include "shapewiener/denoise.h"
+#include "shapewiener/noise.h"
 #include "shapewiener/units.h"
 #endif
 #if defined(SHAPEWIENER_HAVE_IO)
@@ -285,6 +286,63 @@ py::tuple denoise_call(py::array_t<double> image, const std::string& noise,
     return py::make_tuple(out, r);
 }
 
+// Without a noise description: the estimate as a dict (sigma, psd,
+// usable_fraction, white, block) for shapewiener.NoiseEstimate.
+py::dict estimate_dict(sw::NoiseEstimate&& e) {
+    py::dict d;
+    d["sigma"] = e.sigma;
+    d["usable_fraction"] = e.usable_fraction;
+    d["white"] = e.white;
+    d["block"] = e.block;
+    d["psd"] = owned_matrix(std::move(e.psd), e.rows, e.cols);
+    return d;
+}
+
+// sw::estimate_noise, or with `denoise` sw::denoise_blind: then
+// (output, report, estimate), else the estimate.
+py::object blind_call(py::array_t<double> image, bool denoise, const std::string& preset,
+                      unsigned threads, py::object progress, bool peaks) {
+    sw::Image in = image_of(image);
+    Interrupt interrupt;
+    const sw::Progress poll = [&interrupt, &progress](double fraction, const char* phase) {
+        return interrupt.poll(&progress, fraction, phase);
+    };
+    sw::NoiseEstimate estimate;
+    sw::Image result;
+    sw::DenoiseReport report;
+    sw::Error error;
+    {
+        py::gil_scoped_release release;
+        try {
+            if (denoise) {
+                sw::DenoiseOptions options;
+                options.peaks = peaks;
+                options.preset = preset;
+                options.threads = threads;
+                result = sw::denoise_blind(in, options, poll, &report, &estimate);
+            } else {
+                sw::NoiseEstimateOptions options;
+                options.threads = threads;
+                estimate = sw::estimate_noise(in, options, poll);
+            }
+        } catch (const sw::DenoiseError& e) {
+            error = e.error();
+        }
+        in.pixels.clear();
+        in.pixels.shrink_to_fit();
+    }
+    interrupt.rethrow();
+    if (error) raise_error(error.identifier, error.message);
+    if (!denoise) return estimate_dict(std::move(estimate));
+    py::dict r;
+    r["passes"] = report.passes;
+    r["accepted_entries"] = report.accepted_entries;
+    r["key_changes"] = report.key_changes;
+    r["seconds"] = report.seconds;
+    return py::make_tuple(owned_matrix(std::move(result.pixels), result.rows, result.cols), r,
+                          estimate_dict(std::move(estimate)));
+}
+
 // The unit rule's pieces: a sample type by NumPy's name.
 sw::SampleType type_of(const std::string& name) {
     sw::SampleType type;
@@ -385,6 +443,13 @@ PYBIND11_MODULE(_core, m) {
             raise_error(e.error().identifier, e.error().message);
         }
     }, "The border a tile needs around the pixels it keeps, for a preset.");
+    m.def("estimate_noise", [](py::array_t<double> image, unsigned threads, py::object progress) {
+        return blind_call(std::move(image), false, "default", threads, std::move(progress), true);
+    }, "sw::estimate_noise on a column-major float64 matrix: a dict.");
+    m.def("denoise_blind", [](py::array_t<double> image, const std::string& preset, unsigned threads,
+                              py::object progress, bool peaks) {
+        return blind_call(std::move(image), true, preset, threads, std::move(progress), peaks);
+    }, "sw::denoise_blind: (output, report, estimate dict).");
     m.attr("have_denoise") = true;
     m.def("to_type", &to_type_call, py::arg("values"), py::arg("type"),
           "Values as stored in a sample type (integers: halves to even, clipped to the range), "

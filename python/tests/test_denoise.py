@@ -92,6 +92,7 @@ def test_ctrl_c_in_the_middle_of_a_long_preparation(denoiser):
     ("in.npy", "float64", {"kernel": np.outer([1.0, 2.0, 1.0], [1.0, 2.0, 1.0]), "sigma": 0.05}),
     ("in.png", "uint8", {"sigma": 25.0}),     # an 8-bit PNG, its noise in grey levels
     ("in.tif", "int16", {"sigma": 25.0}),     # signed values keep their sign
+    ("blind.png", "uint8", {}),               # no noise given: estimated by both
 ])
 def test_the_command_line_gives_the_same_bits(denoiser, cli, tmp_path, name, stored, options):
     from shapewiener import _core
@@ -103,11 +104,32 @@ def test_the_command_line_gives_the_same_bits(denoiser, cli, tmp_path, name, sto
     if "kernel" in options:
         np.save(tmp_path / "k.npy", options["kernel"])
         command += ["--kernel", str(tmp_path / "k.npy")]
-    subprocess.run(command + ["--sigma", str(options["sigma"])], check=True)
+    subprocess.run(command + (["--sigma", str(options["sigma"])] if options else []), check=True)
     expected = denoiser.denoise(z, **options)
     written, written_type = _core.read_image(str(target))
     assert written_type == stored
     assert written.astype(stored).tobytes(order="F") == expected.tobytes(order="F")
+
+
+def test_blind_is_the_estimate_then_its_spectrum(denoiser, tmp_path):
+    """denoise(z) without noise: estimate_noise(z)'s psd handed to denoise,
+    its phase first; the batch does the same per image and reports it."""
+    from shapewiener import _core, batch
+    z = sample_image(48, 40).astype(np.uint8)
+    phases = []
+    out = denoiser.denoise(z, preset="fast", progress=lambda f, phase: phases.append(phase))
+    e = denoiser.estimate_noise(z, threads=1)
+    assert e.psd.shape == z.shape and e.psd.dtype == np.float64
+    assert e.sigma == pytest.approx(np.sqrt(e.psd.mean()), rel=1e-12)
+    assert repr(e).startswith(f"NoiseEstimate(sigma={e.sigma:.6g}, ")
+    assert out.tobytes() == denoiser.denoise(z, psd=e.psd, preset="fast").tobytes()
+    assert phases[0] == "noise estimate" and phases[-1] == "done"
+    _core.write_image(str(tmp_path / "a.png"), z, "uint8")
+    result = batch.denoise_file(str(tmp_path / "a.png"), str(tmp_path / "out" / "a.png"),
+                                {"sigma": None, "kernel": None, "psd": None}, "fast", 1)
+    assert result[1] is None and f"sigma {e.sigma:.4g}" in result[4], result
+    written, _ = _core.read_image(str(tmp_path / "out" / "a.png"))
+    assert written.astype(np.uint8).tobytes(order="F") == out.tobytes(order="F")
 
 
 def test_stripes_on_a_real_image_stay_finite_and_are_removed(denoiser):

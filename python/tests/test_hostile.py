@@ -39,6 +39,12 @@ CALLS = [
     ("complex kernel", "denoise", dict(z=Z, kernel=K + 1j, sigma=1.0), "kernel:complex"),
     ("all-zero kernel", "denoise", dict(z=Z, kernel=0 * K, sigma=1.0), "noise:allZero"),
     ("negative psd", "denoise", dict(z=Z, psd=-np.ones((24, 20))), "noise:negative"),
+    # No noise given: the estimate's refusals.
+    ("blind call on an image below 16 x 16", "denoise", dict(z=Z[:15, :]), "image:tooSmall"),
+    ("estimate: complex image", "estimate", dict(z=Z + 1j), "image:complex"),
+    ("estimate: NaN pixel", "estimate", dict(z=NAN), "image:notFinite"),
+    ("estimate: threads as text", "estimate", dict(z=Z, threads="2"), "threads:outOfRange"),
+    ("dask, blind: NaN pixel", "dask", dict(array=NAN, chunks=8), "image:notFinite"),
     # Options.
     ("unknown preset", "denoise", dict(z=Z, sigma=1.0, preset="slow"), "options:preset"),
     ("negative threads", "denoise", dict(z=Z, sigma=1.0, threads=-1), "threads:outOfRange"),
@@ -74,6 +80,8 @@ def test_a_bad_call_is_refused_and_changes_nothing(denoiser, where, kwargs, iden
             need(False, "python3-dask")
         import shapewiener.dask
         call = shapewiener.dask.denoise
+    elif where == "estimate":
+        call = denoiser.estimate_noise
     else:
         call = denoiser.denoise
     before = {name: _kept(value) for name, value in kwargs.items()}

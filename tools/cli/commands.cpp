@@ -13,6 +13,7 @@
 #include "io/array_io.h"
 #include "caller/coloured_noise.h"
 #include "io/image_io.h"
+#include "progress_bar.h"
 #include "shapewiener/denoise.h"
 #include "shapewiener/units.h"
 
@@ -64,50 +65,16 @@ void warn_implausible(const sw::Image& image, sw::SampleType type, const sw::Noi
     if (!warning.empty()) std::fprintf(stderr, "shapewiener: warning: %s\n", warning.c_str());
 }
 
-// Ctrl-C: SIGINT sets the flag; the progress callback, which the library
-// calls on this thread, then cancels the call.
-volatile std::sig_atomic_t interrupted = 0;
-void on_interrupt(int) { interrupted = 1; }
-
-// A progress bar on stderr, drawn only when stderr is a terminal; it also
-// answers a pending Ctrl-C.
-class ProgressBar {
-public:
-    explicit ProgressBar(bool enabled) : enabled_(enabled && isatty(STDERR_FILENO)) {
-        std::signal(SIGINT, on_interrupt);
-    }
-    ~ProgressBar() {
-        finish();
-        std::signal(SIGINT, SIG_DFL);
-    }
-    bool operator()(double fraction, const char* phase) {
-        if (interrupted) return false;
-        if (!enabled_) return true;
-        const int width = 30;
-        const int filled = static_cast<int>(fraction * width + 0.5);
-        std::fprintf(stderr, "\r[%.*s%*s] %3d%% %-8s", filled, "##############################",
-                     width - filled, "", static_cast<int>(fraction * 100 + 0.5), phase);
-        std::fflush(stderr);
-        drawn_ = true;
-        return true;
-    }
-    void finish() {
-        if (drawn_) std::fprintf(stderr, "\r%*s\r", 50, "");
-        drawn_ = false;
-    }
-
-private:
-    bool enabled_;
-    bool drawn_ = false;
-};
-
 }  // namespace
 
 int run_denoise(const DenoiseArgs& a) {
     swio::check_output_path(a.output);
+    check_spectrum_path(a.noise_out, "--noise-out");
     const auto start = std::chrono::steady_clock::now();
     const swio::ImageFile input = swio::read_image(a.input, sw::denoise_bytes_per_pixel(a.preset));
     const sw::SampleType out_type = output_type(a.type, input.type, a.output);
+    // No noise given: it is estimated from the image.
+    const bool blind = a.psd.empty() && !a.has_sigma;
     sw::NoiseModel noise;
     if (!a.psd.empty()) {
         swio::Array2 p = swio::read_array(a.psd);
@@ -121,10 +88,10 @@ int run_denoise(const DenoiseArgs& a) {
     } else if (!a.kernel.empty()) {
         swio::Array2 k = swio::read_array(a.kernel);
         noise = sw::NoiseModel::from_kernel(std::move(k.values), k.rows, k.cols, a.sigma);
-    } else {
+    } else if (!blind) {
         noise = sw::NoiseModel::white(a.sigma);
     }
-    warn_implausible(input.image, input.type, noise);
+    if (!blind) warn_implausible(input.image, input.type, noise);
     swio::ImageFile reference;
     if (!a.reference.empty()) reference = swio::read_image(a.reference);
 
@@ -133,10 +100,18 @@ int run_denoise(const DenoiseArgs& a) {
     options.threads = a.threads;
     sw::DenoiseReport report;
     ProgressBar bar(!a.quiet);
-    const sw::Image output = sw::denoise(
-        input.image, noise, options,
-        [&bar](double fraction, const char* phase) { return bar(fraction, phase); }, &report);
+    const sw::Progress progress = [&bar](double fraction, const char* phase) {
+        return bar(fraction, phase);
+    };
+    sw::NoiseEstimate estimate;
+    const sw::Image output =
+        blind ? sw::denoise_blind(input.image, options, progress, &report, &estimate)
+              : sw::denoise(input.image, noise, options, progress, &report);
     bar.finish();
+    if (blind) {
+        write_spectrum(a.noise_out, estimate);
+        if (!a.quiet) print_estimate_line(estimate);
+    }
     swio::write_atomically(a.output, [&](const std::string& temp) {
         swio::write_image(temp, a.output, output, out_type);
     });

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <string>
 
+#include "shapewiener/noise.h"
+
 namespace swcli {
 
 struct DenoiseArgs {
@@ -18,6 +20,7 @@ struct DenoiseArgs {
     std::string type;  // output sample type; "": the input's
     unsigned threads = 0;
     bool quiet = false;
+    std::string noise_out;  // blind: where the estimated spectrum goes
 };
 int run_denoise(const DenoiseArgs& a);
 
@@ -50,6 +53,29 @@ struct FilterArgs {
     unsigned threads = 0;
 };
 int run_filter(const FilterArgs& a);
+
+// Estimating the noise (noise_command.cpp).
+struct NoiseArgs {
+    std::string input, psd_out, plot;
+    unsigned threads = 0;
+    bool quiet = false;
+};
+int run_noise(const NoiseArgs& a);
+
+// The spectrum picture: log scale over this many decades below its peak.
+constexpr double kPictureDecades = 4.0;
+// Below this usable share the report warns that texture may read as noise.
+constexpr double kFewUsable = 0.1;
+// The estimate's full-size spectrum as an 8-bit grey image (0..255 as
+// values): DC centred, brightness 255 at the peak falling linearly with
+// the logarithm to 0 at kPictureDecades below it.
+sw::Image spectrum_picture(const sw::NoiseEstimate& e);
+// Refuses, before any work, a spectrum output that is not a writable .npy.
+void check_spectrum_path(const std::string& path, const char* option);
+// Writes the estimate's spectrum as float64 .npy (nothing for an empty path).
+void write_spectrum(const std::string& path, const sw::NoiseEstimate& e);
+// One line on stderr: the estimated sigma, white or coloured, usable share.
+void print_estimate_line(const sw::NoiseEstimate& e);
 
 }  // namespace swcli
 

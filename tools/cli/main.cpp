@@ -20,12 +20,17 @@ int main(int argc, char** argv) {
         "Units: values are used as stored, and noise levels are in the image's own units:\n"
         "an 8-bit image's sigma in grey levels 0..255, a 16-bit one's in 0..65535, a float\n"
         "image's in its values. Outputs keep the input's type unless --type says otherwise\n"
-        "(integers rounded, clipped to the type's range)."};
+        "(integers rounded, clipped to the type's range).\n"
+        "Without a noise description (--sigma, --kernel, --psd) `denoise` estimates the noise\n"
+        "from the image itself; `noise` shows that estimate."};
     app.require_subcommand(1);
     app.set_version_flag("--version", "shapewiener " SHAPEWIENER_VERSION);
 
     swcli::DenoiseArgs d;
-    CLI::App* denoise = app.add_subcommand("denoise", "denoise an image");
+    CLI::App* denoise = app.add_subcommand(
+        "denoise",
+        "denoise an image; without --sigma, --kernel or --psd the noise (its level and spectrum) is "
+        "estimated from the image and its sigma printed");
     denoise->add_option("INPUT", d.input, "noisy image (.png, .tif, .npy)")->required();
     denoise->add_option("OUTPUT", d.output, "denoised image (.png, .tif, .npy), in the input's type")
         ->required();
@@ -39,8 +44,13 @@ int main(int argc, char** argv) {
         "--psd", d.psd,
         "noise power spectrum of the image's size (.npy or text), DC at (0,0), unshifted; "
         "white noise of variance s^2 has PSD == s^2");
+    CLI::Option* noise_out = denoise->add_option(
+        "--noise-out", d.noise_out,
+        "with no noise given: write the estimated power spectrum (.npy, float64, the image's "
+        "shape, the --psd convention)");
     kernel->needs(sigma);
     psd->excludes(sigma)->excludes(kernel);
+    noise_out->excludes(sigma)->excludes(kernel)->excludes(psd);
     denoise->add_option("--preset", d.preset, "fast, default or best")
         ->check(CLI::IsMember({"fast", "default", "best"}))
         ->capture_default_str();
@@ -49,7 +59,22 @@ int main(int argc, char** argv) {
     denoise->add_option("--type", d.type,
                         "output sample type (uint8, uint16, int16, float32, float64, ...); "
                         "default: the input's");
-    denoise->add_flag("--quiet", d.quiet, "no progress bar and no summary");
+    denoise->add_flag("--quiet", d.quiet, "no progress bar, no summary and no noise estimate line");
+
+    swcli::NoiseArgs n;
+    CLI::App* noise = app.add_subcommand(
+        "noise",
+        "estimate an image's noise (sigma in the image's units, white or coloured, its power "
+        "spectrum) and print a short report on stdout");
+    noise->add_option("INPUT", n.input, "noisy image (.png, .tif, .npy), at least 16 x 16")->required();
+    noise->add_option("--psd-out", n.psd_out,
+                      "write the estimated power spectrum (.npy, float64, the image's shape, "
+                      "DC at (0,0), unshifted; what denoise --psd takes)");
+    noise->add_option("--plot", n.plot,
+                      "write a picture of the spectrum (8-bit grey .png): DC in the centre, log "
+                      "scale, white at the peak to black 4 decades below");
+    noise->add_option("--threads", n.threads, "worker threads (0: all)")->capture_default_str();
+    noise->add_flag("--quiet", n.quiet, "no progress bar");
 
     swcli::SimulateArgs s;
     CLI::App* simulate = app.add_subcommand(
@@ -111,13 +136,10 @@ int main(int argc, char** argv) {
     }
     try {
         if (denoise->parsed()) {
-            if (d.psd.empty() && !sigma->count()) {
-                throw std::runtime_error(
-                    "no noise given: use --sigma S (white), --kernel FILE --sigma S, or --psd FILE");
-            }
             d.has_sigma = sigma->count() > 0;
             return swcli::run_denoise(d);
         }
+        if (noise->parsed()) return swcli::run_noise(n);
         if (simulate->parsed()) return swcli::run_simulate(s);
         if (compare->parsed()) return swcli::run_compare(c);
         if (convert->parsed()) return swcli::run_convert(v);
