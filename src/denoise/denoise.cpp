@@ -105,19 +105,27 @@ double local_mean(const std::vector<double>& values, uint32_t rows, uint32_t col
 // filter gives NaN for a shape with a coefficient whose noise level is 0
 // (its value was exactly 0 on the key's first entry, as the rounding
 // residue of the mean removal can be) where a later entry of the key has a
-// residue and the pilot none, and for every shape when the noise swamps
-// every coefficient (the estimate's variance rounds to 0). Noise far above
-// what the values can hold pulls each shape's mean toward the working zero,
-// out of the data's range [lo, hi]. Either way the pixel takes the limit of
-// the estimate as the noise grows, the mean of the pass's input around it,
-// which lies in [lo, hi] with that input.
+// residue and the pilot none: such a pixel keeps the pass's input. Noise
+// that swamps every coefficient gives NaN everywhere (the estimate's
+// variance rounds to 0), and noise far above what the values can hold
+// pulls each shape's mean toward the working zero, out of the data's range
+// [lo, hi]: there the pixel takes the limit of the estimate as the noise
+// grows, the mean of the pass's input around it, which lies in [lo, hi]
+// with that input. Never the input itself.
 void settle(std::vector<double>& estimate, const std::vector<double>& input, uint32_t rows,
             uint32_t cols, uint32_t reach, double lo, double hi) {
+    const bool swamped =
+        std::all_of(estimate.begin(), estimate.end(), [](double v) { return std::isnan(v); });
     for (uint32_t c = 0; c < cols; ++c) {
         swcancel::cancel_point();
         for (uint32_t r = 0; r < rows; ++r) {
-            double& v = estimate[r + static_cast<size_t>(c) * rows];
-            if (!(v >= lo && v <= hi)) v = local_mean(input, rows, cols, reach, r, c);
+            const size_t p = r + static_cast<size_t>(c) * rows;
+            double& v = estimate[p];
+            if (std::isnan(v) && !swamped) {
+                v = input[p];
+            } else if (!(v >= lo && v <= hi)) {
+                v = local_mean(input, rows, cols, reach, r, c);
+            }
         }
     }
 }
@@ -226,7 +234,9 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
         return out;
     }
 
-    // The values the estimate must stay within: the frame's, or the image's.
+    // The values the estimate must stay within: those the passes see, the
+    // frame's or the image's (after the peak stage, that image's: the same
+    // as when the stages run one after the other).
     double lo = tile.value_min, hi = tile.value_max;
     if (!tiled) {
         const auto [min, max] = std::minmax_element(input.pixels.begin(), input.pixels.end());
