@@ -62,5 +62,6 @@ endif()
 if(TARGET octave_denoise_mex)
   install(FILES ${SHAPEWIENER_OCTAVE_DIR}/shapewiener_denoise.mex
                 ${PROJECT_SOURCE_DIR}/octave/shapewiener_denoise.m
+                ${PROJECT_SOURCE_DIR}/octave/shapewiener_estimate_noise.m
           DESTINATION ${CMAKE_INSTALL_DATADIR}/shapewiener/octave)
 endif()

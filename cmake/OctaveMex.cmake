@@ -53,9 +53,10 @@ if(SHAPEWIENER_HAVE_DENOISE)
             -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/mex_exports.map
             -o ${SHAPEWIENER_OCTAVE_DENOISE_MEX}
     COMMAND ${CMAKE_COMMAND} -E copy ${PROJECT_SOURCE_DIR}/octave/shapewiener_denoise.m
-            ${SHAPEWIENER_OCTAVE_DIR}/shapewiener_denoise.m
+            ${PROJECT_SOURCE_DIR}/octave/shapewiener_estimate_noise.m ${SHAPEWIENER_OCTAVE_DIR}
     DEPENDS ${PROJECT_SOURCE_DIR}/${SHAPEWIENER_DENOISE_GATEWAY_SOURCE} shapewiener_core
             ${SHAPEWIENER_CORE_HEADERS} ${PROJECT_SOURCE_DIR}/octave/shapewiener_denoise.m
+            ${PROJECT_SOURCE_DIR}/octave/shapewiener_estimate_noise.m
             ${PROJECT_SOURCE_DIR}/cmake/mex_exports.map
     WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
     COMMENT "Building the Octave MEX file octave/shapewiener_denoise.mex"

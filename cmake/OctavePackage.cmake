@@ -23,6 +23,7 @@ list(APPEND _package_inputs ${SHAPEWIENER_CORE_HEADERS}
      ${PROJECT_SOURCE_DIR}/${SHAPEWIENER_GATEWAY_SOURCE} ${PROJECT_SOURCE_DIR}/src/sources.txt
      ${PROJECT_SOURCE_DIR}/${SHAPEWIENER_DENOISE_GATEWAY_SOURCE}
      ${PROJECT_SOURCE_DIR}/octave/shapewiener_denoise.m
+     ${PROJECT_SOURCE_DIR}/octave/shapewiener_estimate_noise.m
      ${PROJECT_SOURCE_DIR}/octave/make_package.sh
      ${PROJECT_SOURCE_DIR}/octave/shapewiener.m
      ${PROJECT_SOURCE_DIR}/octave/package/DESCRIPTION.in

@@ -63,9 +63,14 @@ function mexfile = build_shapewiener(outdir)
   end
   mexfile = built{1};
 
-  % The help texts sit beside the compiled files.
-  for g = 1:numel(names)
-    help_file = fullfile(here, [names{g} '.m']);
+  % The help texts sit beside the compiled files, and with the denoiser
+  % the noise estimate's function, which calls it.
+  files = names;
+  if numel(names) > 1
+    files{end + 1} = 'shapewiener_estimate_noise';
+  end
+  for g = 1:numel(files)
+    help_file = fullfile(here, [files{g} '.m']);
     if ~strcmp(absolute_folder(outdir), absolute_folder(here))
       [ok, msg] = copyfile(help_file, outdir);
       if ~ok

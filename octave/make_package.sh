@@ -12,7 +12,7 @@
 #   help shapewiener
 #
 # The package holds DESCRIPTION, COPYING, INDEX, pre_install.m, inst/shapewiener.m and
-# inst/shapewiener_denoise.m (the help texts) and src/ with the library's
+# inst/shapewiener_denoise.m (the help texts), inst/shapewiener_estimate_noise.m and src/ with the library's
 # sources, the gateways and a Makefile, which `pkg install` runs to compile
 # shapewiener.mex and shapewiener_denoise.mex with the installing Octave's
 # mkoctfile. Set SOURCE_DATE_EPOCH to fix the Date field and the file times.
@@ -47,7 +47,7 @@ helps=(shapewiener.m)
 if [[ " ${sources[*]} " == *" src/denoise/denoise.cpp "* ]]; then
   sources+=(src/mex/denoise_gateway.cpp)
   targets+=(shapewiener_denoise.mex)
-  helps+=(shapewiener_denoise.m)
+  helps+=(shapewiener_denoise.m shapewiener_estimate_noise.m)
 fi
 
 epoch=${SOURCE_DATE_EPOCH:-$(date +%s)}

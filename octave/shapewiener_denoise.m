@@ -1,6 +1,8 @@
 function varargout = shapewiener_denoise(varargin)
 % SHAPEWIENER_DENOISE  Denoise a grey-scale image with white or coloured noise.
 %
+%   OUT = shapewiener_denoise(Z)
+%   [OUT, NOISE] = shapewiener_denoise(Z)
 %   OUT = shapewiener_denoise(Z, 'sigma', S)
 %   OUT = shapewiener_denoise(Z, 'kernel', K, 'sigma', S)
 %   OUT = shapewiener_denoise(Z, 'psd', P)
@@ -20,6 +22,13 @@ function varargout = shapewiener_denoise(varargin)
 %   arguments and runs it (three passes for the default preset). The same
 %   call from Python (shapewiener.denoise) or the shapewiener program
 %   gives the same bits.
+%
+%   Without a noise description the noise is estimated from Z itself
+%   (Z at least 16 x 16; see shapewiener_estimate_noise): the call equals
+%   shapewiener_denoise(Z, 'psd', NOISE.psd) bit for bit, and NOISE, the
+%   second output, is that estimate (sigma, psd, usable_fraction, white,
+%   block). A Z whose estimate is all zero (a constant one) comes back
+%   unchanged.
 %
 %   The noise, in Z's units:
 %     'sigma', S      white noise of standard deviation S;
@@ -43,7 +52,9 @@ function varargout = shapewiener_denoise(varargin)
 %   mistake; the call still runs.
 %
 %   Ctrl-C stops a running call. Errors have identifiers
-%   shapewiener:<what>:<reason>, e.g. shapewiener:noise:missing,
+%   shapewiener:<what>:<reason>, e.g. shapewiener:noise:missing (a kernel
+%   without sigma), shapewiener:image:tooSmall (no noise given, Z below
+%   16 x 16),
 %   shapewiener:noise:conflict, shapewiener:noise:psdSize (P's size must
 %   be Z's), shapewiener:options:unknown, shapewiener:options:preset,
 %   shapewiener:image:notReal, shapewiener:image:notFinite,
@@ -57,10 +68,11 @@ function varargout = shapewiener_denoise(varargin)
 %     k = [1 2 1; 2 4 2; 1 2 1];                   % noise colouring kernel
 %     n = conv2(randn(size(z)), k, 'same') / norm(k(:));
 %     noisy = z + 0.1 * n;
+%     [blind, noise] = shapewiener_denoise(noisy);  % the noise estimated
 %     out = shapewiener_denoise(noisy, 'kernel', k, 'sigma', 0.1);
 %     fast = shapewiener_denoise(noisy, 'sigma', 0.1, 'preset', 'fast');
 %
-%   See also shapewiener (the raw filter module).
+%   See also shapewiener_estimate_noise, shapewiener (the raw filter module).
 %
 %   The function is a compiled MEX file; this file holds its help text.
 

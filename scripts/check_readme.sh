@@ -39,7 +39,7 @@ done
 # text, run against the built MEX files.
 if command -v octave-cli > /dev/null; then
   cmake --build build -j2 --target octave_mex octave_denoise_mex > /dev/null
-  for help in octave/shapewiener.m octave/shapewiener_denoise.m; do
+  for help in octave/shapewiener.m octave/shapewiener_denoise.m octave/shapewiener_estimate_noise.m; do
     code=$(awk '/^%   Example/ { on = 1; next } on && /^%     / { print substr($0, 6); next } on { exit }' "$help")
     [ -n "$code" ] || { echo "check_readme: no example in $help" >&2; exit 1; }
     printf "addpath('build/octave');\n%s\n" "$code" > "$blocks/example.m"

@@ -4,9 +4,12 @@
 //   OUT = shapewiener_denoise(Z, 'sigma', S)
 //   OUT = shapewiener_denoise(Z, 'kernel', K, 'sigma', S)
 //   OUT = shapewiener_denoise(Z, 'psd', P)
+//   [OUT, NOISE] = shapewiener_denoise(Z)       (no noise: estimated)
+//   NOISE = shapewiener_denoise(Z, 'estimateOnly', true)
 // with the options 'preset' ('fast', 'default', 'best') and 'threads'. A thin
-// adapter over sw::denoise (include/shapewiener/denoise.h): it reads the
-// host's arrays, runs, and copies the estimate out. Errors leave through
+// adapter over sw::denoise and sw::denoise_blind / sw::estimate_noise
+// (include/shapewiener/denoise.h, noise.h): it reads the host's arrays,
+// runs, and copies the results out. Errors leave through
 // mexErrMsgIdAndTxt only after every object of the gateway is released.
 #include <algorithm>
 #include <cctype>
@@ -19,6 +22,7 @@
 #include "mex.h"
 #include "mex/host_interrupt.h"
 #include "shapewiener/denoise.h"
+#include "shapewiener/noise.h"
 #include "shapewiener/units.h"
 
 namespace {
@@ -148,6 +152,20 @@ mxArray* output_of(const sw::Image& out, mxClassID id) {
     return a;
 }
 
+// The noise estimate as a struct: sigma, psd, usable_fraction, white, block.
+mxArray* estimate_of(const sw::NoiseEstimate& e) {
+    const char* fields[] = {"sigma", "psd", "usable_fraction", "white", "block"};
+    mxArray* s = mxCreateStructMatrix(1, 1, 5, fields);
+    mxArray* psd = mxCreateDoubleMatrix(e.rows, e.cols, mxREAL);
+    if (!e.psd.empty()) std::memcpy(mxGetPr(psd), e.psd.data(), sizeof(double) * e.psd.size());
+    mxSetField(s, 0, "sigma", mxCreateDoubleScalar(e.sigma));
+    mxSetField(s, 0, "psd", psd);
+    mxSetField(s, 0, "usable_fraction", mxCreateDoubleScalar(e.usable_fraction));
+    mxSetField(s, 0, "white", mxCreateLogicalScalar(e.white));
+    mxSetField(s, 0, "block", mxCreateDoubleScalar(e.block));
+    return s;
+}
+
 std::string text_of(const mxArray* a) {
     if (!mxIsChar(a)) return std::string();
     char* s = mxArrayToString(a);
@@ -164,7 +182,7 @@ std::string lower(std::string s) {
 // Reads the call, runs the denoiser, leaves the estimate in plhs[0].
 sw::Error run(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
     if (nrhs < 1) return make("shapewiener:nrhs:tooFew", "expected an image and the noise.");
-    if (nlhs > 1) return make("shapewiener:nlhs:tooMany", "returns one output.");
+    if (nlhs > 2) return make("shapewiener:nlhs:tooMany", "returns at most two outputs.");
     if (nrhs % 2 == 0) {
         return make("shapewiener:options:pairs",
                     "the options after the image come in name-value pairs.");
@@ -173,7 +191,7 @@ sw::Error run(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
     sw::Error e = read_matrix(prhs[0], "image", &image.rows, &image.cols, &image.pixels);
     if (e) return e;
 
-    bool have_sigma = false, have_kernel = false, have_psd = false;
+    bool have_sigma = false, have_kernel = false, have_psd = false, estimate_only = false;
     double sigma = 0.0;
     uint32_t kernel_rows = 0, kernel_cols = 0, psd_rows = 0, psd_cols = 0;
     std::vector<double> kernel, psd;
@@ -195,6 +213,14 @@ sw::Error run(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
                 return make("shapewiener:preset:notText", "'preset' takes 'fast', 'default' or 'best'.");
             }
             options.preset = text_of(value);
+        } else if (name == "estimateonly") {  // shapewiener_estimate_noise
+            double flag = 0.0;
+            if (mxIsLogicalScalar(value)) {
+                flag = mxIsLogicalScalarTrue(value) ? 1.0 : 0.0;
+            } else {
+                e = read_scalar(value, "estimateOnly", &flag);
+            }
+            estimate_only = flag != 0.0;
         } else if (name == "threads") {
             double t = 0.0;
             e = read_scalar(value, "threads", &t);
@@ -206,9 +232,46 @@ sw::Error run(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
         } else {
             return make("shapewiener:options:unknown",
                         "unknown option '" + text_of(prhs[i]) +
-                            "'; the options are 'sigma', 'kernel', 'psd', 'preset' and 'threads'.");
+                            "'; the options are 'sigma', 'kernel', 'psd', 'preset' and 'threads' "
+                            "(none of the first three: the noise is estimated).");
         }
         if (e) return e;
+    }
+    // No noise given (or the estimate asked for alone): it is estimated.
+    const bool blind = !have_psd && !have_sigma && !have_kernel;
+    if (estimate_only && !blind) {
+        return make("shapewiener:noise:conflict", "the noise estimate takes no noise description.");
+    }
+    if (nlhs > (blind && !estimate_only ? 2 : 1)) {
+        return make("shapewiener:nlhs:tooMany",
+                    blind ? "the estimate alone is one output."
+                          : "returns one output; the second, the estimated noise, is for a call "
+                            "without a noise description.");
+    }
+    const sw::Progress progress = [](double, const char*) { return !swmex::interrupt_requested(); };
+    if (blind) {
+        const mxClassID id = mxGetClassID(prhs[0]);
+        const std::string refusal =
+            sw::size_refusal(image.rows, image.cols, sw::denoise_bytes_per_pixel(options.preset));
+        if (!refusal.empty()) return make("shapewiener:image:tooLarge", "the image has " + refusal + ".");
+        try {
+            sw::NoiseEstimate estimate;
+            if (estimate_only) {
+                sw::NoiseEstimateOptions eo;
+                eo.threads = options.threads;
+                estimate = sw::estimate_noise(image, eo, progress);
+                plhs[0] = estimate_of(estimate);
+            } else {
+                const sw::Image out = sw::denoise_blind(image, options, progress, nullptr, &estimate);
+                plhs[0] = output_of(out, id);
+                if (nlhs > 1) plhs[1] = estimate_of(estimate);
+            }
+        } catch (const sw::DenoiseError& error) {
+            return error.error();
+        } catch (const std::bad_alloc&) {
+            return make("shapewiener:memory:outOfMemory", "not enough memory.", sw::ErrorCode::kOutOfMemory);
+        }
+        return sw::Error();
     }
     sw::NoiseModel noise;
     if (have_psd) {
@@ -224,7 +287,7 @@ sw::Error run(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
         noise = sw::NoiseModel::from_psd(std::move(psd));
     } else if (!have_sigma) {
         return make("shapewiener:noise:missing",
-                    "no noise given: pass 'sigma', 'kernel' and 'sigma', or 'psd'.");
+                    "a 'kernel' needs 'sigma' (give no noise at all to have it estimated).");
     } else if (have_kernel) {
         noise = sw::NoiseModel::from_kernel(std::move(kernel), kernel_rows, kernel_cols, sigma);
     } else {
@@ -241,7 +304,6 @@ sw::Error run(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
         if (!warning.empty()) mexWarnMsgIdAndTxt("shapewiener:noise:implausible", "%s", warning.c_str());
     }
 
-    const sw::Progress progress = [](double, const char*) { return !swmex::interrupt_requested(); };
     try {
         const sw::Image out = sw::denoise(image, noise, options, progress);
         plhs[0] = output_of(out, id);

@@ -55,6 +55,10 @@ function check_installed_package(tarball, workdir, with_denoise)
     if isempty(strfind(evalc('help shapewiener_denoise'), 'Example'))
       error('help shapewiener_denoise lacks its example');
     end
+    noise = shapewiener_estimate_noise(0.5 + 0.1 * randn(32, 24));
+    if ~isequal(size(noise.psd), [32, 24]) || ~(noise.sigma > 0)
+      error('the installed noise estimate returned an unexpected result');
+    end
   end
 
   pkg('unload', 'shapewiener');

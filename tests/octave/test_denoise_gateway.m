@@ -30,6 +30,13 @@ function test_denoise_gateway()
     ref = shapewiener_denoise(double(z), 'sigma', 12, 'preset', 'fast');
     assert(strcmp(class(out), class(z)) && isequal(out, cast(round(ref), class(z))), class(z));
   end
+  % Without a noise description: the estimate (alone, a struct), then the
+  % denoiser with its spectrum, the same bits.
+  [blind, noise] = shapewiener_denoise(z8, 'preset', 'fast');
+  alone = shapewiener_estimate_noise(z8, 'threads', 1);
+  assert(isequal(noise, alone) && isequal(size(alone.psd), size(z8)) && islogical(alone.white));
+  assert(abs(alone.sigma - sqrt(mean(alone.psd(:)))) < 1e-12 * alone.sigma);
+  assert(isequal(blind, shapewiener_denoise(z8, 'psd', alone.psd, 'preset', 'fast')));
   % A sigma meant for values on [0, 1]: a warning with an identifier, and
   % the call still runs (the warning shows in the log).
   lastwarn('');

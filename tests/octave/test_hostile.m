@@ -22,7 +22,8 @@ function test_hostile()
     {nan_z, 'sigma', 12}, 'shapewiener:image:notFinite'
     {int64(z) + intmax('int64') / 2, 'sigma', 1}, 'shapewiener:image:inexact'
     % the noise
-    {z}, 'shapewiener:noise:missing'
+    {z(1:15, :)}, 'shapewiener:image:tooSmall'
+    {z, 'sigma', 1, 'estimateOnly', true}, 'shapewiener:noise:conflict'
     {z, 'kernel', ones(3)}, 'shapewiener:noise:missing'
     {z, 'psd', ones(24, 20), 'sigma', 1}, 'shapewiener:noise:conflict'
     {z, 'psd', ones(20, 24)}, 'shapewiener:noise:psdSize'
