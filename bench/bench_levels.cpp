@@ -348,7 +348,7 @@ int main(int argc, char** argv) {
                 "Usage: %s WORKLOAD_FOLDER [--stride S] [--reps R] [--pass] [--levels L1,L2,...]\n"
                 "Times the noise levels (per coefficient spectrum) and the shape transforms of\n"
                 "every S-th shape of an adaptive workload (for example\n"
-                "../shared/workloads/adaptive_h9) at every SIMD level (or those of --levels;\n"
+                "tests/data/workloads/adaptive_h9) at every SIMD level (or those of --levels;\n"
                 "speed-ups are against the first) against the reference.\n"
                 "--pass times whole module calls instead (default levels: reference and the\n"
                 "best level) and checks their output against the workload's SHA-256.\n",

@@ -164,7 +164,7 @@ void usage(const char* program) {
     std::printf(
         "Usage: %s [--workloads DIR] [--reps N] [--threads T] [--only NAME]\n"
         "Times the shared workloads (adaptive_h7, adaptive_h9 in DIR, default\n"
-        "../shared/workloads beside the repository) on the reference path, the\n"
+        "tests/data/workloads of the repository) on the reference path, the\n"
         "optimised path on one thread and on T threads (default: all hardware\n"
         "threads), N repetitions each (default 3), and checks every output against\n"
         "the workload's out.sha256. --single T runs one call of the --only workload\n"

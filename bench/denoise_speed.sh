@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Whole-denoise speed, two builds side by side on one machine: wall time and
 # peak memory (/usr/bin/time -v) of `shapewiener denoise` on camera 512 x 512
-# with white noise and with coloured noise (3 x 3 binomial kernel), sigma 0.1,
+# with white noise and with coloured noise (3 x 3 binomial kernel), sigma 25.5
+# (0.1 of the 8-bit range the image is read in),
 # for the fast and default presets on 1 and 2 threads. The two builds run
 # alternately, case by case, `reps` times each (the table gives the median).
 # Usage: bench/denoise_speed.sh OLD_CLI NEW_CLI [reps]
@@ -13,8 +14,8 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 printf '1 2 1\n2 4 2\n1 2 1\n' > "$work/kernel.txt"
-"$new" simulate "$root/data/camera.png" "$work/white.npy" --sigma 0.1 --seed 20240607
-"$new" simulate "$root/data/camera.png" "$work/coloured.npy" --sigma 0.1 --kernel "$work/kernel.txt" \
+"$new" simulate "$root/data/camera.png" "$work/white.npy" --sigma 25.5 --seed 20240607
+"$new" simulate "$root/data/camera.png" "$work/coloured.npy" --sigma 25.5 --kernel "$work/kernel.txt" \
   --seed 20240607
 # Prints "seconds kilobytes" of one run.
 measure() {
@@ -27,7 +28,7 @@ echo "load before: $(cut -d' ' -f1-3 /proc/loadavg)"
 echo "| noise | preset | threads | old s | new s | old/new | old MiB | new MiB |"
 echo "|---|---|---|---|---|---|---|---|"
 for noise in white coloured; do
-  args=(--sigma 0.1)
+  args=(--sigma 25.5)
   [ "$noise" = coloured ] && args+=(--kernel "$work/kernel.txt")
   for preset in fast default; do
     for threads in 1 2; do

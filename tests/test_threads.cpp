@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -152,6 +153,54 @@ TEST(Threads, EveryThreadCountGivesTheReferenceBits) {
                                      {}, out.data(), with_threads(threads)));
             EXPECT_TRUE(swtest::same_bits(out, run(*p, with_threads(1, true)).output))
                 << c.what << ", pass " << pass;
+        }
+    }
+}
+
+// The flat-levels rule applies to a flat spectrum with orthonormal
+// matrices only, and there gives the computed levels up to rounding: the
+// output stays within a few float roundings of the call's own.
+TEST(Threads, FlatLevelsOnlyForAFlatSpectrumAndOrthonormalMatrices) {
+    const struct {
+        const char* what;
+        bool random_matrices, flat_psd;
+        double matrix_scale;  // of the largest matrix
+        bool flat;
+    } rows[] = {
+        {"white, DCT", false, true, 1.0, true},
+        {"white, random orthogonal", true, true, 1.0, true},
+        {"white, one matrix scaled", false, true, 1.5, false},
+        {"coloured, DCT", false, false, 1.0, false},
+    };
+    uint32_t seed = 70;
+    for (const auto& row : rows) {
+        swtest::RandomOptions o;
+        o.h = 5;
+        o.m = 16;
+        o.k = 14;
+        o.random_matrices = row.random_matrices;
+        CallPlan plan = swtest::random_plan(++seed, o);
+        if (row.flat_psd) std::fill(plan.psd.begin(), plan.psd.end(), 0.37);
+        for (double& v : plan.transforms.back()) v *= row.matrix_scale;
+        const std::vector<double> expected = run(plan, with_threads(1, true)).output;
+        PlainCall planned(plan);
+        sw::Plan engine;
+        ASSERT_FALSE(sw::make_plan(planned.call, &engine, true, sw::LevelRule::kFlatShortcut));
+        EXPECT_EQ(engine.flat_levels(), row.flat) << row.what;
+        for (unsigned threads : {1u, 3u}) {
+            std::vector<double> noisy = plan.noisy, pilot = plan.pilot, out(noisy.size());
+            ASSERT_FALSE(sw::execute(engine, noisy.data(), pilot.data(), plan.wiener_variance_factor,
+                                     {}, out.data(), with_threads(threads)));
+            if (!row.flat) {
+                EXPECT_TRUE(swtest::same_bits(out, expected)) << row.what;
+                continue;
+            }
+            double largest = 0.0, error = 0.0;
+            for (size_t p = 0; p < out.size(); ++p) {
+                largest = std::max(largest, std::abs(expected[p]));
+                error = std::max(error, std::abs(out[p] - expected[p]));
+            }
+            EXPECT_LE(error, 1e-5 * largest) << row.what << ", " << threads << " threads";
         }
     }
 }

@@ -23,6 +23,17 @@
 
 namespace sw {
 
+// How a plan's executions get the coefficient noise levels.
+//  kComputed: from the noise spectrum, as run() computes them (its bits).
+//  kFlatShortcut: where the spectrum is flat (white noise: every value of
+//    NoisePsd the same) and every transform orthonormal, a coefficient's
+//    variance is the spectrum's value whatever its shape, so every level is
+//    sqrt(NoisePsd) * NoiseLevelFactor (0 where the noisy coefficient is 0)
+//    without any spectrum work. The levels then equal the computed ones up
+//    to rounding, not bit for bit: for callers that do not promise run()'s
+//    bits (the denoiser). Any other call is planned as with kComputed.
+enum class LevelRule { kComputed, kFlatShortcut };
+
 class Plan {
 public:
     Plan();
@@ -35,13 +46,15 @@ public:
     // Keys whose noise levels the plan holds (0 before the first execution,
     // and always 0 when the levels would take more than kMaxStoredBytes).
     uint64_t stored_keys() const;
+    // Whether the plan's levels are flat (LevelRule::kFlatShortcut applied).
+    bool flat_levels() const;
     static constexpr uint64_t kMaxStoredBytes = uint64_t{512} << 20;
 
     struct State;
 
 private:
     std::unique_ptr<State> state_;
-    friend Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels);
+    friend Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels, LevelRule rule);
     friend Error execute(Plan& plan, double* noisy_image, double* pilot_image,
                          double wiener_variance_factor, const FilterCall::Frame& frame,
                          double* output, const RunOptions& options);
@@ -50,8 +63,10 @@ private:
 // Checks `call` as check() does and plans it. The plan refers to the call's
 // arrays (all but the two images, which each execution names): they must
 // outlive it, unchanged. `keep_levels` false: every execution computes its
-// own levels (one-pass callers save the store's memory).
-Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels = true);
+// own levels (one-pass callers save the store's memory). `rule`: see
+// LevelRule.
+Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels = true,
+                LevelRule rule = LevelRule::kComputed);
 
 // One pass: the call the plan was made from, with these images (M x K, as
 // planned; both dithered in place), Wiener factor and frame. Returns what

@@ -3,9 +3,12 @@
 #include "cancel/cancel.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <unordered_map>
 
 namespace swcaller {
@@ -82,11 +85,10 @@ uint64_t packed_indices(const DirectionScaleMap& map, uint32_t row, uint32_t col
     return packed;
 }
 
-// The union of sectors that the indices q select; `who` names the builder
-// in its errors.
-Mask selected_union(const uint8_t q[8], uint32_t h, const std::vector<double>& scale_set,
-                    const SectorMaskBank& bank, const char* who) {
-    uint32_t scales[8];
+// The scale lengths that the indices q select, into scales; `who` names the
+// builder in its errors.
+void selected_scales(const uint8_t q[8], uint32_t h, const std::vector<double>& scale_set,
+                     const char* who, uint32_t scales[8]) {
     for (uint32_t d = 0; d < 8; ++d) {
         if (q[d] < 1 || q[d] > scale_set.size()) {
             throw std::invalid_argument(std::string(who) + ": scale index out of range");
@@ -96,7 +98,44 @@ Mask selected_union(const uint8_t q[8], uint32_t h, const std::vector<double>& s
             throw std::invalid_argument(std::string(who) + ": scale outside 1..h");
         }
     }
+}
+
+// The union of sectors that the indices q select.
+Mask selected_union(const uint8_t q[8], uint32_t h, const std::vector<double>& scale_set,
+                    const SectorMaskBank& bank, const char* who) {
+    uint32_t scales[8];
+    selected_scales(q, h, scale_set, who, scales);
     return sector_union(h, bank, scales);
+}
+
+// A W x W mask as bits (W * W <= 1024: h <= 16), element t at bit t % 64
+// of word t / 64; unused bits 0.
+using MaskBits = std::array<uint64_t, 16>;
+
+struct MaskBitsHash {
+    size_t operator()(const MaskBits& b) const {
+        uint64_t x = 0;
+        for (uint64_t v : b) x = (x ^ v) * 0x9E3779B97F4A7C15ull;
+        return static_cast<size_t>(x ^ (x >> 29));
+    }
+};
+
+// Whether mask a comes before mask b in the order of their bytes (0 or 1)
+// from element 0 on, as std::vector's operator< orders the masks.
+bool bits_before(const MaskBits& a, const MaskBits& b) {
+    for (size_t i = 0; i < a.size(); ++i) {
+        const uint64_t differ = a[i] ^ b[i];
+        if (differ != 0) return (a[i] & (differ & (~differ + 1))) == 0;
+    }
+    return false;
+}
+
+MaskBits mask_bits(const Mask& mask) {
+    MaskBits b{};
+    for (size_t t = 0; t < mask.size(); ++t) {
+        if (mask[t] != 0) b[t / 64] |= uint64_t{1} << (t % 64);
+    }
+    return b;
 }
 
 }  // namespace
@@ -193,48 +232,80 @@ ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set
     // Distinct unions by content, and the union of each set of raw indices.
     std::vector<Mask> unions;
     std::vector<uint32_t> union_area;
-    std::unordered_map<std::string, uint32_t> union_of_content;
+    std::vector<MaskBits> union_bits;
+    std::unordered_map<MaskBits, uint32_t, MaskBitsHash> union_of_content;
     std::unordered_map<uint64_t, uint32_t> union_of_indices;
+    // The bank as bits: a union of sectors is then eight word-wise ORs.
+    if (w * w > 64 * std::tuple_size<MaskBits>::value) {
+        throw std::invalid_argument("build_shape_list: h is larger than 16");
+    }
+    std::vector<MaskBits> bank_bits;
+    bank_bits.reserve(bank.size());
+    for (const Mask& m : bank) {
+        if (m.size() != static_cast<size_t>(w) * w) {
+            throw std::invalid_argument("build_shape_list: a sector mask does not match h");
+        }
+        bank_bits.push_back(mask_bits(m));
+    }
 
     struct Group {
         uint32_t area;
         uint32_t union_index;
         std::string rest;  // the key after the union's number: orientation, cut union
-        std::vector<int32_t> pixels;
+        uint32_t count;    // pixels
     };
     std::vector<Group> groups;
-    std::unordered_map<std::string, uint32_t> group_of_key;
-    // Key: the union's number (4 bytes), the orientation, then the cut union
-    // when the cut removes something.
-    std::string key;
+    // Keys: the union's number and the orientation; with the cut union when
+    // the cut removes something (near the border only).
+    std::unordered_map<uint64_t, uint32_t> group_of_uncut;
+    std::unordered_map<std::string, uint32_t> group_of_cut;
+    std::vector<uint32_t> group_of_pixel(static_cast<size_t>(rows) * cols);
+    std::string clipped;
     const uint32_t reach = h - 1;
+    // The previous pixel's indices and group, when it lay away from the
+    // border (runs of equal indices are common: flat areas).
+    uint64_t last_packed = 0;
+    uint32_t last_group = UINT32_MAX;
     for (uint32_t col = 0; col < cols; ++col) {
         swcancel::cancel_point();
         for (uint32_t row = 0; row < rows; ++row) {
             uint8_t q[8];
             const uint64_t packed = packed_indices(map, row, col, q);
+            const bool near_border = row < reach || col < reach || rows - 1 - row < reach ||
+                                     cols - 1 - col < reach;
+            if (!near_border && last_group != UINT32_MAX && packed == last_packed) {
+                ++groups[last_group].count;
+                group_of_pixel[row + static_cast<size_t>(col) * rows] = last_group;
+                continue;
+            }
             auto found = union_of_indices.find(packed);
             if (found == union_of_indices.end()) {
-                Mask u = selected_union(q, h, scale_set, bank, "build_shape_list");
-                const std::string content(u.begin(), u.end());
-                const auto added = union_of_content.emplace(content, static_cast<uint32_t>(unions.size()));
+                uint32_t scales[8];
+                selected_scales(q, h, scale_set, "build_shape_list", scales);
+                MaskBits bits{};
+                for (uint32_t d = 0; d < 8; ++d) {
+                    const MaskBits& sector = bank_bits[sector_cell_index(
+                        h, d, scales[sector_first_plane(d)], scales[sector_second_plane(d)])];
+                    for (size_t i = 0; i < bits.size(); ++i) bits[i] |= sector[i];
+                }
+                const auto added =
+                    union_of_content.try_emplace(bits, static_cast<uint32_t>(unions.size()));
                 if (added.second) {
+                    union_bits.push_back(bits);
+                    Mask u(static_cast<size_t>(w) * w);
+                    for (size_t t = 0; t < u.size(); ++t) u[t] = (bits[t / 64] >> (t % 64)) & 1;
                     union_area.push_back(static_cast<uint32_t>(std::count(u.begin(), u.end(), 1)));
                     unions.push_back(std::move(u));
                 }
                 found = union_of_indices.emplace(packed, added.first->second).first;
             }
             const uint32_t union_index = found->second;
-            key.assign(5, '\0');
-            std::memcpy(&key[0], &union_index, 4);
-            key[4] = packs_by_columns(q) ? 'c' : 'r';
-            const bool near_border = row < reach || col < reach || rows - 1 - row < reach ||
-                                     cols - 1 - col < reach;
+            const char orientation = packs_by_columns(q) ? 'c' : 'r';
+            bool cut = false;
             if (near_border) {
                 const Mask& own = unions[union_index];
                 const BoxWindow window = box_window(h, row, col, rows, cols);
-                bool cut = false;
-                std::string clipped(static_cast<size_t>(w) * w, '\0');
+                clipped.assign(static_cast<size_t>(w) * w, '\0');
                 for (uint32_t j = 0; j < w; ++j) {
                     for (uint32_t i = 0; i < w; ++i) {
                         const bool inside = i >= window.i0 && i <= window.i1 && j >= window.j0 && j <= window.j1;
@@ -243,23 +314,42 @@ ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set
                         clipped[i + j * w] = static_cast<char>(inside ? v : 0);
                     }
                 }
-                if (cut) key += clipped;
             }
-            const auto group = group_of_key.emplace(key, static_cast<uint32_t>(groups.size()));
-            if (group.second) {
-                groups.push_back(Group{union_area[union_index], union_index, key.substr(4), {}});
+            const uint32_t next = static_cast<uint32_t>(groups.size());
+            uint32_t group;
+            bool added;
+            if (cut) {
+                std::string key(5, '\0');
+                std::memcpy(&key[0], &union_index, 4);
+                key[4] = orientation;
+                key += clipped;
+                const auto at = group_of_cut.try_emplace(std::move(key), next);
+                group = at.first->second;
+                added = at.second;
+            } else {
+                const uint64_t key = uint64_t{union_index} * 2 + (orientation == 'c' ? 1 : 0);
+                const auto at = group_of_uncut.try_emplace(key, next);
+                group = at.first->second;
+                added = at.second;
             }
-            groups[group.first->second].pixels.push_back(
-                static_cast<int32_t>(row + static_cast<size_t>(col) * rows + 1));
+            if (added) {
+                groups.push_back(Group{union_area[union_index], union_index,
+                                       cut ? orientation + clipped : std::string(1, orientation), 0});
+            }
+            ++groups[group].count;
+            group_of_pixel[row + static_cast<size_t>(col) * rows] = group;
+            last_packed = packed;
+            last_group = near_border ? UINT32_MAX : group;
         }
     }
 
-    // The maps are done with; freeing their many strings takes a while.
+    // The maps are done with; freeing them takes a while.
     union_of_indices = {};
     swcancel::cancel_point();
     union_of_content = {};
     swcancel::cancel_point();
-    group_of_key = {};
+    group_of_uncut = {};
+    group_of_cut = {};
     swcancel::cancel_point();
 
     std::vector<uint32_t> order(groups.size());
@@ -270,21 +360,30 @@ ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set
         const Group& ga = groups[a];
         const Group& gb = groups[b];
         if (ga.area != gb.area || ties == GroupTies::kFirstPixel) return ga.area < gb.area;
-        if (ga.union_index != gb.union_index) return unions[ga.union_index] < unions[gb.union_index];
+        if (ga.union_index != gb.union_index) {
+            return bits_before(union_bits[ga.union_index], union_bits[gb.union_index]);
+        }
         return ga.rest < gb.rest;
     });
-    ProcessingList list;
-    list.pixels.reserve(static_cast<size_t>(rows) * cols);
-    list.keys.reserve(static_cast<size_t>(rows) * cols);
+    // Each group's first entry and key; its pixels then follow in
+    // increasing order.
+    std::vector<uint32_t> next_entry(groups.size()), key_of(groups.size());
+    uint32_t at = 0;
     int32_t next_key = 0;
     for (uint32_t g : order) {
-        if (next_key % 1024 == 0) swcancel::cancel_point();
-        ++next_key;
-        for (int32_t pixel : groups[g].pixels) {
-            list.pixels.push_back(pixel);
-            list.keys.push_back(next_key);
-        }
-        groups[g] = Group();  // freed as we go
+        next_entry[g] = at;
+        at += groups[g].count;
+        key_of[g] = static_cast<uint32_t>(++next_key);
+    }
+    ProcessingList list;
+    list.pixels.resize(group_of_pixel.size());
+    list.keys.resize(group_of_pixel.size());
+    for (size_t p = 0; p < group_of_pixel.size(); ++p) {
+        if ((p & 0xffff) == 0) swcancel::cancel_point();
+        const uint32_t g = group_of_pixel[p];
+        const uint32_t e = next_entry[g]++;
+        list.pixels[e] = static_cast<int32_t>(p + 1);
+        list.keys[e] = static_cast<int32_t>(key_of[g]);
     }
     list.key_changes = static_cast<uint32_t>(next_key);
     return list;

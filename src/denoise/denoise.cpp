@@ -12,6 +12,7 @@
 #include "denoise/fail.h"
 #include "denoise/module.h"
 #include "denoise/pipeline.h"
+#include "driver/parallel.h"
 #include "shapewiener/units.h"
 
 namespace swdenoise {
@@ -46,8 +47,9 @@ Settings preset_settings(const std::string& name) {
 
 swcaller::ShapeArguments adaptive_shapes(const double* image, uint32_t rows, uint32_t cols,
                                          const Autocovariance& r, const ScaleRule& rule,
-                                         bool rows_only, swcaller::GroupTies ties) {
-    const std::vector<uint8_t> chosen = choose_scales(image, rows, cols, r, rule);
+                                         bool rows_only, swcaller::GroupTies ties,
+                                         unsigned threads) {
+    const std::vector<uint8_t> chosen = choose_scales(image, rows, cols, r, rule, threads);
     const uint32_t count = static_cast<uint32_t>(rule.lengths.size());
     std::vector<double> scale_set;
     for (uint32_t length : rule.lengths) scale_set.push_back(length);
@@ -252,13 +254,16 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     const std::vector<double> psd = block_psd(r, settings.weighted_psd);
     const bool white = is_white(r);
 
+    sw::RunOptions thread_options;
+    thread_options.threads = threads;
     at = 0.02;
     stage = "shapes";
     step(at, stage);
     const swcaller::ShapeArguments shapes =
         settings.adaptive
             ? adaptive_shapes(noisy.pixels.data(), rows, cols, r, settings.rule,
-                              !transpose_symmetric(psd), swcaller::GroupTies::kContent)
+                              !transpose_symmetric(psd), swcaller::GroupTies::kContent,
+                              sw::requested_threads(thread_options))
             : swcaller::make_shape_arguments(
                   settings.square_scale, swcaller::scale_set(settings.square_scale),
                   swcaller::fixed_direction_scales(rows, cols,

@@ -69,7 +69,8 @@ void run_module(const sw::FilterCall& call, double* output, unsigned threads,
 
 sw::Plan plan_passes(const sw::FilterCall& call, int passes) {
     sw::Plan plan;
-    raise_if(sw::make_plan(call, &plan, passes > 1));
+    // White noise: the levels without spectra (equal up to rounding).
+    raise_if(sw::make_plan(call, &plan, passes > 1, sw::LevelRule::kFlatShortcut));
     return plan;
 }
 

@@ -50,10 +50,12 @@ Settings preset_settings(const std::string& name);
 // When `rows_only` every shape is packed by rows (ScaleSet holds the lengths
 // twice and planes 0 and 4 index the second copy, so q0 + q4 > q2 + q6).
 // `ties`: see swcaller::build_shape_list (the denoiser orders by content).
+// `threads`: for the scales (see choose_scales).
 swcaller::ShapeArguments adaptive_shapes(const double* image, uint32_t rows, uint32_t cols,
                                          const Autocovariance& r, const ScaleRule& rule,
                                          bool rows_only,
-                                         swcaller::GroupTies ties = swcaller::GroupTies::kFirstPixel);
+                                         swcaller::GroupTies ties = swcaller::GroupTies::kFirstPixel,
+                                         unsigned threads = 1);
 
 // The affine map onto the filter's working range: working = (x - offset) /
 // scale takes values in [lo, hi] onto [0.1, 0.9] (lo == hi onto 0.1 with

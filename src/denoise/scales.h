@@ -29,9 +29,11 @@ struct ScaleRule {
 double ray_average_variance(const Autocovariance& r, uint32_t plane, uint32_t length);
 
 // For a rows x cols column-major image: the 0-based index into rule.lengths
-// chosen for pixel p in plane d, at p + d * rows * cols.
+// chosen for pixel p in plane d, at p + d * rows * cols. `threads` (at
+// least 1) share the planes out; the result does not depend on them.
 std::vector<uint8_t> choose_scales(const double* image, uint32_t rows, uint32_t cols,
-                                   const Autocovariance& r, const ScaleRule& rule);
+                                   const Autocovariance& r, const ScaleRule& rule,
+                                   unsigned threads = 1);
 
 }  // namespace swdenoise
 

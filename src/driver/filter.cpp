@@ -147,7 +147,8 @@ Error serial_filter(const FilterCall& call, double* output, const RunOptions& op
         if (key_changed) {
             SW_PHASE_MARK(kPhaseNoiseLevel);
             if (store == nullptr ||
-                !store->load(key_number, sc.coefficient_noise_level, &dc_noise_level)) {
+                !store->load(key_number, noisy_coefficients, sc.coefficient_noise_level,
+                                 &dc_noise_level)) {
                 dc_noise_level = Kernels::noise_levels(
                     box, spectrum, noisy_coefficients, noisy_gather, sc.column_count,
                     sc.row_count, sc.row_cursor, g.max_column_count, table, sc.shape_mask,

@@ -8,6 +8,11 @@
 // changes as every other pass does, and key number i has the same levels,
 // bit for bit, in every pass: the first pass stores them, later ones read
 // them. Each key is written by the one thread that computes its key change.
+//
+// A plan may instead hold one flat level (see LevelRule in plan.h): with a
+// flat spectrum and orthonormal transforms every coefficient's variance is
+// the spectrum's value, so the levels need no spectra at all. They then
+// equal the computed ones up to rounding, not bit for bit.
 #ifndef SHAPEWIENER_DRIVER_LEVEL_STORE_H
 #define SHAPEWIENER_DRIVER_LEVEL_STORE_H
 
@@ -23,12 +28,24 @@ struct LevelStore {
     std::vector<float> levels;   // keys * area
     std::vector<float> dc;       // keys
     std::vector<uint8_t> known;  // keys; 1 once stored
+    bool flat = false;           // every level is flat_level (area set, nothing stored)
+    float flat_level = 0.0f;
 
     uint64_t keys() const { return known.size(); }
 
-    // Copies key `key`'s levels into `levels_out` and returns true when
-    // they are stored.
-    bool load(uint64_t key, float* levels_out, float* dc_out) const {
+    // Writes key `key`'s levels into `levels_out` and returns true when they
+    // are stored, or flat: then every coefficient that is exactly 0 in
+    // `noisy_coefficients` (the key's first entry) gets 0, as it would from
+    // the spectra, every other one and the mean flat_level.
+    bool load(uint64_t key, const float* noisy_coefficients, float* levels_out,
+              float* dc_out) const {
+        if (flat) {
+            for (uint32_t t = 0; t < area; ++t) {
+                levels_out[t] = noisy_coefficients[t] == 0.0f ? 0.0f : flat_level;
+            }
+            *dc_out = flat_level;
+            return true;
+        }
         if (key >= known.size() || known[key] == 0) return false;
         std::memcpy(levels_out, levels.data() + key * area, sizeof(float) * area);
         *dc_out = dc[key];

@@ -438,7 +438,8 @@ private:
                          sc.pilot_coefficients, sc.column_count, sc.row_count,
                          g.max_column_count, table);
         if (pe.key_change) {
-            if (store_ == nullptr || !store_->load(pe.key, levels, &ks.dc_level)) {
+            if (store_ == nullptr ||
+                !store_->load(pe.key, sc.noisy_coefficients, levels, &ks.dc_level)) {
                 const SpectrumContext spectrum{sizes_.n,         ws_.call.twiddle, sc.spatial_block,
                                                sc.row_spectrum,  sc.block_spectrum,
                                                call_.noise_psd.data, call_.noise_level_factor};

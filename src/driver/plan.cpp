@@ -1,5 +1,7 @@
 #include "shapewiener/plan.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -26,6 +28,8 @@ Plan::~Plan() = default;
 Plan::Plan(Plan&&) noexcept = default;
 Plan& Plan::operator=(Plan&&) noexcept = default;
 
+bool Plan::flat_levels() const { return state_ && state_->store.flat; }
+
 uint64_t Plan::stored_keys() const {
     if (!state_) return 0;
     uint64_t n = 0;
@@ -49,11 +53,61 @@ bool same_frame(const FilterCall::Frame& a, const FilterCall::Frame& b) {
     return a.rows == b.rows && a.cols == b.cols && a.row0 == b.row0 && a.col0 == b.col0;
 }
 
+// Relative spread below which two values count as the same: far below
+// float rounding of a level.
+constexpr double kFlatTolerance = 1e-9;
+
+// Whether every matrix of the call's bank is orthonormal (T T' = I).
+bool orthonormal_bank(const FilterCall& call) {
+    for (size_t i = 0; i < call.transform_count; ++i) {
+        const uint64_t len = call.transforms[i].dims.rows();
+        const double* t = call.transforms[i].data;
+        for (uint64_t a = 0; a < len; ++a) {
+            for (uint64_t b = 0; b < len; ++b) {
+                double dot = 0.0;
+                for (uint64_t s = 0; s < len; ++s) dot += t[a + s * len] * t[b + s * len];
+                if (!(std::abs(dot - (a == b ? 1.0 : 0.0)) <= kFlatTolerance)) return false;
+            }
+        }
+    }
+    return true;
+}
+
+// The level every coefficient has when the spectrum is flat and the bank
+// orthonormal (the mean of NoisePsd is the pixels' variance); false when
+// either is not so.
+bool flat_level(const FilterCall& call, float* level) {
+    const uint64_t n = call.noise_psd.dims.rows();
+    const uint64_t count = call.noise_psd.dims.elements();
+    if (count == 0) return false;
+    double lo = call.noise_psd.data[0], hi = lo, sum = 0.0;
+    for (uint64_t i = 0; i < count; ++i) {
+        const double v = call.noise_psd.data[i];
+        lo = std::min(lo, v);
+        hi = std::max(hi, v);
+        sum += v;
+    }
+    if (!(lo >= 0.0) || !std::isfinite(hi) || hi - lo > kFlatTolerance * hi || n == 0 ||
+        !orthonormal_bank(call)) {
+        return false;
+    }
+    *level = static_cast<float>(std::sqrt(sum / static_cast<double>(count)) * call.noise_level_factor);
+    return true;
+}
+
 // Plans without checking (run() is only given checked calls).
-Error plan_call(const FilterCall& call, Plan::State* s, bool keep_levels) {
+Error plan_call(const FilterCall& call, Plan::State* s, bool keep_levels, LevelRule rule) {
     s->call = call;
     s->h = round_to_unsigned(call.max_scale);
     s->keep_levels = false;
+    float level = 0.0f;
+    if (rule == LevelRule::kFlatShortcut && flat_level(call, &level)) {
+        const uint64_t w = 2 * uint64_t{s->h} - 1;
+        s->store.area = static_cast<uint32_t>(w * w);
+        s->store.flat = true;
+        s->store.flat_level = level;
+        return Error();
+    }
     if (!keep_levels) return Error();
     const uint64_t w = 2 * uint64_t{s->h} - 1;
     const uint64_t keys = list_key_changes(call);
@@ -73,12 +127,12 @@ Error plan_call(const FilterCall& call, Plan::State* s, bool keep_levels) {
 
 }  // namespace
 
-Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels) {
+Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels, LevelRule rule) {
     const Error e = check(call);
     if (e) return e;
     swcancel::cancel_point();
     plan->state_.reset(new Plan::State);
-    return plan_call(call, plan->state_.get(), keep_levels);
+    return plan_call(call, plan->state_.get(), keep_levels, rule);
 }
 
 Error execute(Plan& plan, double* noisy_image, double* pilot_image, double wiener_variance_factor,
@@ -89,7 +143,7 @@ Error execute(Plan& plan, double* noisy_image, double* pilot_image, double wiene
     call.pilot_image = pilot_image;
     call.wiener_variance_factor = wiener_variance_factor;
     call.frame = frame;
-    LevelStore* store = nullptr;
+    LevelStore* store = s.store.flat ? &s.store : nullptr;
     if (s.keep_levels) {
         const size_t count = static_cast<size_t>(call.image_dims.elements());
         if (!s.bound || !same_frame(frame, s.frame) ||
@@ -111,7 +165,7 @@ Error execute(Plan& plan, double* noisy_image, double* pilot_image, double wiene
 
 Error run(const FilterCall& call, double* output, const RunOptions& options) {
     Plan::State s;
-    plan_call(call, &s, false);
+    plan_call(call, &s, false, LevelRule::kComputed);
     return stored_levels_entry(s.h)(call, output, options, s.h, nullptr);
 }
 
