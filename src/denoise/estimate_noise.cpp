@@ -101,6 +101,32 @@ std::vector<double> interpolate(const std::vector<double>& coarse, uint32_t b, u
     return fine;
 }
 
+// For the cells of a b x b grid inside `mask`: the median of the nearest
+// cells outside it (the smallest square neighbourhood holding at least 8 of
+// them); the cells outside keep their own value.
+std::vector<double> level_outside(const std::vector<double>& grid, const std::vector<char>& mask, uint32_t b) {
+    std::vector<double> out(grid);
+    std::vector<double> near;
+    for (uint32_t v = 0; v < b; ++v) {
+        for (uint32_t u = 0; u < b; ++u) {
+            const size_t i = u + static_cast<size_t>(b) * v;
+            if (!mask[i]) continue;
+            for (uint32_t r = 1; r < b / 2; ++r) {
+                near.clear();
+                for (uint32_t dv = 0; dv <= 2 * r; ++dv) {
+                    for (uint32_t du = 0; du <= 2 * r; ++du) {
+                        const size_t j = (u + b + du - r) % b + static_cast<size_t>(b) * ((v + b + dv - r) % b);
+                        if (!mask[j]) near.push_back(grid[j]);
+                    }
+                }
+                if (near.size() >= 8) break;
+            }
+            if (!near.empty()) out[i] = order_statistic(near, near.size() / 2);
+        }
+    }
+    return out;
+}
+
 // Median of the 5 x 5 periodic neighbourhood of every value of a b x b grid.
 std::vector<double> median5(const std::vector<double>& grid, uint32_t b) {
     std::vector<double> out(grid.size());
@@ -126,11 +152,26 @@ uint32_t cell_of(uint32_t i, uint32_t n, uint32_t b) {
 // Narrow peaks: a block spectrum of b x b frequencies blurs a peak narrower
 // than a cell. Cells standing more than kPeakFactor above the median of
 // their 5 x 5 neighbourhood (away from the lowest frequencies, where the
-// image's own spectrum is steep), with their neighbours, get the shape of
-// the whole image's periodogram (smoothed; its own smooth level taken off),
-// scaled so that these cells keep the block spectrum's total power.
+// image's own spectrum is steep), with the cells around them that the block
+// window's blur lifts above the level outside, get the shape of the whole
+// image's periodogram (smoothed; its own smooth level taken off), on the
+// level outside, scaled so that these cells keep the block spectrum's total
+// power.
 const double kPeakFactor = 4.0;
+// The blur reaches this many cells from a peak cell; a cell within reach
+// counts when it stands kSkirtFactor above the level outside.
+const uint32_t kPeakReach = 3;
+const double kSkirtFactor = 2.0;
 const double kPeakSmoothing = 2.0;  // Gaussian, in full-size frequency bins
+// Within those cells, the periodogram's excess over the image's smooth level
+// counts as peak only where it exceeds this multiple of that level: weaker
+// excess is the image's own fluctuation, and would spread the peak's tails.
+const double kPeakSignificance = 2.0;
+
+double peak_excess(double smooth, double image_level) {
+    const double excess = smooth - image_level;
+    return excess > kPeakSignificance * image_level ? excess : 0.0;
+}
 
 void refine_peaks(const sw::Image& image, const std::vector<double>& coarse, uint32_t b,
                   std::vector<double>* psd) {
@@ -145,13 +186,24 @@ void refine_peaks(const sw::Image& image, const std::vector<double>& coarse, uin
             const uint32_t dv = std::min(v, b - v);
             const size_t i = u + static_cast<size_t>(b) * v;
             if ((du > 2 || dv > 2) && coarse[i] > kPeakFactor * level[i]) {
-                for (uint32_t a = 0; a < 3; ++a)
-                    for (uint32_t c = 0; c < 3; ++c) peak[(u + b + a - 1) % b + static_cast<size_t>(b) * ((v + b + c - 1) % b)] = 1;
+                const uint32_t span = 2 * kPeakReach + 1;
+                for (uint32_t a = 0; a < span; ++a) {
+                    for (uint32_t c = 0; c < span; ++c) {
+                        const uint32_t pu = (u + b + a - kPeakReach) % b;
+                        const uint32_t pv = (v + b + c - kPeakReach) % b;
+                        if (std::min(pu, b - pu) > 2 || std::min(pv, b - pv) > 2) peak[pu + static_cast<size_t>(b) * pv] = 1;
+                    }
+                }
                 any = true;
             }
         }
     }
     if (!any) return;
+    // Under the peaks, the level of the cells around them.
+    const std::vector<double> floor_level = level_outside(coarse, peak, b);
+    // Of those, the cells the blocks see above that level: the image's own
+    // structure around a peak keeps the level it had.
+    for (size_t i = 0; i < peak.size(); ++i) peak[i] = peak[i] && coarse[i] > kSkirtFactor * floor_level[i];
 
     // The whole image's periodogram (mean removed), smoothed along both axes.
     const size_t count = static_cast<size_t>(rows) * cols;
@@ -161,8 +213,32 @@ void refine_peaks(const sw::Image& image, const std::vector<double>& coarse, uin
     std::vector<double> centred(count);
     for (size_t i = 0; i < count; ++i) centred[i] = image.pixels[i] - mean;
     const std::vector<std::complex<double>> f = fft2(centred.data(), rows, cols);
+    // The jumps across the image's borders (which the transform takes as
+    // periodic) would add a bright cross along both frequency axes: take
+    // off the smooth image whose Laplacian holds just those jumps.
+    std::vector<double> jumps(count, 0.0);
+    for (uint32_t x = 0; x < cols; ++x) {
+        const size_t c = static_cast<size_t>(rows) * x;
+        const double d = centred[c + rows - 1] - centred[c];
+        jumps[c] += d;
+        jumps[c + rows - 1] -= d;
+    }
+    for (uint32_t u = 0; u < rows; ++u) {
+        const size_t last = u + static_cast<size_t>(rows) * (cols - 1);
+        const double d = centred[last] - centred[u];
+        jumps[u] += d;
+        jumps[last] -= d;
+    }
+    const std::vector<std::complex<double>> g = fft2(jumps.data(), rows, cols);
     std::vector<double> smooth(count);
-    for (size_t i = 0; i < count; ++i) smooth[i] = std::norm(f[i]) / static_cast<double>(count);
+    for (uint32_t x = 0; x < cols; ++x) {
+        for (uint32_t u = 0; u < rows; ++u) {
+            const size_t i = u + static_cast<size_t>(rows) * x;
+            const double laplacian = 2.0 * std::cos(2.0 * kPi * u / rows) + 2.0 * std::cos(2.0 * kPi * x / cols) - 4.0;
+            const std::complex<double> periodic = i == 0 ? f[i] : f[i] - g[i] / laplacian;
+            smooth[i] = std::norm(periodic) / static_cast<double>(count);
+        }
+    }
     const int radius = 6;
     std::vector<double> taps(2 * radius + 1);
     double tap_sum = 0.0;
@@ -204,8 +280,8 @@ void refine_peaks(const sw::Image& image, const std::vector<double>& coarse, uin
         }
     }
     for (size_t c = 0; c < cells.size(); ++c) cells[c] /= members[c];
-    const std::vector<double> image_level = interpolate(median5(cells, b), b, rows, cols);
-    const std::vector<double> noise_level = interpolate(level, b, rows, cols);
+    const std::vector<double> image_level = interpolate(level_outside(median5(cells, b), peak, b), b, rows, cols);
+    const std::vector<double> noise_level = interpolate(floor_level, b, rows, cols);
 
     double kept = 0.0;
     double floor = 0.0;
@@ -217,7 +293,7 @@ void refine_peaks(const sw::Image& image, const std::vector<double>& coarse, uin
             const size_t i = u + static_cast<size_t>(rows) * x;
             kept += (*psd)[i];
             floor += noise_level[i];
-            shape += std::max(smooth[i] - image_level[i], 0.0);
+            shape += peak_excess(smooth[i], image_level[i]);
         }
     }
     if (!(shape > 0.0)) return;
@@ -227,7 +303,7 @@ void refine_peaks(const sw::Image& image, const std::vector<double>& coarse, uin
         for (uint32_t u = 0; u < rows; ++u) {
             if (!peak[cell_of(u, rows, b) + static_cast<size_t>(b) * cx]) continue;
             const size_t i = u + static_cast<size_t>(rows) * x;
-            (*psd)[i] = noise_level[i] + gain * std::max(smooth[i] - image_level[i], 0.0);
+            (*psd)[i] = noise_level[i] + gain * peak_excess(smooth[i], image_level[i]);
         }
     }
 }
