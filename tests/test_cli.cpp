@@ -302,6 +302,10 @@ TEST_F(Cli, HostileInputsChangeNothing) {
         std::ofstream(path("complex.npy"), std::ios::binary)
             << std::string("\x93NUMPY\x01\x00\x34\x00", 10)
             << "{'descr': '<c16', 'fortran_order': False, 'shape': (1, 1), }\n" << std::string(16, '\0');
+        std::ofstream(path("int64.npy"), std::ios::binary)  // 2^53 + 1
+            << std::string("\x93NUMPY\x01\x00\x3c\x00", 10)
+            << "{'descr': '<i8', 'fortran_order': False, 'shape': (1, 1), }\n"
+            << std::string("\x01\x00\x00\x00\x00\x00\x20\x00", 8);
     }
     fs::create_directories(path("folder.png"));
     const std::string long_name = std::string(240, 'n') + ".png";  // 244 characters
@@ -330,6 +334,7 @@ TEST_F(Cli, HostileInputsChangeNothing) {
         {"convert giant.tif out.npy", 1, "giant.tif: "},
         {"denoise short.npy OUT --sigma 25", 1, "truncated .npy data"},
         {"denoise complex.npy OUT --sigma 25", 1, "complex values are not an image"},
+        {"denoise int64.npy OUT --sigma 25", 1, "9007199254740993, beyond 2^53"},
         // Noise and options.
         {"denoise grey.png OUT --sigma 0", 1, "standard deviation"},
         {"denoise grey.png OUT --sigma nan", 1, "standard deviation"},

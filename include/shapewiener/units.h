@@ -40,6 +40,14 @@ double type_highest(SampleType type);
 double to_type(double value, SampleType type);
 void to_type(std::vector<double>* values, SampleType type);
 
+// 64-bit integers: a double holds every integer of magnitude up to 2^53
+// exactly, and not every larger one. Why `value` cannot be taken as a
+// double ("the 64-bit integer 9007199254740993, beyond 2^53 =
+// 9007199254740992: ..."), or "" when it is exact.
+constexpr uint64_t kMaxExactInteger = uint64_t{1} << 53;
+std::string inexact_integer(int64_t value);
+std::string inexact_integer(uint64_t value);
+
 // The plausibility guard. `value_min`/`value_max` are the image's smallest
 // and largest value, `type` how it is stored. Returns a warning (one line,
 // no trailing newline) when the noise level (sigma, or the square root of

@@ -36,10 +36,31 @@ def check_shape(shape, what):
                     f"2^31 - 1.")
 
 
+def is_int64(dtype):
+    """Integers that a double does not always hold exactly."""
+    dtype = np.dtype(dtype)
+    return dtype.kind in "iu" and dtype.itemsize >= 8
+
+
+def check_exact(low, high, what):
+    """Refuses 64-bit integers beyond 2^53, which a double cannot hold
+    exactly (their last digits would be lost); `low` and `high` are the
+    array's smallest and largest value."""
+    for v in (int(low), int(high)):
+        if abs(v) > 2**53:
+            sign = "-" if v < 0 else ""
+            raise Error(f"shapewiener:{what}:inexact",
+                        f"the {what} holds the 64-bit integer {v}, beyond {sign}2^53 = "
+                        f"{sign}{2**53}: a double cannot hold it exactly; convert the values "
+                        f"to floating point first.")
+
+
 def _as_matrix(x, what):
     a = np.asarray(x)  # no copy for an array
     check_dtype(a.dtype, what)
     check_shape(a.shape, what)
+    if is_int64(a.dtype) and a.size:
+        check_exact(a.min(), a.max(), what)
     return a if a.dtype == np.float64 else a.astype(np.float64)
 
 

@@ -25,7 +25,8 @@ import numpy as np
 
 from ._denoise import denoise as _denoise_image
 from ._denoise import remove_noise_peaks
-from ._denoise import _noise, check_dtype, check_shape, stored_as, threads_count
+from ._denoise import _noise, check_dtype, check_exact, check_shape, is_int64, stored_as
+from ._denoise import threads_count
 from ._denoise import warn_if_implausible
 from ._noise import estimate_noise
 from .errors import Error
@@ -146,6 +147,8 @@ def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunk
     elif chunks is not None:
         array = array.rechunk(chunks)
     dtype = array.dtype
+    if is_int64(dtype) and array.size:
+        check_exact(*dask.compute(array.min(), array.max()), "image")
     array = array.astype(np.float64)
     rows, cols = array.shape
     threads = threads_count(threads)

@@ -27,6 +27,8 @@ CALLS = [
     ("five channels", "denoise", dict(z=np.zeros((4, 4, 5)), sigma=1.0), "image:channels"),
     ("4-D image", "denoise", dict(z=np.zeros((4, 4, 3, 1)), sigma=1.0), "image:size"),
     ("NaN pixel", "denoise", dict(z=NAN, sigma=12.0), "image:notFinite"),
+    ("int64 beyond 2^53", "denoise", dict(z=-(2**53) - 1 - Z.astype(np.int64), sigma=1.0),
+     "image:inexact"),
     ("50000 x 50000 view, refused before the 20 GB copy", "denoise",
      dict(z=np.broadcast_to(np.uint8(7), (50000, 50000)), sigma=1.0), "image:tooLarge"),
     # The noise.
@@ -63,6 +65,8 @@ CALLS = [
     ("dask: complex image", "dask", dict(array=Z + 1j, sigma=1.0, chunks=8), "image:complex"),
     ("dask: bool image", "dask", dict(array=Z > 100, sigma=1.0, chunks=8), "image:notNumeric"),
     ("dask: NaN pixel", "dask", dict(array=NAN, sigma=12.0, chunks=8), "image:notFinite"),
+    ("dask: uint64 beyond 2^53", "dask",
+     dict(array=Z.astype(np.uint64) + np.uint64(2**53 + 1), sigma=1.0, chunks=8), "image:inexact"),
     ("dask: transposed psd", "dask", dict(array=Z, psd=np.ones((20, 24)), chunks=8),
      "noise:psdSize"),
     ("dask: fractional halo", "dask", dict(array=Z, sigma=1.0, chunks=8, halo=2.5),

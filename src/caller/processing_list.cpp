@@ -343,9 +343,20 @@ ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set
         }
     }
 
+    // The maps are done with; freeing them takes a while.
+    union_of_indices = {};
+    swcancel::cancel_point();
+    union_of_content = {};
+    swcancel::cancel_point();
+    group_of_uncut = {};
+    group_of_cut = {};
+    swcancel::cancel_point();
+
     std::vector<uint32_t> order(groups.size());
     for (uint32_t g = 0; g < order.size(); ++g) order[g] = g;
+    uint32_t compared = 0;
     std::stable_sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
+        if (++compared % 4096 == 0) swcancel::cancel_point();
         const Group& ga = groups[a];
         const Group& gb = groups[b];
         if (ga.area != gb.area || ties == GroupTies::kFirstPixel) return ga.area < gb.area;
@@ -368,6 +379,7 @@ ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set
     list.pixels.resize(group_of_pixel.size());
     list.keys.resize(group_of_pixel.size());
     for (size_t p = 0; p < group_of_pixel.size(); ++p) {
+        if ((p & 0xffff) == 0) swcancel::cancel_point();
         const uint32_t g = group_of_pixel[p];
         const uint32_t e = next_entry[g]++;
         list.pixels[e] = static_cast<int32_t>(p + 1);

@@ -8,7 +8,9 @@
 #ifndef SHAPEWIENER_CANCEL_CANCEL_H
 #define SHAPEWIENER_CANCEL_CANCEL_H
 
+#include <cstddef>
 #include <functional>
+#include <vector>
 
 namespace swcancel {
 
@@ -28,6 +30,27 @@ private:
 };
 
 void cancel_point();
+
+// Allocating, first touching and freeing arrays of hundreds of megabytes
+// takes a noticeable while: the stages make them `step` values at a time
+// (value p is make(p)) and free them between cancel points.
+template <typename T, typename Make>
+std::vector<T> make_vector(size_t count, size_t step, Make make) {
+    std::vector<T> v;
+    v.reserve(count);
+    for (size_t p = 0; p < count; ++p) {
+        if (p % step == 0) cancel_point();
+        v.push_back(make(p));
+    }
+    return v;
+}
+
+template <typename T>
+void release(std::vector<T>* v) {
+    cancel_point();
+    std::vector<T>().swap(*v);
+    cancel_point();
+}
 
 }  // namespace swcancel
 

@@ -80,39 +80,56 @@ RangeMap working_range(double lo, double hi, bool normalise) {
     return m;
 }
 
-RangeMap working_range(const sw::Image& image, bool normalise) {
-    if (!normalise || image.pixels.empty()) return RangeMap();
-    const auto [lo, hi] = std::minmax_element(image.pixels.begin(), image.pixels.end());
-    return working_range(*lo, *hi, normalise);
-}
-
 namespace {
 
 // The mean of `values` (rows x cols, column-major) over the square of
-// half-width `reach` around each pixel, clipped at the borders: the limit
+// half-width `reach` around pixel (r, c), clipped at the borders: the limit
 // of the estimate where the noise swamps every coefficient of every shape.
-std::vector<double> local_mean(const std::vector<double>& values, uint32_t rows, uint32_t cols,
-                               uint32_t reach) {
-    std::vector<double> mean(values.size());
-    for (uint32_t c = 0; c < cols; ++c) {
-        const uint32_t c0 = c > reach ? c - reach : 0, c1 = std::min(cols - 1, c + reach);
-        for (uint32_t r = 0; r < rows; ++r) {
-            const uint32_t r0 = r > reach ? r - reach : 0, r1 = std::min(rows - 1, r + reach);
-            double sum = 0.0, lo = values[r + static_cast<size_t>(c) * rows], hi = lo;
-            for (uint32_t x = c0; x <= c1; ++x) {
-                for (uint32_t y = r0; y <= r1; ++y) {
-                    const double v = values[y + static_cast<size_t>(x) * rows];
-                    sum += v;
-                    lo = std::min(lo, v);
-                    hi = std::max(hi, v);
-                }
-            }
-            // The rounding of the sum must not take a mean outside its values.
-            const double v = sum / (static_cast<double>(r1 - r0 + 1) * (c1 - c0 + 1));
-            mean[r + static_cast<size_t>(c) * rows] = std::min(hi, std::max(lo, v));
+double local_mean(const std::vector<double>& values, uint32_t rows, uint32_t cols, uint32_t reach,
+                  uint32_t r, uint32_t c) {
+    const uint32_t c0 = c > reach ? c - reach : 0, c1 = std::min(cols - 1, c + reach);
+    const uint32_t r0 = r > reach ? r - reach : 0, r1 = std::min(rows - 1, r + reach);
+    double sum = 0.0, lo = values[r + static_cast<size_t>(c) * rows], hi = lo;
+    for (uint32_t x = c0; x <= c1; ++x) {
+        for (uint32_t y = r0; y <= r1; ++y) {
+            const double v = values[y + static_cast<size_t>(x) * rows];
+            sum += v;
+            lo = std::min(lo, v);
+            hi = std::max(hi, v);
         }
     }
-    return mean;
+    // The rounding of the sum must not take a mean outside its values.
+    const double v = sum / (static_cast<double>(r1 - r0 + 1) * (c1 - c0 + 1));
+    return std::min(hi, std::max(lo, v));
+}
+
+// A pass's estimate where it made none or one the data cannot hold. The
+// filter gives NaN for a shape with a coefficient whose noise level is 0
+// (its value was exactly 0 on the key's first entry, as the rounding
+// residue of the mean removal can be) where a later entry of the key has a
+// residue and the pilot none: such a pixel keeps the pass's input. Noise
+// that swamps every coefficient gives NaN everywhere (the estimate's
+// variance rounds to 0), and noise far above what the values can hold
+// pulls each shape's mean toward the working zero, out of the data's range
+// [lo, hi]: there the pixel takes the limit of the estimate as the noise
+// grows, the mean of the pass's input around it, which lies in [lo, hi]
+// with that input. Never the input itself.
+void settle(std::vector<double>& estimate, const std::vector<double>& input, uint32_t rows,
+            uint32_t cols, uint32_t reach, double lo, double hi) {
+    const bool swamped =
+        std::all_of(estimate.begin(), estimate.end(), [](double v) { return std::isnan(v); });
+    for (uint32_t c = 0; c < cols; ++c) {
+        swcancel::cancel_point();
+        for (uint32_t r = 0; r < rows; ++r) {
+            const size_t p = r + static_cast<size_t>(c) * rows;
+            double& v = estimate[p];
+            if (std::isnan(v) && !swamped) {
+                v = input[p];
+            } else if (!(v >= lo && v <= hi)) {
+                v = local_mean(input, rows, cols, reach, r, c);
+            }
+        }
+    }
 }
 
 double seconds_since(std::chrono::steady_clock::time_point start) {
@@ -220,9 +237,16 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
         return out;
     }
 
-    const RangeMap range = tiled ? working_range(tile.value_min, tile.value_max,
-                                                 settings.normalise_range)
-                                 : working_range(input, settings.normalise_range);
+    // The values the estimate must stay within: those the passes see, the
+    // frame's or the image's (after the peak stage, that image's: the same
+    // as when the stages run one after the other).
+    double lo = tile.value_min, hi = tile.value_max;
+    if (!tiled) {
+        const auto [min, max] = std::minmax_element(input.pixels.begin(), input.pixels.end());
+        lo = *min;
+        hi = *max;
+    }
+    const RangeMap range = working_range(lo, hi, settings.normalise_range);
     swcaller::Image noisy(rows, cols);
     for (size_t p = 0; p < noisy.size(); ++p) {
         noisy.pixels[p] = (input.pixels[p] - range.offset) / range.scale;
@@ -259,9 +283,14 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     sw::DenoiseReport done;
     const double first_factor = white ? settings.first_factor_white : settings.first_factor;
     const double second_factor = white ? settings.second_factor_white : settings.second_factor;
+    // (The set-up of a large image takes a while: a cancel point after
+    // each step.)
+    swcancel::cancel_point();
     const CallArrays arrays(shapes, psd);
+    swcancel::cancel_point();
     std::vector<double> estimate(noisy.size());
     std::vector<double> noisy_copy = noisy.pixels, pilot = noisy.pixels, previous;
+    swcancel::cancel_point();
     // One plan for every pass: the shapes, and the noise levels of the keys
     // once the first pass has computed them.
     sw::FilterCall planned = arrays.call(noisy_copy.data(), pilot.data(), rows, cols, first_factor);
@@ -281,24 +310,11 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
                  planned.frame, estimate.data(), threads, [&](double fraction) {
                      return !progress || progress(begin + share * fraction, phase);
                  });
-        // The filter's arithmetic gives 0/0 for a coefficient whose noise
-        // level is 0 (its value was exactly 0 on the key's first entry, as
-        // the rounding residue of the mean removal can be) where a later
-        // entry of the key has a residue and the pilot none: that shape's
-        // weight is NaN, and so are its pixels. They keep the pilot's value.
-        // Noise that swamps every coefficient (its estimate's variance
-        // rounds to 0) gives NaN everywhere: then the pass's result is its
-        // limit, the pilot's mean around each pixel, never the pilot itself.
-        const std::vector<double>& fallback = pass == 0 ? noisy.pixels : previous;
-        const bool swamped = std::all_of(estimate.begin(), estimate.end(),
-                                         [](double v) { return std::isnan(v); });
-        if (swamped) {
-            const uint32_t h = settings.adaptive ? settings.rule.lengths.back() : settings.square_scale;
-            estimate = local_mean(fallback, rows, cols, h - 1);
-        }
-        for (size_t p = 0; p < estimate.size(); ++p) {
-            if (std::isnan(estimate[p])) estimate[p] = fallback[p];
-        }
+        at = begin + share;
+        stage = phase;
+        const uint32_t h = settings.adaptive ? settings.rule.lengths.back() : settings.square_scale;
+        settle(estimate, pass == 0 ? noisy.pixels : previous, rows, cols, h - 1,
+               (lo - range.offset) / range.scale, (hi - range.offset) / range.scale);
         done.passes = pass + 1;
     }
     done.accepted_entries = static_cast<uint64_t>(done.passes) * rows * cols;
@@ -309,7 +325,9 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     out.cols = cols;
     out.pixels.resize(estimate.size());
     for (size_t p = 0; p < out.pixels.size(); ++p) {
-        out.pixels[p] = estimate[p] * range.scale + range.offset;
+        // Every estimate lies in the working image of [lo, hi]; the map's
+        // rounding must not take it outside.
+        out.pixels[p] = std::min(hi, std::max(lo, estimate[p] * range.scale + range.offset));
     }
     step(1.0, "done");
     done.seconds = seconds_since(start);

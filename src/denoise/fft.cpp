@@ -180,7 +180,8 @@ void Fft1d::transform_chirp(Complex* data) {
 
 std::vector<Complex> fft2(const double* image, uint32_t rows, uint32_t cols) {
     const size_t count = pixels(rows, cols);
-    std::vector<Complex> spectrum(image, image + count);
+    std::vector<Complex> spectrum = swcancel::make_vector<Complex>(
+        count, std::max<size_t>(rows, 1), [&](size_t p) { return Complex(image[p], 0.0); });
     transform_2d(spectrum.data(), rows, cols, false);
     return spectrum;
 }
@@ -193,11 +194,14 @@ std::vector<double> ifft2_real(const std::vector<Complex>& spectrum, uint32_t ro
                       cols, count, spectrum.size());
         fail("shapewiener:fft:size", text);
     }
-    std::vector<Complex> work(spectrum);
+    const size_t step = std::max<size_t>(rows, 1);
+    std::vector<Complex> work =
+        swcancel::make_vector<Complex>(count, step, [&](size_t p) { return spectrum[p]; });
     transform_2d(work.data(), rows, cols, true);
-    std::vector<double> image(count);
     const double total = static_cast<double>(count);
-    for (size_t i = 0; i < count; ++i) image[i] = work[i].real() / total;
+    std::vector<double> image =
+        swcancel::make_vector<double>(count, step, [&](size_t p) { return work[p].real() / total; });
+    swcancel::release(&work);
     return image;
 }
 

@@ -58,14 +58,12 @@ swcaller::ShapeArguments adaptive_shapes(const double* image, uint32_t rows, uin
                                          unsigned threads = 1);
 
 // The affine map onto the filter's working range: working = (x - offset) /
-// scale takes the image's [min, max] onto [0.1, 0.9] (a constant image onto
-// 0.1 with scale 1); without `normalise` the identity.
+// scale takes values in [lo, hi] onto [0.1, 0.9] (lo == hi onto 0.1 with
+// scale 1); without `normalise` the identity.
 struct RangeMap {
     double offset = 0.0;
     double scale = 1.0;
 };
-RangeMap working_range(const sw::Image& image, bool normalise);
-// The same map for values known to lie in [lo, hi].
 RangeMap working_range(double lo, double hi, bool normalise);
 
 // Shapes shared by several images of one size (the channels of a colour

@@ -49,6 +49,25 @@ std::string number(double v) {
 
 }  // namespace
 
+namespace {
+
+std::string inexact(const char* sign, uint64_t magnitude) {
+    if (magnitude <= kMaxExactInteger) return std::string();
+    return std::string("the 64-bit integer ") + sign + std::to_string(magnitude) + ", beyond " +
+           sign + "2^53 = " + sign + std::to_string(kMaxExactInteger) +
+           ": a double cannot hold it exactly; convert the values to floating point first.";
+}
+
+}  // namespace
+
+std::string inexact_integer(uint64_t value) { return inexact("", value); }
+
+std::string inexact_integer(int64_t value) {
+    // The magnitude without overflow for the most negative value.
+    return value < 0 ? inexact("-", uint64_t{0} - static_cast<uint64_t>(value))
+                     : inexact("", static_cast<uint64_t>(value));
+}
+
 const char* type_name(SampleType type) { return info(type).name; }
 
 bool type_from_name(const std::string& name, SampleType* type) {

@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "driver/check.h"
+#include "cancel/cancel.h"
 #include "driver/workspace.h"
 
 namespace sw {
@@ -235,6 +236,7 @@ Error check(const FilterCall& call) {
     }
     const int32_t* entries = call.processing_list.data;
     for (uint64_t i = 0; i < pixels; ++i) {
+        if ((i & 0xfffff) == 0) swcancel::cancel_point();
         const int32_t p = entries[i];
         if (p < 1 || static_cast<uint64_t>(p) > pixels) {
             SW_FAIL(ErrorCode::kPixelOutOfRange, list,
@@ -262,6 +264,7 @@ Error check(const FilterCall& call) {
     const uint8_t* bytes = call.direction_scale_map.data;
     const uint64_t count = 8 * pixels;
     for (uint64_t i = 0; i < count; ++i) {
+        if ((i & 0xfffff) == 0) swcancel::cancel_point();
         const uint8_t v = bytes[i];
         if (usable[v]) continue;
         const uint64_t pixel = i % (pixels == 0 ? 1 : pixels);

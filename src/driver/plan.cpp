@@ -6,6 +6,7 @@
 #include <new>
 #include <vector>
 
+#include "cancel/cancel.h"
 #include "driver/filter.h"
 #include "driver/level_store.h"
 
@@ -110,6 +111,7 @@ Error plan_call(const FilterCall& call, Plan::State* s, bool keep_levels, LevelR
     if (!keep_levels) return Error();
     const uint64_t w = 2 * uint64_t{s->h} - 1;
     const uint64_t keys = list_key_changes(call);
+    swcancel::cancel_point();
     if (keys * (w * w + 1) * sizeof(float) > Plan::kMaxStoredBytes) return Error();
     try {
         s->store.area = static_cast<uint32_t>(w * w);
@@ -128,6 +130,7 @@ Error plan_call(const FilterCall& call, Plan::State* s, bool keep_levels, LevelR
 Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels, LevelRule rule) {
     const Error e = check(call);
     if (e) return e;
+    swcancel::cancel_point();
     plan->state_.reset(new Plan::State);
     return plan_call(call, plan->state_.get(), keep_levels, rule);
 }

@@ -63,6 +63,13 @@ size_t type_width(sw::SampleType type) {
     }
 }
 
+template <typename Integer>
+double exact(Integer v) {
+    const std::string refusal = sw::inexact_integer(v);
+    if (!refusal.empty()) throw std::range_error(refusal);
+    return static_cast<double>(v);
+}
+
 double load_value(const unsigned char* b, sw::SampleType type) {
     switch (type) {
         case sw::SampleType::kUint8: return b[0];
@@ -71,8 +78,8 @@ double load_value(const unsigned char* b, sw::SampleType type) {
         case sw::SampleType::kInt16: { int16_t v; std::memcpy(&v, b, 2); return v; }
         case sw::SampleType::kUint32: { uint32_t v; std::memcpy(&v, b, 4); return v; }
         case sw::SampleType::kInt32: { int32_t v; std::memcpy(&v, b, 4); return v; }
-        case sw::SampleType::kUint64: { uint64_t v; std::memcpy(&v, b, 8); return static_cast<double>(v); }
-        case sw::SampleType::kInt64: { int64_t v; std::memcpy(&v, b, 8); return static_cast<double>(v); }
+        case sw::SampleType::kUint64: { uint64_t v; std::memcpy(&v, b, 8); return exact(v); }
+        case sw::SampleType::kInt64: { int64_t v; std::memcpy(&v, b, 8); return exact(v); }
         case sw::SampleType::kFloat32: { float v; std::memcpy(&v, b, 4); return v; }
         case sw::SampleType::kFloat64: { double v; std::memcpy(&v, b, 8); return v; }
     }
@@ -199,13 +206,11 @@ Array2 read_npy(const std::string& path, uint64_t bytes_per_pixel, bool channels
         const size_t col = fortran ? pixel / a.rows : pixel % a.cols;
         unsigned char* b = raw.data() + k * width;
         if (swap) std::reverse(b, b + width);
-        const double v = load_value(b, a.type);
-        if ((a.type == sw::SampleType::kUint64 || a.type == sw::SampleType::kInt64) &&
-            std::fabs(v) > 9007199254740992.0) {
-            bad(path, "holds the 64-bit integer " + std::to_string(static_cast<long double>(v)) +
-                          ", beyond 2^53: a double cannot hold it exactly");
+        try {
+            a.values[row + col * a.rows + channel * plane] = load_value(b, a.type);
+        } catch (const std::range_error& e) {
+            bad(path, std::string("holds ") + e.what());
         }
-        a.values[row + col * a.rows + channel * plane] = v;
     }
     return a;
 }

@@ -54,6 +54,8 @@ void check_size(const std::string& path, uint64_t rows, uint64_t cols, uint64_t 
 // Bytes per value of a type.
 size_t type_width(sw::SampleType type);
 // A value of `type` at `bytes`, in the machine's byte order (little endian).
+// Throws std::range_error (sw::inexact_integer) for a 64-bit integer that a
+// double cannot hold exactly.
 double load_value(const unsigned char* bytes, sw::SampleType type);
 // Stores to_type(value, type) at `bytes`.
 void store_value(double value, sw::SampleType type, unsigned char* bytes);

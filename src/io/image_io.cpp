@@ -517,6 +517,8 @@ ChannelFile read_channels(const std::string& path, uint64_t bytes_per_pixel) {
         return read_file(path, bytes_per_pixel);
     } catch (const std::bad_alloc&) {
         bad(path, "cannot allocate the memory to read it");
+    } catch (const std::range_error& e) {
+        bad(path, std::string("holds ") + e.what());
     }
 }
 

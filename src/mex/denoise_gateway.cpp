@@ -91,6 +91,16 @@ sw::Error read_matrix(const mxArray* a, const char* what, uint32_t* rows, uint32
             return make(("shapewiener:" + name + ":notReal").c_str(),
                         "the " + name + " must be a real numeric matrix.");
     }
+    // 64-bit integers beyond 2^53 would lose their last digits.
+    const mxClassID id = mxGetClassID(a);
+    for (size_t i = 0; (id == mxINT64_CLASS || id == mxUINT64_CLASS) && i < n; ++i) {
+        const std::string refusal = id == mxINT64_CLASS
+                                        ? sw::inexact_integer(static_cast<const int64_t*>(data)[i])
+                                        : sw::inexact_integer(static_cast<const uint64_t*>(data)[i]);
+        if (!refusal.empty()) {
+            return make(("shapewiener:" + name + ":inexact").c_str(), "the " + name + " holds " + refusal);
+        }
+    }
     return sw::Error();
 }
 

@@ -22,6 +22,7 @@ function test_hostile()
     {ones(3, 3, 5), 'sigma', 1}, 'shapewiener:image:channels'
     {ones(3, 3, 3, 2), 'sigma', 1}, 'shapewiener:image:size'
     {nan_z, 'sigma', 12}, 'shapewiener:image:notFinite'
+    {int64(z) + intmax('int64') / 2, 'sigma', 1}, 'shapewiener:image:inexact'
     % the noise
     {z(1:15, :)}, 'shapewiener:image:tooSmall'
     {z, 'sigma', 1, 'estimateOnly', true}, 'shapewiener:noise:conflict'
