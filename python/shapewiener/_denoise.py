@@ -253,8 +253,6 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
     >>> shapewiener.denoise(rgb, channel_covariance=c, preset="fast").shape
     (32, 32, 3)
     """
-    if not _core.have_denoise:
-        raise Error("shapewiener:denoise:unavailable", "this build has no denoiser.")
     a = np.asarray(z)  # no copy for an array
     check_dtype(a.dtype, "image")
     if a.ndim == 3 and _tile is None:

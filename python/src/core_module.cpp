@@ -19,11 +19,9 @@
 #include <vector>
 
 #include "shapewiener/filter.h"
-#if defined(SHAPEWIENER_HAVE_DENOISE)
 #include "shapewiener/denoise.h"
 #include "shapewiener/noise.h"
 #include "shapewiener/units.h"
-#endif
 #if defined(SHAPEWIENER_HAVE_IO)
 #include "io/image_io.h"
 #endif
@@ -170,7 +168,6 @@ py::array filter_call(py::object scale_set, py::object dsm, py::list transforms,
     return std::move(out);
 }
 
-#if defined(SHAPEWIENER_HAVE_DENOISE)
 std::vector<double> column_major(const py::array_t<double, py::array::f_style>& a) {
     return std::vector<double>(a.data(), a.data() + a.size());
 }
@@ -459,9 +456,8 @@ py::object noise_warning_call(double value_min, double value_max, const std::str
     if (w.empty()) return py::none();
     return py::str(w);
 }
-#endif
 
-#if defined(SHAPEWIENER_HAVE_IO) && defined(SHAPEWIENER_HAVE_DENOISE)
+#if defined(SHAPEWIENER_HAVE_IO)
 // The command line's reader: (column-major float64 array, type name).
 py::tuple read_image_call(const std::string& path, uint64_t bytes_per_pixel) {
     swio::ImageFile f;
@@ -505,7 +501,6 @@ void write_image_call(const std::string& path, py::array_t<double> image, const 
 PYBIND11_MODULE(_core, m) {
     m.doc() = "The shapewiener library: the raw filter module and the denoiser.";
     m.def("filter", &filter_call, "The raw sixteen-argument filter (arrays prepared by shapewiener.filter).");
-#if defined(SHAPEWIENER_HAVE_DENOISE)
     m.def("denoise", &denoise_call, "sw::denoise on a column-major float64 matrix.");
     m.def("denoise_colour", &denoise_colour_call, "sw::denoise_colour on a (rows, cols, channels) array.");
     m.def("noise_has_peaks", [](uint32_t rows, uint32_t cols, const std::string& noise, double sigma,
@@ -532,7 +527,6 @@ PYBIND11_MODULE(_core, m) {
                               py::object progress, bool peaks) {
         return blind_call(std::move(image), true, preset, threads, std::move(progress), peaks);
     }, "sw::denoise_blind: (output, report, estimate dict).");
-    m.attr("have_denoise") = true;
     m.def("to_type", &to_type_call, py::arg("values"), py::arg("type"),
           "Values as stored in a sample type (integers: halves to even, clipped to the range), "
           "as float64.");
@@ -546,10 +540,7 @@ PYBIND11_MODULE(_core, m) {
         if (r.empty()) return py::none();
         return py::str(r);
     }, "Why a rows x cols image needing that many bytes a pixel cannot be processed, or None.");
-#else
-    m.attr("have_denoise") = false;
-#endif
-#if defined(SHAPEWIENER_HAVE_IO) && defined(SHAPEWIENER_HAVE_DENOISE)
+#if defined(SHAPEWIENER_HAVE_IO)
     m.def("read_image", &read_image_call, py::arg("path"), py::arg("bytes_per_pixel") = 0,
           "Reads an image file as stored: (column-major float64 array, type name).");
     m.def("write_image", &write_image_call, py::arg("path"), py::arg("image"), py::arg("type"),
