@@ -35,14 +35,13 @@ Settings preset_settings(const std::string& name) {
         s.passes = 1;
         return s;
     }
-    // "best" is what measured best within 3x the default's time: so far the
-    // default itself (H = 9 took 6x as long and was no better; an interval
-    // half-width of 1.0 gained on Gaussian noise but lost more on white and
-    // line noise; a fourth pass gained nothing over three). See
-    // bench/RESULTS.md.
-    if (name == "best") return s;
+    // Nothing measured better than the default within 3x its time (H = 9
+    // took 6x as long and was no better; an interval half-width of 1.0
+    // gained on Gaussian noise but lost more on white and line noise; a
+    // fourth pass gained nothing over three; bench/RESULTS.md), so there is
+    // no slower preset.
     fail("shapewiener:options:preset",
-         "unknown preset '" + name + "'; the presets are fast, default and best.");
+         "unknown preset '" + name + "'; the presets are fast and default.");
 }
 
 swcaller::ShapeArguments adaptive_shapes(const double* image, uint32_t rows, uint32_t cols,
