@@ -141,9 +141,12 @@ double local_mean(const std::vector<double>& values, uint32_t rows, uint32_t col
 // pulls each shape's mean toward the working zero, out of the data's range
 // [lo, hi]: there the pixel takes the limit of the estimate as the noise
 // grows, the mean of the pass's input around it, which lies in [lo, hi]
-// with that input. Never the input itself.
+// with that input. Never the input itself. An estimate just outside [lo,
+// hi] (by at most `slack`: a few noise deviations, and less than half the
+// working range's margin) is an ordinary estimate of a value at the range's
+// end, as pixels at the data's minimum or maximum give: it is clipped.
 void settle(std::vector<double>& estimate, const std::vector<double>& input, uint32_t rows,
-            uint32_t cols, uint32_t reach, double lo, double hi) {
+            uint32_t cols, uint32_t reach, double lo, double hi, double slack) {
     const bool swamped =
         std::all_of(estimate.begin(), estimate.end(), [](double v) { return std::isnan(v); });
     for (uint32_t c = 0; c < cols; ++c) {
@@ -153,6 +156,10 @@ void settle(std::vector<double>& estimate, const std::vector<double>& input, uin
             double& v = estimate[p];
             if (std::isnan(v) && !swamped) {
                 v = input[p];
+            } else if (v < lo && v >= lo - slack) {
+                v = lo;
+            } else if (v > hi && v <= hi + slack) {
+                v = hi;
             } else if (!(v >= lo && v <= hi)) {
                 v = local_mean(input, rows, cols, reach, r, c);
             }
@@ -324,6 +331,10 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     sw::Plan& plan = shared != nullptr && shared->planned && shared->psd == psd ? shared->plan
                                                                               : own_plan;
     const double share = 0.9 / settings.passes;
+    // How far outside the data's range an estimate may come and still be
+    // taken as an estimate (see settle): 4 noise deviations, at most 0.05 of
+    // the working range (its margins are 0.1 wide).
+    const double slack = std::min(0.05, 4.0 * std::sqrt(std::max(0.0, r.variance())));
     for (int pass = 0; pass < settings.passes; ++pass) {
         const double begin = 0.1 + share * pass;
         static const char* const kPhases[] = {"pass 1", "pass 2", "pass 3", "pass 4"};
@@ -341,7 +352,7 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
         stage = phase;
         const uint32_t h = settings.adaptive ? settings.rule.lengths.back() : settings.square_scale;
         settle(estimate, pass == 0 ? noisy.pixels : previous, rows, cols, h - 1,
-               (lo - range.offset) / range.scale, (hi - range.offset) / range.scale);
+               (lo - range.offset) / range.scale, (hi - range.offset) / range.scale, slack);
         done.passes = pass + 1;
     }
     done.accepted_entries = static_cast<uint64_t>(done.passes) * rows * cols;
