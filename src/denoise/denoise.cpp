@@ -170,6 +170,26 @@ void check_tile(const sw::Image& image, const sw::TileFrame& tile) {
     }
 }
 
+// What a pass over the pixels on every step-th row and column of the frame
+// (origin row0, col0) does: its entries and key changes in list order.
+struct PassCount {
+    uint64_t entries = 0;
+    uint64_t key_changes = 0;
+};
+PassCount sparse_pass_count(const swcaller::ProcessingList& list, uint32_t rows, uint32_t row0,
+                            uint32_t col0, uint32_t step) {
+    PassCount n;
+    int32_t previous = 0;
+    for (size_t i = 0; i < list.pixels.size(); ++i) {
+        const uint32_t q = static_cast<uint32_t>(list.pixels[i]) - 1;
+        if ((q % rows + row0) % step != 0 || (q / rows + col0) % step != 0) continue;
+        n.key_changes += n.entries == 0 || list.keys[i] != previous;
+        previous = list.keys[i];
+        ++n.entries;
+    }
+    return n;
+}
+
 // Reports progress and honours a cancel request.
 class ProgressSink {
 public:
@@ -296,6 +316,15 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     sw::FilterCall planned = arrays.call(noisy_copy.data(), pilot.data(), rows, cols, first_factor);
     if (tiled) planned.frame = {tile.rows, tile.cols, tile.row0, tile.col0};
     sw::Plan plan = plan_passes(planned, settings.passes);
+    // A sparse first pass numbers its key changes differently: a plan of
+    // its own, which keeps no levels.
+    const bool sparse_pilot = settings.passes > 1 && settings.pilot_step > 1;
+    sw::Plan pilot_plan;
+    if (sparse_pilot) {
+        sw::FilterCall sparse = planned;
+        sparse.entry_step = settings.pilot_step;
+        pilot_plan = plan_passes(sparse, 1);
+    }
     const double share = 0.9 / settings.passes;
     for (int pass = 0; pass < settings.passes; ++pass) {
         const double begin = 0.1 + share * pass;
@@ -306,7 +335,8 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
         noisy_copy = noisy.pixels;
         pilot = pass == 0 ? noisy.pixels : estimate;
         if (pass > 0) previous = estimate;
-        run_pass(plan, noisy_copy.data(), pilot.data(), pass == 0 ? first_factor : second_factor,
+        run_pass(pass == 0 && sparse_pilot ? pilot_plan : plan, noisy_copy.data(), pilot.data(),
+                 pass == 0 ? first_factor : second_factor,
                  planned.frame, estimate.data(), threads, [&](double fraction) {
                      return !progress || progress(begin + share * fraction, phase);
                  });
@@ -319,6 +349,12 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     }
     done.accepted_entries = static_cast<uint64_t>(done.passes) * rows * cols;
     done.key_changes = static_cast<uint64_t>(done.passes) * shapes.list.key_changes;
+    if (sparse_pilot) {
+        const PassCount first = sparse_pass_count(shapes.list, rows, planned.frame.row0,
+                                                  planned.frame.col0, settings.pilot_step);
+        done.accepted_entries -= uint64_t{rows} * cols - first.entries;
+        done.key_changes -= shapes.list.key_changes - first.key_changes;
+    }
 
     sw::Image out;
     out.rows = rows;

@@ -51,6 +51,9 @@ Error serial_filter(const FilterCall& call, double* output, const RunOptions& op
     const uint32_t n = round_to_unsigned(call.dft_size);
     const uint32_t l = static_cast<uint32_t>(call.scale_set.dims.elements());
     const uint32_t coverage_threshold = round_to_unsigned(call.coverage_threshold);
+    const uint32_t step = call.entry_step;
+    const uint32_t row0 = call.frame.rows > 0 ? call.frame.row0 : 0;
+    const uint32_t col0 = call.frame.rows > 0 ? call.frame.col0 : 0;
     const uint32_t pixel_count = m * k;
     const int32_t* processing_pixels = call.processing_list.data;
     const int32_t* processing_keys = processing_pixels + pixel_count;
@@ -106,6 +109,7 @@ Error serial_filter(const FilterCall& call, double* output, const RunOptions& op
         const uint32_t col = q / m;
         const uint32_t row = q - col * m;
         if (cs.coverage_count[q] > coverage_threshold) continue;
+        if (step > 1 && ((row + row0) % step != 0 || (col + col0) % step != 0)) continue;
 
         SW_PHASE_MARK(kPhaseShape);
         const ClippedBox clip = clipped_box(row, col, m, k, big_h);
