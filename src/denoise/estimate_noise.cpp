@@ -171,10 +171,8 @@ std::vector<double> box_mean(const std::vector<double>& grid, uint32_t b, uint32
 // frequencies above kLowRadius, and for those below the larger of it and
 // their own); a frequency whose excess lies within sampling error keeps
 // its estimate.
-// Natural images' excess is larger at low frequencies than at high ones,
-// so a taken from the largest ratio errs towards keeping the estimate; a
-// stationary near-Gaussian texture, which the flattest blocks read as
-// noise, has a small, even excess, and is capped.
+// A stationary near-Gaussian texture, which the flattest blocks read as
+// noise, has a small excess, about even over frequency, and is capped.
 const uint32_t kCumulantReach = 2;  // smoothing over 5 x 5 frequencies
 // A smoothed excess is significant above this multiple of its standard
 // error (taken as if the neighbouring frequencies were independent; the
@@ -183,6 +181,11 @@ const uint32_t kCumulantReach = 2;  // smoothing over 5 x 5 frequencies
 // 32 x 32 grid reach about 3.3 times the true spread).
 const double kCumulantSignificance = 4.5;
 const double kLowRadius = 0.08;  // cycles per pixel
+// The cap applies only where the largest ratio stays below this: an image
+// whose excess is larger somewhere (edges, objects on a flat ground) has
+// it vary over frequency too much for one value of a, and the cap would
+// take noise for image where its excess runs above that value.
+const double kCumulantMaxRatio = 2.0;
 // The cap lowers a frequency's estimate by at most this factor: where a
 // strongly peaked image part lies under stronger noise, the largest ratio
 // underrates its excess, and the cap would take too much.
@@ -251,6 +254,7 @@ void cap_by_cumulant(const std::vector<double>& periodograms, size_t n_blocks, u
             a_high = std::max(a_high, ratio);
         }
     }
+    if (!(a_high < kCumulantMaxRatio)) return;
     a_low = std::max(a_low, a_high);
     for (size_t f = 1; f < bins; ++f) {
         const double a = low[f] ? a_low : a_high;
