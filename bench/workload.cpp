@@ -1,13 +1,11 @@
 #include "workload.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <utility>
 
 #include "caller/coloured_noise.h"
 #include "io/image_io.h"
-#include "mex/gateway.h"
 
 namespace swbench {
 
@@ -43,37 +41,23 @@ Workload crop_workload(const Workload& full, uint32_t side, uint32_t h) {
     return w;
 }
 
-swcaller::PassSettings first_pass_settings() {
-    swcaller::PassSettings s;
-    s.wiener_variance_factor = swcaller::kFirstPassFactor;
+swtest::PassSettings first_pass_settings() {
+    swtest::PassSettings s;
+    s.wiener_variance_factor = swtest::kFirstPassFactor;
     return s;
 }
 
-swcaller::PassSettings second_pass_settings() {
-    swcaller::PassSettings s;
-    s.wiener_variance_factor = swcaller::kSecondPassFactor;
+swtest::PassSettings second_pass_settings() {
+    swtest::PassSettings s;
+    s.wiener_variance_factor = swtest::kSecondPassFactor;
     return s;
 }
 
-TimedCall time_call(swcaller::ModuleCall& call, swcaller::ModuleCall::Entry entry,
+TimedCall time_call(swtest::ModuleCall& call, swtest::ModuleCall::Entry entry,
                     uint32_t general_h) {
-    call.restore_images();
-    mxArray* plhs[1] = {nullptr};
-    const auto start = std::chrono::steady_clock::now();
-    if (entry != nullptr) {
-        entry(1, plhs, call.nrhs(), const_cast<const mxArray**>(call.prhs()));
-    } else {
-        sw::mex_run_general(plhs, call.prhs(), general_h);
-    }
-    const auto stop = std::chrono::steady_clock::now();
-    mx_host::ArrayPtr out(plhs[0]);
     TimedCall t;
-    t.seconds = std::chrono::duration<double>(stop - start).count();
-    t.output = swcaller::Image(static_cast<uint32_t>(mxGetM(out.get())),
-                               static_cast<uint32_t>(mxGetN(out.get())));
-    if (t.output.size() > 0) {
-        std::memcpy(t.output.pixels.data(), mxGetPr(out.get()), sizeof(double) * t.output.size());
-    }
+    t.output = entry != nullptr ? call.run_with(entry) : call.run_general(general_h);
+    t.seconds = call.seconds();
     return t;
 }
 

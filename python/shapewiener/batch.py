@@ -199,7 +199,7 @@ def main(argv=None):
                         "estimated per image")
     p.add_argument("--kernel", help=".npy file: the noise's colouring kernel (with --sigma)")
     p.add_argument("--psd", help=".npy file: the noise power spectrum (instead of --sigma)")
-    p.add_argument("--preset", default="default", choices=["fast", "default", "best"])
+    p.add_argument("--preset", default="default", choices=["fast", "default"])
     p.add_argument("--threads", type=_count(0), default=1,
                    help="library threads per image (default 1)")
     p.add_argument("--scheduler", help="address of a running Dask scheduler (default: a local "
