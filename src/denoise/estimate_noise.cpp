@@ -159,6 +159,11 @@ const double kLowRadius = 0.08;  // cycles per pixel
 // it vary over frequency too much for one value of a, and the cap would
 // take noise for image where its excess runs above that value.
 const double kCumulantMaxRatio = 2.0;
+// ... and only where the excess is significant on at least this share of
+// the frequencies above kLowRadius: a texture fills the spectrum, while an
+// image that shows its excess on a few frequencies alone lies under
+// stronger noise everywhere else, and its largest ratio underrates it.
+const double kCumulantMinShare = 0.2;
 // The cap lowers a frequency's estimate by at most this factor: where a
 // strongly peaked image part lies under stronger noise, the largest ratio
 // underrates its excess, and the cap would take too much.
@@ -212,6 +217,8 @@ void cap_by_cumulant(const std::vector<double>& periodograms, size_t n_blocks, u
     std::vector<char> low(bins, 0);
     double a_high = 0.0;
     double a_low = 0.0;
+    size_t high_cells = 0;
+    size_t high_significant = 0;
     for (size_t f = 1; f < bins; ++f) {
         const uint32_t u = static_cast<uint32_t>(f % b);
         const uint32_t v = static_cast<uint32_t>(f / b);
@@ -219,6 +226,10 @@ void cap_by_cumulant(const std::vector<double>& periodograms, size_t n_blocks, u
         const double fv = static_cast<double>(std::min(v, b - v)) / b;
         low[f] = std::sqrt(fu * fu + fv * fv) <= kLowRadius;
         if (c4s[f] > kCumulantSignificance * std::sqrt(variances[f] / cells)) root[f] = std::sqrt(c4s[f]);
+        if (!low[f]) {
+            high_cells += 1;
+            high_significant += root[f] > 0.0 ? 1 : 0;
+        }
         if (!(m2s[f] > 0.0)) continue;
         const double ratio = root[f] / m2s[f];
         if (low[f]) {
@@ -227,7 +238,10 @@ void cap_by_cumulant(const std::vector<double>& periodograms, size_t n_blocks, u
             a_high = std::max(a_high, ratio);
         }
     }
-    if (!(a_high < kCumulantMaxRatio)) return;
+    if (!(a_high < kCumulantMaxRatio) ||
+        static_cast<double>(high_significant) < kCumulantMinShare * static_cast<double>(high_cells)) {
+        return;
+    }
     a_low = std::max(a_low, a_high);
     for (size_t f = 1; f < bins; ++f) {
         const double a = low[f] ? a_low : a_high;
