@@ -1,6 +1,7 @@
 // PSNR of denoiser settings on the cases bench/denoise_cases.py writes.
 // Usage: shapewiener_denoise_variants VARIANTS IMAGES KINDS DIR (comma-separated lists;
-// variants: default, fast, best, weighted, nonorm, g1.0, g1.6, p3, p3f1).
+// variants: default, fast, best, weighted, nonorm, g1.0, g1.6, p3, p3f1, p4, p3f3, psN: a first
+// pass on every N-th row and column, ps1 on every pixel).
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -33,6 +34,7 @@ swdenoise::Settings variant(const std::string& v) {
     if (v == "p3") s.passes = 3;
     if (v == "p3f1") { s.passes = 3; s.second_factor = 1.0; s.second_factor_white = 1.0; }
     if (v == "p4") s.passes = 4;
+    if (v.rfind("ps", 0) == 0) s.pilot_step = static_cast<uint32_t>(std::stoul(v.substr(2)));
     if (v == "p3f3") { s.passes = 3; s.second_factor = 3.0; s.second_factor_white = 2.0; }
     return s;
 }

@@ -140,6 +140,12 @@ struct FilterCall {
         uint32_t row0 = 0;
         uint32_t col0 = 0;
     } frame;
+    // Not an argument of the module: a sparse pass (a pilot that only needs
+    // to be good enough). With entry_step s > 1 an entry is processed only
+    // where its pixel's row and column in the frame are both multiples of
+    // s; the other entries are skipped as the coverage test skips them.
+    // Pixels no processed shape covers get NaN. 1: every entry.
+    uint32_t entry_step = 1;
 };
 
 // What went wrong. Each code is one <reason> of the identifier

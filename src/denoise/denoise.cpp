@@ -183,6 +183,26 @@ void check_tile(const sw::Image& image, const sw::TileFrame& tile) {
     }
 }
 
+// What a pass over the pixels on every step-th row and column of the frame
+// (origin row0, col0) does: its entries and key changes in list order.
+struct PassCount {
+    uint64_t entries = 0;
+    uint64_t key_changes = 0;
+};
+PassCount sparse_pass_count(const swcaller::ProcessingList& list, uint32_t rows, uint32_t row0,
+                            uint32_t col0, uint32_t step) {
+    PassCount n;
+    int32_t previous = 0;
+    for (size_t i = 0; i < list.pixels.size(); ++i) {
+        const uint32_t q = static_cast<uint32_t>(list.pixels[i]) - 1;
+        if ((q % rows + row0) % step != 0 || (q / rows + col0) % step != 0) continue;
+        n.key_changes += n.entries == 0 || list.keys[i] != previous;
+        previous = list.keys[i];
+        ++n.entries;
+    }
+    return n;
+}
+
 // Reports progress and honours a cancel request.
 class ProgressSink {
 public:
@@ -330,6 +350,18 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     }
     sw::Plan& plan = shared != nullptr && shared->planned && shared->psd == psd ? shared->plan
                                                                               : own_plan;
+    // A sparse first pass numbers its key changes differently: a plan of
+    // its own, which keeps no levels.
+    const bool sparse_pilot = settings.passes > 1 && settings.pilot_step > 1;
+    sw::Plan pilot_plan;
+    if (sparse_pilot) {
+        const CallArrays& arrays = own_arrays ? *own_arrays : *shared->arrays;
+        sw::FilterCall sparse =
+            arrays.call(noisy_copy.data(), pilot.data(), rows, cols, first_factor);
+        sparse.frame = frame;
+        sparse.entry_step = settings.pilot_step;
+        pilot_plan = plan_passes(sparse, 1);
+    }
     const double share = 0.9 / settings.passes;
     // How far outside the data's range an estimate may come and still be
     // taken as an estimate (see settle): 4 noise deviations, at most 0.05 of
@@ -344,7 +376,8 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
         noisy_copy = noisy.pixels;
         pilot = pass == 0 ? noisy.pixels : estimate;
         if (pass > 0) previous = estimate;
-        run_pass(plan, noisy_copy.data(), pilot.data(), pass == 0 ? first_factor : second_factor,
+        run_pass(pass == 0 && sparse_pilot ? pilot_plan : plan, noisy_copy.data(), pilot.data(),
+                 pass == 0 ? first_factor : second_factor,
                  frame, estimate.data(), threads, [&](double fraction) {
                      return !progress || progress(begin + share * fraction, phase);
                  });
@@ -357,6 +390,12 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     }
     done.accepted_entries = static_cast<uint64_t>(done.passes) * rows * cols;
     done.key_changes = static_cast<uint64_t>(done.passes) * shapes.list.key_changes;
+    if (sparse_pilot) {
+        const PassCount first =
+            sparse_pass_count(shapes.list, rows, frame.row0, frame.col0, settings.pilot_step);
+        done.accepted_entries -= uint64_t{rows} * cols - first.entries;
+        done.key_changes -= shapes.list.key_changes - first.key_changes;
+    }
 
     sw::Image out;
     out.rows = rows;

@@ -117,6 +117,142 @@ std::vector<double> median5(const std::vector<double>& grid, uint32_t b) {
     return out;
 }
 
+// Mean of the (2 reach + 1)^2 periodic neighbourhood of every value of a
+// b x b grid.
+std::vector<double> box_mean(const std::vector<double>& grid, uint32_t b, uint32_t reach) {
+    std::vector<double> out(grid.size());
+    const uint32_t span = 2 * reach + 1;
+    for (uint32_t v = 0; v < b; ++v) {
+        for (uint32_t u = 0; u < b; ++u) {
+            double sum = 0.0;
+            for (uint32_t dv = 0; dv < span; ++dv)
+                for (uint32_t du = 0; du < span; ++du)
+                    sum += grid[(u + b + du - reach) % b + static_cast<size_t>(b) * ((v + b + dv - reach) % b)];
+            out[u + static_cast<size_t>(b) * v] = sum / (span * span);
+        }
+    }
+    return out;
+}
+
+// Texture against noise. A noise coefficient is Gaussian, so its fourth
+// cumulant is zero: over all blocks, a frequency's excess
+// c4 = mean(P^2) - 2 mean(P)^2 (3 instead of 2 where the coefficient is
+// real) is the image's alone, whatever noise is added. Where the image's
+// coefficients have the normalised excess a (sqrt(c4) over their mean
+// power), their power is sqrt(c4) / a and the noise's at most
+// mean(P) - sqrt(c4) / a. The largest ratio sqrt(c4) / mean(P) seen,
+// reached where the image dominates, stands for a (one value for the
+// frequencies above kLowRadius, and for those below the larger of it and
+// their own); a frequency whose excess lies within sampling error keeps
+// its estimate.
+// A stationary near-Gaussian texture, which the flattest blocks read as
+// noise, has a small excess, about even over frequency, and is capped.
+const uint32_t kCumulantReach = 2;  // smoothing over 5 x 5 frequencies
+// A smoothed excess is significant above this multiple of its standard
+// error (taken as if the neighbouring frequencies were independent; the
+// overlap of the blocks and the window make the true spread about 1.4
+// times that on pure noise of any spectrum, and its largest values over a
+// 32 x 32 grid reach about 3.3 times the true spread).
+const double kCumulantSignificance = 4.5;
+const double kLowRadius = 0.08;  // cycles per pixel
+// The cap applies only where the largest ratio stays below this: an image
+// whose excess is larger somewhere (edges, objects on a flat ground) has
+// it vary over frequency too much for one value of a, and the cap would
+// take noise for image where its excess runs above that value.
+const double kCumulantMaxRatio = 2.0;
+// ... and only where the excess is significant on at least this share of
+// the frequencies above kLowRadius: a texture fills the spectrum, while an
+// image that shows its excess on a few frequencies alone lies under
+// stronger noise everywhere else, and its largest ratio underrates it.
+const double kCumulantMinShare = 0.2;
+// The cap lowers a frequency's estimate by at most this factor: where a
+// strongly peaked image part lies under stronger noise, the largest ratio
+// underrates its excess, and the cap would take too much.
+const double kCumulantMaxCut = 4.0;
+
+void cap_by_cumulant(const std::vector<double>& periodograms, size_t n_blocks, uint32_t b,
+                     std::vector<double>* spectrum) {
+    const size_t bins = static_cast<size_t>(b) * b;
+    const double n = static_cast<double>(n_blocks);
+    std::vector<double> m2(bins, 0.0);
+    std::vector<double> m4(bins, 0.0);
+    for (size_t i = 0; i < n_blocks; ++i) {
+        const double* p = periodograms.data() + i * bins;
+        for (size_t f = 0; f < bins; ++f) {
+            m2[f] += p[f];
+            m4[f] += p[f] * p[f];
+        }
+    }
+    std::vector<double> factor(bins);
+    std::vector<double> c4(bins);
+    for (size_t f = 0; f < bins; ++f) {
+        m2[f] /= n;
+        m4[f] /= n;
+        const uint32_t u = static_cast<uint32_t>(f % b);
+        const uint32_t v = static_cast<uint32_t>(f / b);
+        factor[f] = (u == 0 || 2 * u == b) && (v == 0 || 2 * v == b) ? 3.0 : 2.0;
+        c4[f] = m4[f] - factor[f] * m2[f] * m2[f];
+    }
+    // The excess's sampling variance: that of its per-block influence
+    // P^2 - 2 factor mean(P) P, over the number of blocks.
+    std::vector<double> g1(bins, 0.0);
+    std::vector<double> g2(bins, 0.0);
+    for (size_t i = 0; i < n_blocks; ++i) {
+        const double* p = periodograms.data() + i * bins;
+        for (size_t f = 0; f < bins; ++f) {
+            const double g = p[f] * p[f] - 2.0 * factor[f] * m2[f] * p[f];
+            g1[f] += g;
+            g2[f] += g * g;
+        }
+    }
+    std::vector<double> variance(bins);
+    for (size_t f = 0; f < bins; ++f) {
+        const double mean = g1[f] / n;
+        variance[f] = std::max(g2[f] / n - mean * mean, 0.0) / n;
+    }
+    const double cells = static_cast<double>((2 * kCumulantReach + 1) * (2 * kCumulantReach + 1));
+    const std::vector<double> c4s = box_mean(c4, b, kCumulantReach);
+    const std::vector<double> m2s = box_mean(m2, b, kCumulantReach);
+    const std::vector<double> variances = box_mean(variance, b, kCumulantReach);
+    std::vector<double> root(bins, 0.0);  // sqrt(c4) where significant
+    std::vector<char> low(bins, 0);
+    double a_high = 0.0;
+    double a_low = 0.0;
+    size_t high_cells = 0;
+    size_t high_significant = 0;
+    for (size_t f = 1; f < bins; ++f) {
+        const uint32_t u = static_cast<uint32_t>(f % b);
+        const uint32_t v = static_cast<uint32_t>(f / b);
+        const double fu = static_cast<double>(std::min(u, b - u)) / b;
+        const double fv = static_cast<double>(std::min(v, b - v)) / b;
+        low[f] = std::sqrt(fu * fu + fv * fv) <= kLowRadius;
+        if (c4s[f] > kCumulantSignificance * std::sqrt(variances[f] / cells)) root[f] = std::sqrt(c4s[f]);
+        if (!low[f]) {
+            high_cells += 1;
+            high_significant += root[f] > 0.0 ? 1 : 0;
+        }
+        if (!(m2s[f] > 0.0)) continue;
+        const double ratio = root[f] / m2s[f];
+        if (low[f]) {
+            a_low = std::max(a_low, ratio);
+        } else {
+            a_high = std::max(a_high, ratio);
+        }
+    }
+    if (!(a_high < kCumulantMaxRatio) ||
+        static_cast<double>(high_significant) < kCumulantMinShare * static_cast<double>(high_cells)) {
+        return;
+    }
+    a_low = std::max(a_low, a_high);
+    for (size_t f = 1; f < bins; ++f) {
+        const double a = low[f] ? a_low : a_high;
+        if (root[f] > 0.0 && a > 0.0) {
+            const double cap = std::max(m2s[f] - root[f] / a, (*spectrum)[f] / kCumulantMaxCut);
+            (*spectrum)[f] = std::min((*spectrum)[f], cap);
+        }
+    }
+}
+
 // The cell of the b-point grid that full-size index i of n belongs to
 // (cells centred on the grid's frequencies).
 uint32_t cell_of(uint32_t i, uint32_t n, uint32_t b) {
@@ -430,6 +566,7 @@ NoiseEstimate estimate_noise(const Image& image, const NoiseEstimateOptions& opt
     }
     const double scale = 1.0 / (static_cast<double>(chosen) * swdenoise::kChoiceBias);
     for (double& v : spectrum) v *= scale;
+    swdenoise::cap_by_cumulant(periodograms, n_blocks, b, &spectrum);
     // Removing each block's plane empties DC: take its neighbours'.
     spectrum[0] = 0.25 * (spectrum[1] + spectrum[b - 1] + spectrum[b] + spectrum[bins - b]);
     report(0.9);

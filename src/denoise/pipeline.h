@@ -33,6 +33,10 @@ struct Settings {
     double second_factor = 2.0;
     double first_factor_white = 9.0;
     double second_factor_white = 1.5;
+    // The first pass's estimate is only the second's pilot: it processes
+    // the pixels on every pilot_step-th row and column (of the frame) and
+    // leaves the rest to their neighbours' shapes. 1: every pixel.
+    uint32_t pilot_step = 2;
     // Map the image affinely onto [0, 1] before filtering (see denoise.h);
     // off: filter the values as they are.
     bool normalise_range = true;

@@ -42,6 +42,9 @@ Error serial_filter(const FilterCall& call, double* output, const RunOptions& op
     const uint32_t w = Box<HC>{h}.W();
     const uint32_t l = static_cast<uint32_t>(call.scale_set.dims.elements());
     const uint32_t coverage_threshold = round_to_unsigned(call.coverage_threshold);
+    const uint32_t step = call.entry_step;
+    const uint32_t row0 = call.frame.rows > 0 ? call.frame.row0 : 0;
+    const uint32_t col0 = call.frame.rows > 0 ? call.frame.col0 : 0;
     const uint32_t pixel_count = m * k;
     const int32_t* processing_pixels = call.processing_list.data;
     const int32_t* processing_keys = processing_pixels + pixel_count;
@@ -75,6 +78,7 @@ Error serial_filter(const FilterCall& call, double* output, const RunOptions& op
         }
         const uint32_t q = static_cast<uint32_t>(processing_pixels[i]) - 1;
         if (cs.coverage_count[q] > coverage_threshold) continue;
+        if (step > 1 && ((q % m + row0) % step != 0 || (q / m + col0) % step != 0)) continue;
 
         SW_PHASE_MARK(kPhaseShape);
         const int32_t key = processing_keys[i];

@@ -128,6 +128,9 @@ public:
           threshold_(round_to_unsigned(call.coverage_threshold)),
           // A 16-bit count never exceeds 65535: no entry is ever skipped.
           skipping_(threshold_ < 65535),
+          step_(call.entry_step),
+          row0_(call.frame.rows > 0 ? call.frame.row0 : 0),
+          col0_(call.frame.rows > 0 ? call.frame.col0 : 0),
           threads_(threads),
           store_(store) {}
 
@@ -260,6 +263,7 @@ private:
             if (skipping_ && cs.coverage_count[q] > threshold_) continue;
             const uint32_t col = q / m_;
             const uint32_t row = q - col * m_;
+            if (step_ > 1 && ((row + row0_) % step_ != 0 || (col + col0_) % step_ != 0)) continue;
             const ClippedBox clip = clipped_box(row, col, m_, k_, box_.H());
             const uint64_t area = uint64_t{clip.r1 - clip.r0 + 1} * (clip.c1 - clip.c0 + 1);
             const int32_t key = keys[list_at_];
@@ -433,6 +437,9 @@ private:
     const ChunkLimits limits_;
     const uint32_t threshold_;
     const bool skipping_;
+    const uint32_t step_;
+    const uint32_t row0_;
+    const uint32_t col0_;
     const unsigned threads_;
     LevelStore* const store_;
 
