@@ -85,8 +85,8 @@ void run(const Options& o) {
     const swbench::Workload full = swbench::make_workload(o.input, 4);
     const swbench::Workload w = swbench::crop_workload(full, o.side == 0 ? UINT32_MAX : o.side, h);
     const swcaller::Image pilot =
-        swcaller::filter_pass(w.shapes, w.psd, w.noisy, w.noisy, swbench::first_pass_settings());
-    swcaller::ModuleCall call(w.shapes, w.psd, w.noisy, pilot, swbench::second_pass_settings());
+        swtest::filter_pass(w.shapes, w.psd, w.noisy, w.noisy, swbench::first_pass_settings());
+    swtest::ModuleCall call(w.shapes, w.psd, w.noisy, pilot, swbench::second_pass_settings());
 
     if (o.checksum_only) {
         uint64_t sum = 0;
@@ -105,7 +105,7 @@ void run(const Options& o) {
     std::printf("          fixed %u x %u squares (H = %u), spectrum grid %u, never skip.\n",
                 2 * h - 1, 2 * h - 1, h, swcaller::kSpectrumGrid);
     std::printf("Call:     pass 2 (PilotImage = pass-1 output, WienerVarianceFactor %g).\n\n",
-                swcaller::kSecondPassFactor);
+                swtest::kSecondPassFactor);
 
     // One call, repeated.
     std::vector<double> times;
@@ -151,14 +151,14 @@ void run(const Options& o) {
     std::printf("Size-specialised variants against the general path\n");
     std::printf("  centred %u x %u crop, pass-1 settings (pilot = noisy, factor %g), squares of\n",
                 std::min(o.crop, full.clean.rows), std::min(o.crop, full.clean.cols),
-                swcaller::kFirstPassFactor);
+                swtest::kFirstPassFactor);
     std::printf("  side 2H-1, best of %u each, runs alternating; no validation in either.\n\n",
                 o.variant_reps);
     std::printf("   H   keys   variant (s)   general (s)   general/variant   bit-identical\n");
     for (uint32_t hv = 4; hv <= 11; ++hv) {
         const swbench::Workload c = swbench::crop_workload(full, o.crop, hv);
-        swcaller::ModuleCall crop_call(c.shapes, c.psd, c.noisy, c.noisy, swbench::first_pass_settings());
-        const swcaller::ModuleCall::Entry variant = sw::variant_for(hv);
+        swtest::ModuleCall crop_call(c.shapes, c.psd, c.noisy, c.noisy, swbench::first_pass_settings());
+        const swtest::ModuleCall::Entry variant = sw::variant_for(hv);
         double best_variant = 1e300;
         double best_general = 1e300;
         bool identical = true;

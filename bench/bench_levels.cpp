@@ -19,7 +19,6 @@
 #include <string>
 #include <vector>
 
-#include "adaptive_workload.h"
 #include "driver/box.h"
 #include "shapewiener/filter.h"
 #include "shape/gather.h"
@@ -27,6 +26,7 @@
 #include "simd/simd.h"
 #include "spectrum/levels_fast.h"
 #include "spectrum/noise_level.h"
+#include "support/shared_workload.h"
 #include "transform/shape_transform.h"
 #include "transform/transform_fast.h"
 
@@ -72,35 +72,32 @@ struct Sample {
     uint64_t spectra = 0;
 };
 
-Sample sample_shapes(const swbench::AdaptiveWorkload& wl, uint32_t stride) {
-    const mxArray* const* prhs = wl.prhs();
+Sample sample_shapes(const swtest::SharedWorkload& wl, uint32_t stride) {
+    const swtest::CallPlan& call = wl.plan();
     Sample s;
     s.h = wl.h();
     s.w = 2 * s.h - 1;
     const uint32_t w = s.w;
     const sw::RuntimeBox box{s.h};
-    const uint32_t m = static_cast<uint32_t>(mxGetM(prhs[8]));
-    const uint32_t k = static_cast<uint32_t>(mxGetN(prhs[8]));
-    const double* image = mxGetPr(prhs[8]);
-    const uint8_t* dsm = static_cast<const uint8_t*>(mxGetData(prhs[1]));
+    const uint32_t m = call.m;
+    const uint32_t k = call.k;
+    const double* image = call.noisy.data();
+    const uint8_t* dsm = call.direction_scale_map.data();
     std::vector<uint32_t> rounded;
-    for (size_t i = 0; i < mxGetNumberOfElements(prhs[0]); ++i) {
-        rounded.push_back(sw::round_to_unsigned(mxGetPr(prhs[0])[i]));
-    }
-    for (uint32_t i = 0; i < w; ++i) s.table.push_back(mxGetPr(mxGetCell(prhs[2], i)));
-    s.psd = mxGetPr(prhs[7]);
-    const auto* list = static_cast<const int32_t*>(mxGetData(prhs[9]));
+    for (double v : call.scale_set) rounded.push_back(sw::round_to_unsigned(v));
+    for (uint32_t i = 0; i < w; ++i) s.table.push_back(call.transforms[i].data());
+    s.psd = call.psd.data();
     const uint32_t count = m * k;
     int32_t previous = 0;
     uint32_t changes = 0;
     bool taking = false;
     for (uint32_t i = 0; i < count; ++i) {
-        const int32_t key = list[count + i];
+        const int32_t key = call.keys[i];
         const bool key_change = i == 0 || key != previous;
         previous = key;
         if (key_change) taking = changes++ % stride == 0;
         if (!taking) continue;
-        const uint32_t q = static_cast<uint32_t>(list[i]) - 1;
+        const uint32_t q = static_cast<uint32_t>(call.pixels[i]) - 1;
         const uint32_t col = q / m, row = q - col * m;
         uint32_t scales[8];
         Entry e;
@@ -108,8 +105,7 @@ Sample sample_shapes(const swbench::AdaptiveWorkload& wl, uint32_t stride) {
         sw::shape_parameters(dsm, q, count, rounded.data(), scales, &e.by_columns);
         const uint8_t* masks[8];
         for (uint32_t d = 0; d < 8; ++d) {
-            const mxArray* cell = mxGetCell(prhs[3], sw::sector_cell_index(d, scales, s.h));
-            masks[d] = static_cast<const uint8_t*>(mxGetData(cell));
+            masks[d] = call.sector_masks[sw::sector_cell_index(d, scales, s.h)].data();
         }
         const sw::ClippedBox clip = sw::clipped_box(row, col, m, k, s.h);
         e.mask.assign(w * w, 0);
@@ -254,7 +250,7 @@ std::vector<Level> levels_to_run() {
     return out;
 }
 
-int bench_shapes(const swbench::AdaptiveWorkload& wl, std::vector<Level> levels, uint32_t stride,
+int bench_shapes(const swtest::SharedWorkload& wl, std::vector<Level> levels, uint32_t stride,
                  uint32_t reps) {
     const Sample s = sample_shapes(wl, stride);
     size_t shapes = 0;
@@ -286,20 +282,19 @@ int bench_shapes(const swbench::AdaptiveWorkload& wl, std::vector<Level> levels,
     return identical ? 0 : 1;
 }
 
-extern "C" void mexFunction(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]);
-
-int bench_pass(swbench::AdaptiveWorkload& wl, const std::vector<Level>& levels, uint32_t reps) {
+int bench_pass(const swtest::SharedWorkload& wl, const std::vector<Level>& levels, uint32_t reps) {
     std::printf("H = %u: whole module calls, one thread, best of %u\n", wl.h(), reps);
     std::vector<double> best(levels.size(), 0.0);
     std::vector<bool> match(levels.size(), true);
     for (uint32_t r = 0; r < reps; ++r) {
         for (size_t i = 0; i < levels.size(); ++i) {
             sw::simd::set_level(levels[i]);
+            swtest::MexCall call = swtest::make_call(wl.plan());
             const auto start = Clock::now();
-            const std::vector<double> out = wl.run(mexFunction);
+            call.run();
             const double t = seconds_since(start);
             if (r == 0 || t < best[i]) best[i] = t;
-            match[i] = match[i] && swbench::sha256_hex(out) == wl.expected_sha256();
+            match[i] = match[i] && swtest::output_sha256(call.output()) == wl.expected_sha256();
         }
     }
     bool all = true;
@@ -361,7 +356,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     try {
-        swbench::AdaptiveWorkload wl(folder);
+        const swtest::SharedWorkload wl(folder);
         if (pass) {
             // One thread: the times are the calling thread's CPU time.
             setenv("SHAPEWIENER_THREADS", "1", 1);

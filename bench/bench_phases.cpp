@@ -68,8 +68,8 @@ int run(const std::string& input, uint32_t h, uint32_t side) {
     const swbench::Workload w = swbench::crop_workload(swbench::make_workload(input, 4),
                                                        side == 0 ? UINT32_MAX : side, h);
     const swcaller::Image pilot =
-        swcaller::filter_pass(w.shapes, w.psd, w.noisy, w.noisy, swbench::first_pass_settings());
-    swcaller::ModuleCall call(w.shapes, w.psd, w.noisy, pilot, swbench::second_pass_settings());
+        swtest::filter_pass(w.shapes, w.psd, w.noisy, w.noisy, swbench::first_pass_settings());
+    swtest::ModuleCall call(w.shapes, w.psd, w.noisy, pilot, swbench::second_pass_settings());
 
     // The fastest of a few runs, with its own phase split.
     const uint32_t reps = 3;
@@ -104,7 +104,7 @@ int run(const std::string& input, uint32_t h, uint32_t side) {
     std::printf("          fixed %u x %u squares (H = %u), spectrum grid %u, never skip.\n",
                 2 * h - 1, 2 * h - 1, h, swcaller::kSpectrumGrid);
     std::printf("Call:     pass 2 (PilotImage = pass-1 output, WienerVarianceFactor %g),\n",
-                swcaller::kSecondPassFactor);
+                swtest::kSecondPassFactor);
     std::printf("          profiling build of the core (phase marks).\n\n");
     std::printf("  phase                 time (ms)    share      marks\n");
     for (const Row& r : rows) {

@@ -43,19 +43,19 @@ Workload crop_workload(const Workload& full, uint32_t side, uint32_t h) {
     return w;
 }
 
-swcaller::PassSettings first_pass_settings() {
-    swcaller::PassSettings s;
-    s.wiener_variance_factor = swcaller::kFirstPassFactor;
+swtest::PassSettings first_pass_settings() {
+    swtest::PassSettings s;
+    s.wiener_variance_factor = swtest::kFirstPassFactor;
     return s;
 }
 
-swcaller::PassSettings second_pass_settings() {
-    swcaller::PassSettings s;
-    s.wiener_variance_factor = swcaller::kSecondPassFactor;
+swtest::PassSettings second_pass_settings() {
+    swtest::PassSettings s;
+    s.wiener_variance_factor = swtest::kSecondPassFactor;
     return s;
 }
 
-TimedCall time_call(swcaller::ModuleCall& call, swcaller::ModuleCall::Entry entry,
+TimedCall time_call(swtest::ModuleCall& call, swtest::ModuleCall::Entry entry,
                     uint32_t general_h) {
     call.restore_images();
     mxArray* plhs[1] = {nullptr};

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "caller/image.h"
-#include "caller/module_call.h"
+#include "support/module_call.h"
 
 namespace swbench {
 
@@ -30,8 +30,8 @@ Workload make_workload(const std::string& image_path, uint32_t h);
 Workload crop_workload(const Workload& full, uint32_t side, uint32_t h);
 
 // Settings of the demo's two passes.
-swcaller::PassSettings first_pass_settings();
-swcaller::PassSettings second_pass_settings();
+swtest::PassSettings first_pass_settings();
+swtest::PassSettings second_pass_settings();
 
 // One timed module call: restores the images, then times `entry` alone (or
 // the general path with maximum scale `general_h` when entry is null).
@@ -39,7 +39,7 @@ struct TimedCall {
     swcaller::Image output;
     double seconds = 0.0;
 };
-TimedCall time_call(swcaller::ModuleCall& call, swcaller::ModuleCall::Entry entry,
+TimedCall time_call(swtest::ModuleCall& call, swtest::ModuleCall::Entry entry,
                     uint32_t general_h = 0);
 
 // 64-bit FNV-1a of the output's bytes, for bit-for-bit comparisons.

@@ -53,9 +53,9 @@ function mexfile = build_shapewiener(outdir)
     gateways{end + 1} = fullfile(srcdir, 'mex', 'denoise_gateway.cpp');
   end
   % The filter's own headers are included as "mex/...", "driver/..." from
-  % src/ and as "shapewiener/..." from include/; src/mx (a standalone mex.h
-  % for builds without a host) must stay off the include path so that the
-  % host's mex.h is used.
+  % src/ and as "shapewiener/..." from include/; the host's own mex.h is
+  % used (the standalone one of the tests, tests/support/mx, is not on the
+  % include path).
   include = {['-I' srcdir], ['-I' fullfile(root, 'include')]};
   built = cell(size(names));
   for g = 1:numel(names)

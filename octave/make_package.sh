@@ -74,18 +74,17 @@ done
 } > "$pkg/INDEX"
 
 # The sources keep their folders under src/, as they include each other by
-# those paths. Every header of the filter comes along; the standalone host
-# layer (src/mx, with its own mex.h) does not: the host's mex.h is used.
+# those paths. Every header of the filter comes along; the host's own mex.h
+# is used.
 for s in "${sources[@]}"; do
   case $s in
-    src/mx/*) echo "$0: $s belongs to the standalone host layer" >&2; exit 2 ;;
     src/*) ;;
     *) echo "$0: $s is not under src/" >&2; exit 2 ;;
   esac
   mkdir -p "$pkg/$(dirname "$s")"
   cp "$root/$s" "$pkg/$s"
 done
-(cd "$root" && find src -name '*.h' -not -path 'src/mx/*') | while read -r h; do
+(cd "$root" && find src -name '*.h') | while read -r h; do
   mkdir -p "$pkg/$(dirname "$h")"
   cp "$root/$h" "$pkg/$h"
 done

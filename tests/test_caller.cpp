@@ -13,10 +13,10 @@
 
 #include "caller/coloured_noise.h"
 #include "caller/image.h"
-#include "caller/module_call.h"
 #include "caller/processing_list.h"
 #include "caller/sector_masks.h"
 #include "caller/transform_bank.h"
+#include "support/module_call.h"
 
 namespace {
 
@@ -307,7 +307,7 @@ TEST(ProcessingList, SharedKeysGiveTheSameOutputAsOneKeyPerEntry) {
     const Image noisy = swcaller::add(
         clean, swcaller::coloured_noise(rows, cols, swcaller::binomial_kernel(), 0.1, 7));
     const std::vector<double> psd = swcaller::noise_psd(swcaller::binomial_kernel(), 0.1, 32);
-    swcaller::PassSettings settings;
+    swtest::PassSettings settings;
     settings.wiener_variance_factor = 6.0;
 
     swcaller::ShapeArguments grouped = random_adaptive_shapes(rows, cols, h, 11);
@@ -315,8 +315,8 @@ TEST(ProcessingList, SharedKeysGiveTheSameOutputAsOneKeyPerEntry) {
     for (size_t e = 0; e < single.list.keys.size(); ++e) single.list.keys[e] = static_cast<int32_t>(e + 1);
     ASSERT_LT(grouped.list.key_changes, rows * cols);
 
-    const Image a = swcaller::filter_pass(grouped, psd, noisy, noisy, settings);
-    const Image b = swcaller::filter_pass(single, psd, noisy, noisy, settings);
+    const Image a = swtest::filter_pass(grouped, psd, noisy, noisy, settings);
+    const Image b = swtest::filter_pass(single, psd, noisy, noisy, settings);
     ASSERT_EQ(a.size(), b.size());
     for (size_t i = 0; i < a.size(); ++i) {
         EXPECT_EQ(std::memcmp(&a.pixels[i], &b.pixels[i], sizeof(double)), 0) << "pixel " << i;
@@ -416,8 +416,8 @@ TEST(TwoPassFilter, RaisesThePsnrWellAboveTheNoisyImage) {
     const swcaller::NoiseKernel kernel = swcaller::binomial_kernel();
     const Image noisy = swcaller::add(clean, swcaller::coloured_noise(rows, cols, kernel, 0.1, 3));
     const swcaller::ShapeArguments shapes = swcaller::fixed_square_shapes(rows, cols, 4, 4);
-    const swcaller::TwoPassResult r =
-        swcaller::filter_two_passes(shapes, swcaller::noise_psd(kernel, 0.1, 32), noisy);
+    const swtest::TwoPassResult r =
+        swtest::filter_two_passes(shapes, swcaller::noise_psd(kernel, 0.1, 32), noisy);
 
     const double noisy_psnr = swcaller::psnr(noisy, clean);
     EXPECT_NEAR(noisy_psnr, 20.0, 1.0);
@@ -442,8 +442,8 @@ TEST(ModuleCall, EveryRunStartsFromTheUndistortedImages) {
     const Image noisy = swcaller::add(
         clean, swcaller::coloured_noise(rows, cols, swcaller::white_kernel(), 0.05, 1));
     const swcaller::ShapeArguments shapes = swcaller::fixed_square_shapes(rows, cols, 3, 2);
-    swcaller::ModuleCall call(shapes, swcaller::noise_psd(swcaller::white_kernel(), 0.05, 32),
-                              noisy, noisy, swcaller::PassSettings{});
+    swtest::ModuleCall call(shapes, swcaller::noise_psd(swcaller::white_kernel(), 0.05, 32),
+                              noisy, noisy, swtest::PassSettings{});
     const Image first = call.run();
     const Image second = call.run();
     const Image general = call.run_general(3);

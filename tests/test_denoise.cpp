@@ -2,12 +2,9 @@
 // the shape list, orientation, value ranges, progress and determinism.
 #include <gtest/gtest.h>
 
-#include <zlib.h>
-
 #include <cmath>
 #include <cstring>
 #include <algorithm>
-#include <filesystem>
 #include <set>
 #include <string>
 #include <vector>
@@ -21,6 +18,7 @@
 #include "shape/shape.h"
 #include "shapewiener/units.h"
 #include "support/sha256.h"
+#include "support/shared_workload.h"
 
 namespace {
 
@@ -371,46 +369,24 @@ TEST(ShapeList, OneKeyPerShapeAndEqualKeysMeanIdenticalShapes) {
 
 // The shared workloads were built by the same rules: scales and list must
 // come out byte for byte.
-std::vector<unsigned char> gunzip(const std::string& path) {
-    std::vector<unsigned char> bytes;
-    gzFile f = gzopen(path.c_str(), "rb");
-    if (f == nullptr) return bytes;
-    unsigned char buffer[65536];
-    int n;
-    while ((n = gzread(f, buffer, sizeof buffer)) > 0) bytes.insert(bytes.end(), buffer, buffer + n);
-    gzclose(f);
-    return bytes;
-}
-
 TEST(ShapeList, ReproducesTheSharedAdaptiveWorkloads) {
-    const std::string root = SHAPEWIENER_WORKLOADS;
-    ASSERT_TRUE(std::filesystem::exists(root + "/camera512_gauss1_noisy.f64")) << "no " << root;
-    const std::vector<unsigned char> raw = gunzip(root + "/camera512_gauss1_noisy.f64");
-    ASSERT_EQ(raw.size(), 512u * 512 * 8);
-    std::vector<double> noisy(512 * 512);
-    std::memcpy(noisy.data(), raw.data(), raw.size());
+    const std::string root = swtest::shared_workload_root(SHAPEWIENER_WORKLOADS);
+    ASSERT_FALSE(root.empty()) << "no " << SHAPEWIENER_WORKLOADS;
     // Gaussian kernel of standard deviation 1 on 9 x 9, sigma 0.1.
     const Autocovariance r = swdenoise::noise_autocovariance(
         sw::NoiseModel::from_kernel(gaussian_kernel(9, 1.0), 9, 9, 0.1), 512, 512);
-    const std::vector<unsigned char> psd = gunzip(root + "/camera512_gauss1_psd32.f64");
     const std::vector<double> folded = swdenoise::block_psd(r, false);
-    for (size_t t = 0; t < 1024; ++t) {
-        double v;
-        std::memcpy(&v, psd.data() + 8 * t, 8);
-        EXPECT_NEAR(folded[t], v, 1e-15);
-    }
     for (const char* name : {"adaptive_h7", "adaptive_h9"}) {
-        const std::string dir = root + "/" + name;
+        const swtest::SharedWorkload workload(root + "/" + name);
+        const swtest::CallPlan& call = workload.plan();
+        for (size_t t = 0; t < 1024; ++t) EXPECT_NEAR(folded[t], call.psd[t], 1e-15);
         swdenoise::ScaleRule rule;
         if (std::string(name) == "adaptive_h9") rule.lengths = {1, 2, 3, 5, 7, 9};
-        const swcaller::ShapeArguments s = swdenoise::adaptive_shapes(noisy.data(), 512, 512, r, rule, false);
-        const std::vector<unsigned char> dsm = gunzip(dir + "/dsm.u8.gz");
-        ASSERT_EQ(dsm.size(), s.direction_scales.indices.size());
-        EXPECT_EQ(0, std::memcmp(dsm.data(), s.direction_scales.indices.data(), dsm.size())) << name;
-        const std::vector<unsigned char> list = gunzip(dir + "/list.i32.gz");
-        ASSERT_EQ(list.size(), 512u * 512 * 8);
-        EXPECT_EQ(0, std::memcmp(list.data(), s.list.pixels.data(), list.size() / 2)) << name;
-        EXPECT_EQ(0, std::memcmp(list.data() + list.size() / 2, s.list.keys.data(), list.size() / 2)) << name;
+        const swcaller::ShapeArguments s =
+            swdenoise::adaptive_shapes(call.noisy.data(), 512, 512, r, rule, false);
+        EXPECT_TRUE(call.direction_scale_map == s.direction_scales.indices) << name;
+        EXPECT_TRUE(call.pixels == s.list.pixels) << name;
+        EXPECT_TRUE(call.keys == s.list.keys) << name;
     }
 }
 

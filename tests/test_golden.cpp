@@ -16,13 +16,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "mex/gateway.h"
 #include "shapewiener/filter.h"
 #include "support/sha256.h"
+#include "support/shared_workload.h"
 #include "support/test_args.h"
 
 namespace {
@@ -163,63 +162,18 @@ TEST(Golden, EveryCallGivesItsBits) {
 }
 
 // The adaptive workloads (tests/data/workloads/README.md).
-std::string read_file(const std::string& path, bool gzipped) {
-    std::string data;
-    if (!gzipped) {
-        std::ifstream f(path, std::ios::binary);
-        data.assign(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
-        return data;
-    }
-    FILE* pipe = popen(("gzip -dc '" + path + "'").c_str(), "r");
-    if (pipe == nullptr) return data;
-    char buf[65536];
-    for (size_t got; (got = std::fread(buf, 1, sizeof buf, pipe)) > 0;) data.append(buf, got);
-    pclose(pipe);
-    return data;
-}
-
-template <class T>
-std::vector<T> values(const std::string& bytes) {
-    std::vector<T> v(bytes.size() / sizeof(T));
-    if (!v.empty()) std::memcpy(v.data(), bytes.data(), sizeof(T) * v.size());
-    return v;
-}
-
 void run_workload(const char* name, uint32_t h) {
-    const char* env = std::getenv("SHAPEWIENER_WORKLOADS");
-    const std::string root = env != nullptr ? env : SHAPEWIENER_WORKLOADS_DIR;
-    const std::string dir = root + "/" + name;
-    ASSERT_TRUE(std::ifstream(dir + "/out.sha256").good()) << "no workload at " << dir;
+    const std::string root = swtest::shared_workload_root(SHAPEWIENER_WORKLOADS_DIR);
+    ASSERT_FALSE(root.empty()) << "no workloads at " << SHAPEWIENER_WORKLOADS_DIR;
 #if defined(SWTEST_ASAN)
     GTEST_SKIP() << "the workloads' bits are checked in the plain build";
 #endif
-    CallPlan s;
-    s.m = s.k = 512;
-    s.h = h;
-    const uint32_t w = s.w();
-    s.scale_set = values<double>(read_file(dir + "/scaleset.f64", false));
-    s.direction_scale_map = values<uint8_t>(read_file(dir + "/dsm.u8.gz", true));
-    const std::vector<double> t = values<double>(read_file(dir + "/transforms.f64", false));
-    for (size_t len = 1, at = 0; len <= w && at + len * len <= t.size(); at += len * len, ++len) {
-        s.transforms.emplace_back(t.begin() + at, t.begin() + at + len * len);
-    }
-    const std::vector<uint8_t> masks = values<uint8_t>(read_file(dir + "/masks.u8", false));
-    for (size_t at = 0; at + w * w <= masks.size(); at += w * w) {
-        s.sector_masks.emplace_back(masks.begin() + at, masks.begin() + at + w * w);
-    }
-    s.psd = values<double>(read_file(root + "/camera512_gauss1_psd32.f64", false));
-    s.noisy = values<double>(read_file(root + "/camera512_gauss1_noisy.f64", false));
-    s.pilot = s.noisy;
-    const std::vector<int32_t> list = values<int32_t>(read_file(dir + "/list.i32.gz", true));
-    ASSERT_EQ(list.size(), 2u * 512 * 512);
-    s.pixels.assign(list.begin(), list.begin() + 512 * 512);
-    s.keys.assign(list.begin() + 512 * 512, list.end());
-    s.wiener_variance_factor = 6.0;
-    swtest::MexCall call = swtest::make_call(s);
+    const swtest::SharedWorkload workload(root + "/" + name);
+    ASSERT_EQ(workload.h(), h);
+    swtest::MexCall call = swtest::make_call(workload.plan());
     call.run();
     const std::vector<double> out = call.output();
-    const std::string expected = read_file(dir + "/out.sha256", false).substr(0, 64);
-    EXPECT_EQ(swtest::sha256_hex(out.data(), sizeof(double) * out.size()), expected) << name;
+    EXPECT_EQ(swtest::output_sha256(out), workload.expected_sha256()) << name;
 }
 
 TEST(Workload, AdaptiveH7) { run_workload("adaptive_h7", 7); }

@@ -54,55 +54,64 @@ sw::ArrayView<T> view(const std::vector<T>& v, sw::Dims dims) {
 
 SharedWorkload::SharedWorkload(const std::string& folder) {
     const std::string root = folder + "/..";
-    const size_t mk = static_cast<size_t>(m_) * k_;
-    scale_set_ = as<double>(read_file(folder + "/scaleset.f64"), 0, "scaleset.f64");
-    if (scale_set_.empty()) throw std::runtime_error("scaleset.f64 is empty");
-    uint32_t h = 0;
-    for (double s : scale_set_) h = std::max(h, sw::round_to_unsigned(s));
-    const uint32_t w = 2 * h - 1;
-    dsm_ = as<uint8_t>(read_gzip(folder + "/dsm.u8.gz"), mk * 8, "dsm.u8.gz");
+    CallPlan& s = plan_;
+    s.m = s.k = 512;
+    s.n = 32;
+    const size_t mk = s.pixel_count();
+    s.scale_set = as<double>(read_file(folder + "/scaleset.f64"), 0, "scaleset.f64");
+    if (s.scale_set.empty()) throw std::runtime_error("scaleset.f64 is empty");
+    s.h = 0;
+    for (double v : s.scale_set) s.h = std::max(s.h, sw::round_to_unsigned(v));
+    const uint32_t w = s.w();
+    s.direction_scale_map = as<uint8_t>(read_gzip(folder + "/dsm.u8.gz"), mk * 8, "dsm.u8.gz");
     list_ = as<int32_t>(read_gzip(folder + "/list.i32.gz"), mk * 2, "list.i32.gz");
+    s.pixels.assign(list_.begin(), list_.begin() + mk);
+    s.keys.assign(list_.begin() + mk, list_.end());
     const auto bank = as<double>(read_file(folder + "/transforms.f64"), 0, "transforms.f64");
     size_t at = 0;
     for (uint32_t len = 1; len <= w; ++len) {
         if (at + len * len > bank.size()) throw std::runtime_error("transforms.f64 is too short");
-        transforms_.emplace_back(bank.begin() + at, bank.begin() + at + len * len);
+        s.transforms.emplace_back(bank.begin() + at, bank.begin() + at + len * len);
         at += len * len;
     }
-    const auto masks = as<uint8_t>(read_file(folder + "/masks.u8"), size_t{8} * h * h * w * w, "masks.u8");
-    for (size_t c = 0; c < size_t{8} * h * h; ++c) {
-        masks_.emplace_back(masks.begin() + c * w * w, masks.begin() + (c + 1) * w * w);
+    const auto masks = as<uint8_t>(read_file(folder + "/masks.u8"), size_t{8} * s.h * s.h * w * w, "masks.u8");
+    for (size_t c = 0; c < size_t{8} * s.h * s.h; ++c) {
+        s.sector_masks.emplace_back(masks.begin() + c * w * w, masks.begin() + (c + 1) * w * w);
     }
-    psd_ = as<double>(read_file(root + "/camera512_gauss1_psd32.f64"), 32 * 32, "psd");
-    image_ = as<double>(read_file(root + "/camera512_gauss1_noisy.f64"), mk, "image");
+    s.psd = as<double>(read_file(root + "/camera512_gauss1_psd32.f64"), 32 * 32, "psd");
+    s.noisy = as<double>(read_file(root + "/camera512_gauss1_noisy.f64"), mk, "image");
+    s.pilot = s.noisy;
+    s.noise_level_factor = 1;
+    s.wiener_variance_factor = 6;
+    s.coverage_threshold = 1e9;
     const std::vector<char> sha = read_file(folder + "/out.sha256");
     expected_sha256_.assign(sha.begin(), sha.begin() + std::min<size_t>(64, sha.size()));
 
     for (uint32_t len = 1; len <= w; ++len) {
-        transform_views_.push_back(view(transforms_[len - 1], sw::Dims::matrix(len, len)));
+        transform_views_.push_back(view(s.transforms[len - 1], sw::Dims::matrix(len, len)));
     }
-    for (const auto& m : masks_) mask_views_.push_back(view(m, sw::Dims::matrix(w, w)));
+    for (const auto& m : s.sector_masks) mask_views_.push_back(view(m, sw::Dims::matrix(w, w)));
     sw::FilterCall& c = call_;
-    c.scale_set = view(scale_set_, sw::Dims::matrix(1, scale_set_.size()));
-    c.direction_scale_map = view(dsm_, sw::Dims::array3(m_, k_, 8));
+    c.scale_set = view(s.scale_set, sw::Dims::matrix(1, s.scale_set.size()));
+    c.direction_scale_map = view(s.direction_scale_map, sw::Dims::array3(s.m, s.k, 8));
     c.transforms = transform_views_.data();
     c.transform_count = transform_views_.size();
     c.sector_masks = mask_views_.data();
     c.sector_mask_count = mask_views_.size();
-    c.dft_size = 32;
-    c.noise_psd = view(psd_, sw::Dims::matrix(32, 32));
-    c.image_dims = sw::Dims::matrix(m_, k_);
+    c.dft_size = s.n;
+    c.noise_psd = view(s.psd, sw::Dims::matrix(s.n, s.n));
+    c.image_dims = sw::Dims::matrix(s.m, s.k);
     c.pilot_dims = c.image_dims;
     c.processing_list = view(list_, sw::Dims::matrix(mk, 2));
-    c.noise_level_factor = 1;
-    c.max_scale = h;
-    c.wiener_variance_factor = 6;
-    c.coverage_threshold = 1e9;
+    c.noise_level_factor = s.noise_level_factor;
+    c.max_scale = s.h;
+    c.wiener_variance_factor = s.wiener_variance_factor;
+    c.coverage_threshold = s.coverage_threshold;
 }
 
 const sw::FilterCall& SharedWorkload::fresh_call() {
-    noisy_ = image_;
-    pilot_ = image_;
+    noisy_ = plan_.noisy;
+    pilot_ = plan_.pilot;
     call_.noisy_image = noisy_.data();
     call_.pilot_image = pilot_.data();
     return call_;

@@ -1,5 +1,6 @@
-// The adaptive-shape workloads (tests/data/workloads: two real calls
-// with the SHA-256 of their outputs), as plain FilterCalls: for the tests
+// The one reader of the adaptive-shape workloads (tests/data/workloads: two
+// real calls with the SHA-256 of their outputs): as a CallPlan (for the
+// sixteen host arrays, make_call) and as a plain FilterCall, for the tests
 // that pin every path's bits to them and for the benchmarks.
 #ifndef SHAPEWIENER_TESTS_SUPPORT_SHARED_WORKLOAD_H
 #define SHAPEWIENER_TESTS_SUPPORT_SHARED_WORKLOAD_H
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "shapewiener/filter.h"
+#include "support/test_args.h"
 
 namespace swtest {
 
@@ -22,22 +24,18 @@ public:
     SharedWorkload(const SharedWorkload&) = delete;
     SharedWorkload& operator=(const SharedWorkload&) = delete;
 
+    // The call's contents, images as read (the pilot is the noisy image).
+    const CallPlan& plan() const { return plan_; }
     // The call, with freshly copied images (the filter dithers them).
     const sw::FilterCall& fresh_call();
     const std::string& expected_sha256() const { return expected_sha256_; }
-    uint32_t pixels() const { return m_ * k_; }
+    uint32_t pixels() const { return plan_.pixel_count(); }
+    uint32_t h() const { return plan_.h; }
 
 private:
-    uint32_t m_ = 512;
-    uint32_t k_ = 512;
-    std::vector<double> scale_set_;
-    std::vector<uint8_t> dsm_;
-    std::vector<std::vector<double>> transforms_;
-    std::vector<std::vector<uint8_t>> masks_;
+    CallPlan plan_;
     std::vector<sw::ArrayView<double>> transform_views_;
     std::vector<sw::ArrayView<uint8_t>> mask_views_;
-    std::vector<double> psd_;
-    std::vector<double> image_;
     std::vector<double> noisy_;
     std::vector<double> pilot_;
     std::vector<int32_t> list_;

@@ -1,23 +1,31 @@
-// Calls of the filter module through the standalone host layer: the sixteen
-// arguments built from an image, a noise spectrum and a shape set-up, and the
-// two-pass filtering that uses them.
-#ifndef SHAPEWIENER_CALLER_MODULE_CALL_H
-#define SHAPEWIENER_CALLER_MODULE_CALL_H
+// The module called as a host would, from the caller side's set-up: the
+// sixteen arguments built (through make_call) from an image, a noise
+// spectrum and a shape set-up, and the two-pass filtering that uses them.
+#ifndef SHAPEWIENER_TESTS_SUPPORT_MODULE_CALL_H
+#define SHAPEWIENER_TESTS_SUPPORT_MODULE_CALL_H
 
 #include <cstdint>
 #include <vector>
 
+#include "caller/image.h"
 #include "caller/shape_arguments.h"
-#include "mx_host.h"
+#include "support/test_args.h"
 
-namespace swcaller {
+namespace swtest {
+
+using swcaller::Image;
 
 // The scalar settings of one pass.
 struct PassSettings {
     double wiener_variance_factor = 1.0;
     double noise_level_factor = 1.0;
-    double coverage_threshold = kNeverSkip;
+    double coverage_threshold = swcaller::kNeverSkip;
 };
+
+// The plain description of one module call. `psd` is kSpectrumGrid x
+// kSpectrumGrid (see caller/coloured_noise.h).
+CallPlan module_plan(const swcaller::ShapeArguments& shapes, const std::vector<double>& psd,
+                     const Image& noisy, const Image& pilot, const PassSettings& settings);
 
 // The sixteen arguments of one module call, owned. The module dithers the
 // noisy and the pilot image in place; every run first restores them from
@@ -26,12 +34,11 @@ class ModuleCall {
 public:
     using Entry = void (*)(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]);
 
-    // `psd` is kSpectrumGrid x kSpectrumGrid (see coloured_noise.h).
-    ModuleCall(const ShapeArguments& shapes, const std::vector<double>& psd, const Image& noisy,
-               const Image& pilot, const PassSettings& settings);
+    ModuleCall(const swcaller::ShapeArguments& shapes, const std::vector<double>& psd,
+               const Image& noisy, const Image& pilot, const PassSettings& settings);
 
-    const mxArray* const* prhs() const { return prhs_.data(); }
-    int nrhs() const { return static_cast<int>(prhs_.size()); }
+    const mxArray* const* prhs() const { return call_.prhs.data(); }
+    int nrhs() const { return static_cast<int>(call_.prhs.size()); }
 
     // Restores the images and calls mexFunction (or `entry`, which has the
     // gateway's parameters); returns the filtered image. Host errors arrive
@@ -46,16 +53,15 @@ public:
     void restore_images();
 
 private:
-    Image take_output(mxArray* out) const;
+    Image output() const;
 
-    std::vector<mx_host::ArrayPtr> args_;
-    std::vector<const mxArray*> prhs_;
+    MexCall call_;
     Image noisy_;
     Image pilot_;
 };
 
 // One pass: filters `noisy` with `pilot` as the pilot estimate.
-Image filter_pass(const ShapeArguments& shapes, const std::vector<double>& psd,
+Image filter_pass(const swcaller::ShapeArguments& shapes, const std::vector<double>& psd,
                   const Image& noisy, const Image& pilot, const PassSettings& settings);
 
 // Wiener variance factors of the two passes, tuned for coloured noise.
@@ -71,10 +77,10 @@ struct TwoPassResult {
 
 // Pass 1 with the noisy image as its own pilot, pass 2 with the output of
 // pass 1 as pilot; the times are those of the module calls alone.
-TwoPassResult filter_two_passes(const ShapeArguments& shapes, const std::vector<double>& psd,
+TwoPassResult filter_two_passes(const swcaller::ShapeArguments& shapes, const std::vector<double>& psd,
                                 const Image& noisy, double first_factor = kFirstPassFactor,
                                 double second_factor = kSecondPassFactor);
 
-}  // namespace swcaller
+}  // namespace swtest
 
-#endif  // SHAPEWIENER_CALLER_MODULE_CALL_H
+#endif  // SHAPEWIENER_TESTS_SUPPORT_MODULE_CALL_H
