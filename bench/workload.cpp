@@ -1,13 +1,11 @@
 #include "workload.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <utility>
 
 #include "caller/coloured_noise.h"
 #include "io/image_io.h"
-#include "mex/gateway.h"
 
 namespace swbench {
 
@@ -57,23 +55,9 @@ swtest::PassSettings second_pass_settings() {
 
 TimedCall time_call(swtest::ModuleCall& call, swtest::ModuleCall::Entry entry,
                     uint32_t general_h) {
-    call.restore_images();
-    mxArray* plhs[1] = {nullptr};
-    const auto start = std::chrono::steady_clock::now();
-    if (entry != nullptr) {
-        entry(1, plhs, call.nrhs(), const_cast<const mxArray**>(call.prhs()));
-    } else {
-        sw::mex_run_general(plhs, call.prhs(), general_h);
-    }
-    const auto stop = std::chrono::steady_clock::now();
-    mx_host::ArrayPtr out(plhs[0]);
     TimedCall t;
-    t.seconds = std::chrono::duration<double>(stop - start).count();
-    t.output = swcaller::Image(static_cast<uint32_t>(mxGetM(out.get())),
-                               static_cast<uint32_t>(mxGetN(out.get())));
-    if (t.output.size() > 0) {
-        std::memcpy(t.output.pixels.data(), mxGetPr(out.get()), sizeof(double) * t.output.size());
-    }
+    t.output = entry != nullptr ? call.run_with(entry) : call.run_general(general_h);
+    t.seconds = call.seconds();
     return t;
 }
 

@@ -24,16 +24,14 @@ find_library(SHAPEWIENER_MATLAB_UT NAMES ut libut
              NO_DEFAULT_PATH)
 set(_matlab_targets shapewiener_matlab)
 # The denoiser's gateway, shapewiener_denoise, over the same library.
-if(SHAPEWIENER_HAVE_DENOISE)
-  matlab_add_mex(NAME shapewiener_denoise_matlab SRC ${SHAPEWIENER_DENOISE_GATEWAY_SOURCE}
-                 OUTPUT_NAME shapewiener_denoise R2017b LINK_TO shapewiener_core)
-  target_include_directories(shapewiener_denoise_matlab PRIVATE ${PROJECT_SOURCE_DIR}/include
-                             ${PROJECT_SOURCE_DIR}/src)
-  target_link_options(shapewiener_denoise_matlab PRIVATE -static-libstdc++ -static-libgcc)
-  set_target_properties(shapewiener_denoise_matlab PROPERTIES LIBRARY_OUTPUT_DIRECTORY
-                                                             ${CMAKE_BINARY_DIR}/matlab)
-  list(APPEND _matlab_targets shapewiener_denoise_matlab)
-endif()
+matlab_add_mex(NAME shapewiener_denoise_matlab SRC ${SHAPEWIENER_DENOISE_GATEWAY_SOURCE}
+               OUTPUT_NAME shapewiener_denoise R2017b LINK_TO shapewiener_core)
+target_include_directories(shapewiener_denoise_matlab PRIVATE ${PROJECT_SOURCE_DIR}/include
+                           ${PROJECT_SOURCE_DIR}/src)
+target_link_options(shapewiener_denoise_matlab PRIVATE -static-libstdc++ -static-libgcc)
+set_target_properties(shapewiener_denoise_matlab PROPERTIES LIBRARY_OUTPUT_DIRECTORY
+                                                           ${CMAKE_BINARY_DIR}/matlab)
+list(APPEND _matlab_targets shapewiener_denoise_matlab)
 foreach(_t ${_matlab_targets})
   if(SHAPEWIENER_MATLAB_UT)
     target_link_libraries(${_t} ${SHAPEWIENER_MATLAB_UT})

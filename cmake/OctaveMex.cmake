@@ -42,24 +42,22 @@ add_custom_command(
 add_custom_target(octave_mex ALL DEPENDS ${SHAPEWIENER_OCTAVE_MEX})
 
 # The denoiser's gateway, shapewiener_denoise.mex, over the same library.
-if(SHAPEWIENER_HAVE_DENOISE)
-  set(SHAPEWIENER_OCTAVE_DENOISE_MEX ${SHAPEWIENER_OCTAVE_DIR}/shapewiener_denoise.mex)
-  add_custom_command(
-    OUTPUT ${SHAPEWIENER_OCTAVE_DENOISE_MEX}
-    COMMAND ${CMAKE_COMMAND} -E make_directory ${SHAPEWIENER_OCTAVE_DIR}
-    COMMAND ${CMAKE_COMMAND} -E env "CXXFLAGS=${SHAPEWIENER_OCTAVE_CXXFLAGS}"
-            ${SHAPEWIENER_MKOCTFILE} --mex -I${PROJECT_SOURCE_DIR}/include -I${PROJECT_SOURCE_DIR}/src
-            ${PROJECT_SOURCE_DIR}/${SHAPEWIENER_DENOISE_GATEWAY_SOURCE} $<TARGET_FILE:shapewiener_core>
-            -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/mex_exports.map
-            -o ${SHAPEWIENER_OCTAVE_DENOISE_MEX}
-    COMMAND ${CMAKE_COMMAND} -E copy ${PROJECT_SOURCE_DIR}/octave/shapewiener_denoise.m
-            ${PROJECT_SOURCE_DIR}/octave/shapewiener_estimate_noise.m ${SHAPEWIENER_OCTAVE_DIR}
-    DEPENDS ${PROJECT_SOURCE_DIR}/${SHAPEWIENER_DENOISE_GATEWAY_SOURCE} shapewiener_core
-            ${SHAPEWIENER_CORE_HEADERS} ${PROJECT_SOURCE_DIR}/octave/shapewiener_denoise.m
-            ${PROJECT_SOURCE_DIR}/octave/shapewiener_estimate_noise.m
-            ${PROJECT_SOURCE_DIR}/cmake/mex_exports.map
-    WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
-    COMMENT "Building the Octave MEX file octave/shapewiener_denoise.mex"
-    VERBATIM)
-  add_custom_target(octave_denoise_mex ALL DEPENDS ${SHAPEWIENER_OCTAVE_DENOISE_MEX})
-endif()
+set(SHAPEWIENER_OCTAVE_DENOISE_MEX ${SHAPEWIENER_OCTAVE_DIR}/shapewiener_denoise.mex)
+add_custom_command(
+  OUTPUT ${SHAPEWIENER_OCTAVE_DENOISE_MEX}
+  COMMAND ${CMAKE_COMMAND} -E make_directory ${SHAPEWIENER_OCTAVE_DIR}
+  COMMAND ${CMAKE_COMMAND} -E env "CXXFLAGS=${SHAPEWIENER_OCTAVE_CXXFLAGS}"
+          ${SHAPEWIENER_MKOCTFILE} --mex -I${PROJECT_SOURCE_DIR}/include -I${PROJECT_SOURCE_DIR}/src
+          ${PROJECT_SOURCE_DIR}/${SHAPEWIENER_DENOISE_GATEWAY_SOURCE} $<TARGET_FILE:shapewiener_core>
+          -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/mex_exports.map
+          -o ${SHAPEWIENER_OCTAVE_DENOISE_MEX}
+  COMMAND ${CMAKE_COMMAND} -E copy ${PROJECT_SOURCE_DIR}/octave/shapewiener_denoise.m
+          ${PROJECT_SOURCE_DIR}/octave/shapewiener_estimate_noise.m ${SHAPEWIENER_OCTAVE_DIR}
+  DEPENDS ${PROJECT_SOURCE_DIR}/${SHAPEWIENER_DENOISE_GATEWAY_SOURCE} shapewiener_core
+          ${SHAPEWIENER_CORE_HEADERS} ${PROJECT_SOURCE_DIR}/octave/shapewiener_denoise.m
+          ${PROJECT_SOURCE_DIR}/octave/shapewiener_estimate_noise.m
+          ${PROJECT_SOURCE_DIR}/cmake/mex_exports.map
+  WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
+  COMMENT "Building the Octave MEX file octave/shapewiener_denoise.mex"
+  VERBATIM)
+add_custom_target(octave_denoise_mex ALL DEPENDS ${SHAPEWIENER_OCTAVE_DENOISE_MEX})

@@ -36,8 +36,7 @@ function mexfile = build_shapewiener(outdir)
   end
 
   % The library's sources (the list in src/sources.txt) and the gateways:
-  % shapewiener (the filter module) and, when the library has the
-  % denoiser, shapewiener_denoise.
+  % shapewiener (the filter module) and shapewiener_denoise.
   lines = strsplit(fileread(fullfile(srcdir, 'sources.txt')), {'\r', '\n'});
   library = {};
   for i = 1:numel(lines)
@@ -46,12 +45,8 @@ function mexfile = build_shapewiener(outdir)
       library{end + 1} = fullfile(root, line);
     end
   end
-  names = {'shapewiener'};
-  gateways = {fullfile(srcdir, 'mex', 'gateway.cpp')};
-  if any(strcmp(library, fullfile(root, 'src/denoise/denoise.cpp')))
-    names{end + 1} = 'shapewiener_denoise';
-    gateways{end + 1} = fullfile(srcdir, 'mex', 'denoise_gateway.cpp');
-  end
+  names = {'shapewiener', 'shapewiener_denoise'};
+  gateways = {fullfile(srcdir, 'mex', 'gateway.cpp'), fullfile(srcdir, 'mex', 'denoise_gateway.cpp')};
   % The filter's own headers are included as "mex/...", "driver/..." from
   % src/ and as "shapewiener/..." from include/; the host's own mex.h is
   % used (the standalone one of the tests, tests/support/mx, is not on the

@@ -36,19 +36,14 @@ if ! [[ $version =~ ^[0-9]+(\.[0-9]+)*$ ]]; then
   echo "$0: no usable version ('$version'); pass it as the second argument" >&2
   exit 2
 fi
-sources=(src/mex/gateway.cpp)
+sources=(src/mex/gateway.cpp src/mex/denoise_gateway.cpp)
 library=()
 while read -r s; do
   case $s in ''|'#'*) ;; *) sources+=("$s"); library+=("${s#src/}") ;; esac
 done < "$root/src/sources.txt"
-# The denoiser's gateway comes along when the library has the denoiser.
-targets=(shapewiener.mex)
-helps=(shapewiener.m)
-if [[ " ${sources[*]} " == *" src/denoise/denoise.cpp "* ]]; then
-  sources+=(src/mex/denoise_gateway.cpp)
-  targets+=(shapewiener_denoise.mex)
-  helps+=(shapewiener_denoise.m shapewiener_estimate_noise.m)
-fi
+# The filter's gateway and the denoiser's.
+targets=(shapewiener.mex shapewiener_denoise.mex)
+helps=(shapewiener.m shapewiener_denoise.m shapewiener_estimate_noise.m)
 
 epoch=${SOURCE_DATE_EPOCH:-$(date +%s)}
 date=$(date -u -d "@$epoch" +%Y-%m-%d)

@@ -55,7 +55,7 @@ function varargout = shapewiener_denoise(varargin)
 %   With no noise given, each colour channel's noise spectrum is estimated
 %   from the image.
 %   Options:
-%     'preset'        'fast' (fixed squares, one pass), 'default', 'best'
+%     'preset'        'fast' (fixed squares, one pass) or 'default'
 %     'threads'       worker threads; 0 (default) takes SHAPEWIENER_THREADS
 %                     from the environment or all cores. No option changes
 %                     a bit of the result.

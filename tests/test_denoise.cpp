@@ -196,7 +196,7 @@ TEST(NoiseAndImage, BadInputsAreRejectedWithTheirIdentifiers) {
         {inf_image, sw::NoiseModel::white(0.1), "default", "shapewiener:image:notFinite"},
         {sw::Image{}, sw::NoiseModel::white(0.1), "default", "shapewiener:image:empty"},
         {sw::Image{2, 2, {1, 2, 3}}, sw::NoiseModel::white(0.1), "default", "shapewiener:image:size"},
-        {img, sw::NoiseModel::white(0.1), "fastest", "shapewiener:options:preset"},
+        {img, sw::NoiseModel::white(0.1), "best", "shapewiener:options:preset"},
     };
     for (const Case& c : cases) {
         sw::DenoiseOptions options;
@@ -493,7 +493,7 @@ TEST(Denoise, AnyValueRangeAndSizeDeterministically) {
     }
 
     // Tiny images, every preset: finite output of the right size.
-    for (const char* preset : {"fast", "default", "best"}) {
+    for (const char* preset : {"fast", "default"}) {
         for (const auto& [r, c] : {std::pair{1u, 1u}, std::pair{1u, 7u}, std::pair{5u, 1u}, std::pair{3u, 2u}}) {
             sw::Image tiny{r, c, std::vector<double>(r * c)};
             for (size_t p = 0; p < tiny.pixels.size(); ++p) tiny.pixels[p] = 0.3 + 0.1 * std::sin(p * 1.7);

@@ -68,7 +68,7 @@ struct TileFrame {
 };
 
 struct DenoiseOptions {
-    // "fast" (fixed squares, one pass), "default", or "best".
+    // "fast" (fixed squares, one pass) or "default".
     std::string preset = "default";
     // Worker threads as in RunOptions (0: SHAPEWIENER_THREADS or all).
     unsigned threads = 0;

@@ -188,9 +188,9 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
         unshifted, scaled so that white noise of variance ``s**2`` has
         ``psd == s**2``; given alone. On a colour image (M, N) for every
         channel or (M, N, 3), one per channel.
-    preset : {'default', 'fast', 'best'}, optional
-        'fast' runs one pass on fixed squares; 'default' and 'best' choose
-        adaptive neighbourhoods and run three passes.
+    preset : {'default', 'fast'}, optional
+        'fast' runs one pass on fixed squares; 'default' chooses adaptive
+        neighbourhoods and runs three passes.
     threads : int, optional
         Worker threads, 0 to 4096; None or 0 takes ``SHAPEWIENER_THREADS``
         or all cores. The result's bits do not depend on it.
@@ -254,8 +254,6 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
     >>> shapewiener.denoise(rgb, channel_covariance=c, preset="fast").shape
     (32, 32, 3)
     """
-    if not _core.have_denoise:
-        raise Error("shapewiener:denoise:unavailable", "this build has no denoiser.")
     a = np.asarray(z)  # no copy for an array
     check_dtype(a.dtype, "image")
     if a.ndim == 3:

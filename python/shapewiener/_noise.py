@@ -3,7 +3,6 @@
 import numpy as np
 
 from . import _core
-from .errors import Error
 
 
 class NoiseEstimate:
@@ -147,8 +146,6 @@ def estimate_noise(z, *, threads=None, progress=False):
     (0.1, True, (128, 128))
     """
     from ._denoise import _as_matrix, _ProgressLine, check_dtype, check_shape, threads_count
-    if not _core.have_denoise:
-        raise Error("shapewiener:denoise:unavailable", "this build has no denoiser.")
     a = np.asarray(z)
     check_dtype(a.dtype, "image")
     count = threads_count(threads)

@@ -206,7 +206,7 @@ def main(argv=None):
                         "estimated per image")
     p.add_argument("--kernel", help=".npy file: the noise's colouring kernel (with --sigma)")
     p.add_argument("--psd", help=".npy file: the noise power spectrum (instead of --sigma)")
-    p.add_argument("--preset", default="default", choices=["fast", "default", "best"])
+    p.add_argument("--preset", default="default", choices=["fast", "default"])
     p.add_argument("--format", choices=["png", "tif", "tiff", "jpg", "jpeg", "npy"],
                    help="write every output in this format (default: its input's)")
     p.add_argument("--quality", type=_count(1), default=95,

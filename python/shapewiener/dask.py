@@ -17,8 +17,7 @@ removed over the whole image, as shapewiener.denoise does (this needs the
 whole image in memory once); the tiles then denoise what is left. The halo
 covers everything a kept pixel depends on:
 with P passes and largest scale H it is P * 2 * (H - 1) pixels, so 6 for
-"fast" (one pass, H = 4) and 36 for "default" and "best" (three passes,
-H = 7). Chunks may be smaller than the halo.
+"fast" (one pass, H = 4) and 36 for "default" (three passes, H = 7). Chunks may be smaller than the halo.
 """
 
 import numpy as np
@@ -43,13 +42,13 @@ def tile_halo(preset="default"):
 
     Parameters
     ----------
-    preset : {'default', 'fast', 'best'}, optional
+    preset : {'default', 'fast'}, optional
 
     Returns
     -------
     halo : int
         P * 2 * (H - 1) pixels for P passes and largest scale H: 6 for
-        'fast', 36 for 'default' and 'best'.
+        'fast', 36 for 'default'.
 
     Raises
     ------

@@ -19,12 +19,10 @@
 #include <vector>
 
 #include "shapewiener/filter.h"
-#if defined(SHAPEWIENER_HAVE_DENOISE)
 #include "shapewiener/colour.h"
 #include "shapewiener/denoise.h"
 #include "shapewiener/noise.h"
 #include "shapewiener/units.h"
-#endif
 #if defined(SHAPEWIENER_HAVE_IO)
 #include "io/image_io.h"
 #endif
@@ -114,6 +112,39 @@ private:
     bool cancelled_ = false;
 };
 
+// Runs call(poll) with the GIL released; poll lets Python run its signal
+// handlers and `progress` (a callable, None or nullptr) see the library's
+// progress. Once the GIL is back, an exception kept by the poll is raised
+// again, and a sw::DenoiseError (the library's errors) becomes
+// shapewiener.Error.
+template <class Call>
+void call_released(const py::object* progress, Call&& call) {
+    Interrupt interrupt;
+    const sw::Progress poll = [&interrupt, progress](double fraction, const char* phase) {
+        return interrupt.poll(progress, fraction, phase);
+    };
+    sw::Error error;
+    {
+        py::gil_scoped_release release;
+        try {
+            call(poll);
+        } catch (const sw::DenoiseError& e) {
+            error = e.error();
+        }
+    }
+    interrupt.rethrow();
+    if (error) raise_error(error.identifier, error.message);
+}
+
+py::dict report_dict(const sw::DenoiseReport& report) {
+    py::dict r;
+    r["passes"] = report.passes;
+    r["accepted_entries"] = report.accepted_entries;
+    r["key_changes"] = report.key_changes;
+    r["seconds"] = report.seconds;
+    return r;
+}
+
 // The raw module call. The arrays come checked for class and laid out
 // column-major by shapewiener._filter; the images are dithered in place.
 py::array filter_call(py::object scale_set, py::object dsm, py::list transforms, py::list masks,
@@ -155,23 +186,16 @@ py::array filter_call(py::object scale_set, py::object dsm, py::list transforms,
     const py::ssize_t k = static_cast<py::ssize_t>(c.image_dims.cols());
     py::array_t<double, py::array::f_style> out({m, k});
     double* out_data = out.mutable_data();
-    Interrupt interrupt;
-    sw::RunOptions options;
-    options.threads = threads;
-    options.progress = [&interrupt](double fraction) {
-        return interrupt.poll(nullptr, fraction, "filter");
-    };
-    sw::Error e;
-    {
-        py::gil_scoped_release release;
-        e = sw::run(c, out_data, options);
-    }
-    interrupt.rethrow();
-    if (e) raise_error(e.identifier, e.message);
+    call_released(nullptr, [&](const sw::Progress& poll) {
+        sw::RunOptions options;
+        options.threads = threads;
+        options.progress = [&poll](double fraction) { return poll(fraction, "filter"); };
+        const sw::Error e = sw::run(c, out_data, options);
+        if (e) throw sw::DenoiseError(e);
+    });
     return std::move(out);
 }
 
-#if defined(SHAPEWIENER_HAVE_DENOISE)
 std::vector<double> column_major(const py::array_t<double, py::array::f_style>& a) {
     return std::vector<double>(a.data(), a.data() + a.size());
 }
@@ -226,16 +250,9 @@ py::object remove_peaks_call(py::array_t<double> image, const std::string& noise
     sw::Image out;
     sw::NoiseModel residual;
     bool applied = false;
-    sw::Error error;
-    {
-        py::gil_scoped_release release;
-        try {
-            applied = sw::remove_noise_peaks(in, model, preset, &out, &residual);
-        } catch (const sw::DenoiseError& e) {
-            error = e.error();
-        }
-    }
-    if (error) raise_error(error.identifier, error.message);
+    call_released(nullptr, [&](const sw::Progress&) {
+        applied = sw::remove_noise_peaks(in, model, preset, &out, &residual);
+    });
     if (!applied) return py::none();
     return py::make_tuple(owned_matrix(std::move(out.pixels), out.rows, out.cols),
                           owned_matrix(std::move(residual.psd), out.rows, out.cols));
@@ -259,34 +276,16 @@ py::tuple denoise_call(py::array_t<double> image, const std::string& noise,
         options.tile.value_min = t[4].cast<double>();
         options.tile.value_max = t[5].cast<double>();
     }
-    Interrupt interrupt;
-    const sw::Progress poll = [&interrupt, &progress](double fraction, const char* phase) {
-        return interrupt.poll(&progress, fraction, phase);
-    };
     sw::Image result;
     sw::DenoiseReport report;
-    sw::Error error;
-    {
-        py::gil_scoped_release release;
-        try {
-            result = sw::denoise(in, model, options, poll, &report);
-        } catch (const sw::DenoiseError& e) {
-            error = e.error();
-        }
+    call_released(&progress, [&](const sw::Progress& poll) {
+        result = sw::denoise(in, model, options, poll, &report);
         in.pixels.clear();
         in.pixels.shrink_to_fit();
-    }
-    interrupt.rethrow();
-    if (error) raise_error(error.identifier, error.message);
-
+    });
     // The result's pixels become the array's memory: no copy.
-    py::array out = owned_matrix(std::move(result.pixels), result.rows, result.cols);
-    py::dict r;
-    r["passes"] = report.passes;
-    r["accepted_entries"] = report.accepted_entries;
-    r["key_changes"] = report.key_changes;
-    r["seconds"] = report.seconds;
-    return py::make_tuple(out, r);
+    return py::make_tuple(owned_matrix(std::move(result.pixels), result.rows, result.cols),
+                          report_dict(report));
 }
 
 // Without a noise description: the estimate as a dict (sigma, psd,
@@ -306,44 +305,27 @@ py::dict estimate_dict(sw::NoiseEstimate&& e) {
 py::object blind_call(py::array_t<double> image, bool denoise, const std::string& preset,
                       unsigned threads, py::object progress, bool peaks) {
     sw::Image in = image_of(image);
-    Interrupt interrupt;
-    const sw::Progress poll = [&interrupt, &progress](double fraction, const char* phase) {
-        return interrupt.poll(&progress, fraction, phase);
-    };
     sw::NoiseEstimate estimate;
     sw::Image result;
     sw::DenoiseReport report;
-    sw::Error error;
-    {
-        py::gil_scoped_release release;
-        try {
-            if (denoise) {
-                sw::DenoiseOptions options;
-                options.peaks = peaks;
-                options.preset = preset;
-                options.threads = threads;
-                result = sw::denoise_blind(in, options, poll, &report, &estimate);
-            } else {
-                sw::NoiseEstimateOptions options;
-                options.threads = threads;
-                estimate = sw::estimate_noise(in, options, poll);
-            }
-        } catch (const sw::DenoiseError& e) {
-            error = e.error();
+    call_released(&progress, [&](const sw::Progress& poll) {
+        if (denoise) {
+            sw::DenoiseOptions options;
+            options.peaks = peaks;
+            options.preset = preset;
+            options.threads = threads;
+            result = sw::denoise_blind(in, options, poll, &report, &estimate);
+        } else {
+            sw::NoiseEstimateOptions options;
+            options.threads = threads;
+            estimate = sw::estimate_noise(in, options, poll);
         }
         in.pixels.clear();
         in.pixels.shrink_to_fit();
-    }
-    interrupt.rethrow();
-    if (error) raise_error(error.identifier, error.message);
+    });
     if (!denoise) return estimate_dict(std::move(estimate));
-    py::dict r;
-    r["passes"] = report.passes;
-    r["accepted_entries"] = report.accepted_entries;
-    r["key_changes"] = report.key_changes;
-    r["seconds"] = report.seconds;
-    return py::make_tuple(owned_matrix(std::move(result.pixels), result.rows, result.cols), r,
-                          estimate_dict(std::move(estimate)));
+    return py::make_tuple(owned_matrix(std::move(result.pixels), result.rows, result.cols),
+                          report_dict(report), estimate_dict(std::move(estimate)));
 }
 
 // A (rows, cols, channels) float64 array as the library's colour image.
@@ -424,53 +406,24 @@ py::tuple denoise_colour_call(py::array_t<double> image, const std::string& kind
         options.tile.col0 = t[3].cast<uint32_t>();
         for (size_t k = 0; k < 6; ++k) colour.tile_ranges[k] = t[4 + k].cast<double>();
     }
-    Interrupt interrupt;
-    const sw::Progress poll = [&interrupt, &progress](double fraction, const char* phase) {
-        return interrupt.poll(&progress, fraction, phase);
-    };
     sw::ColourImage result;
     sw::DenoiseReport report;
-    sw::Error error;
-    {
-        py::gil_scoped_release release;
-        try {
-            result = sw::denoise_colour(in, noise, options, colour, poll, &report);
-        } catch (const sw::DenoiseError& e) {
-            error = e.error();
-        }
-    }
-    interrupt.rethrow();
-    if (error) raise_error(error.identifier, error.message);
-    py::dict rep;
-    rep["passes"] = report.passes;
-    rep["accepted_entries"] = report.accepted_entries;
-    rep["key_changes"] = report.key_changes;
-    rep["seconds"] = report.seconds;
-    return py::make_tuple(colour_array(std::move(result)), rep);
+    call_released(&progress, [&](const sw::Progress& poll) {
+        result = sw::denoise_colour(in, noise, options, colour, poll, &report);
+    });
+    return py::make_tuple(colour_array(std::move(result)), report_dict(report));
 }
 
 // sw::estimate_colour_noise: {"shape", "covariance", "usable_fraction",
 // "white", "noise": (kind or None, psd or None, covariance or None)}.
 py::dict estimate_colour_call(py::array_t<double> image, unsigned threads, py::object progress) {
     const sw::ColourImage in = colour_of(image);
-    Interrupt interrupt;
-    const sw::Progress poll = [&interrupt, &progress](double fraction, const char* phase) {
-        return interrupt.poll(&progress, fraction, phase);
-    };
     sw::ColourNoiseEstimate e;
-    sw::Error error;
-    {
-        py::gil_scoped_release release;
-        try {
-            sw::NoiseEstimateOptions options;
-            options.threads = threads;
-            e = sw::estimate_colour_noise(in, options, poll);
-        } catch (const sw::DenoiseError& err) {
-            error = err.error();
-        }
-    }
-    interrupt.rethrow();
-    if (error) raise_error(error.identifier, error.message);
+    call_released(&progress, [&](const sw::Progress& poll) {
+        sw::NoiseEstimateOptions options;
+        options.threads = threads;
+        e = sw::estimate_colour_noise(in, options, poll);
+    });
     auto matrix = [](const std::array<double, 9>& c) {
         py::array_t<double> m({3, 3});
         std::copy(c.begin(), c.end(), m.mutable_data());
@@ -526,9 +479,8 @@ py::object noise_warning_call(double value_min, double value_max, const std::str
     if (w.empty()) return py::none();
     return py::str(w);
 }
-#endif
 
-#if defined(SHAPEWIENER_HAVE_IO) && defined(SHAPEWIENER_HAVE_DENOISE)
+#if defined(SHAPEWIENER_HAVE_IO)
 // The command line's reader: (column-major float64 array, type name).
 py::tuple read_image_call(const std::string& path, uint64_t bytes_per_pixel) {
     swio::ImageFile f;
@@ -620,7 +572,6 @@ void write_channels_call(const std::string& path, py::array_t<double> image,
 PYBIND11_MODULE(_core, m) {
     m.doc() = "The shapewiener library: the raw filter module and the denoiser.";
     m.def("filter", &filter_call, "The raw sixteen-argument filter (arrays prepared by shapewiener.filter).");
-#if defined(SHAPEWIENER_HAVE_DENOISE)
     m.def("denoise", &denoise_call, "sw::denoise on a column-major float64 matrix.");
     m.def("denoise_colour", &denoise_colour_call, "sw::denoise_colour on a (rows, cols, channels) array.",
           py::arg("image"), py::arg("kind"), py::arg("models"), py::arg("covariance"),
@@ -663,7 +614,6 @@ PYBIND11_MODULE(_core, m) {
                               py::object progress, bool peaks) {
         return blind_call(std::move(image), true, preset, threads, std::move(progress), peaks);
     }, "sw::denoise_blind: (output, report, estimate dict).");
-    m.attr("have_denoise") = true;
     m.def("to_type", &to_type_call, py::arg("values"), py::arg("type"),
           "Values as stored in a sample type (integers: halves to even, clipped to the range), "
           "as float64.");
@@ -677,10 +627,7 @@ PYBIND11_MODULE(_core, m) {
         if (r.empty()) return py::none();
         return py::str(r);
     }, "Why a rows x cols image needing that many bytes a pixel cannot be processed, or None.");
-#else
-    m.attr("have_denoise") = false;
-#endif
-#if defined(SHAPEWIENER_HAVE_IO) && defined(SHAPEWIENER_HAVE_DENOISE)
+#if defined(SHAPEWIENER_HAVE_IO)
     m.def("read_image", &read_image_call, py::arg("path"), py::arg("bytes_per_pixel") = 0,
           "Reads an image file as stored: (column-major float64 array, type name).");
     m.def("write_image", &write_image_call, py::arg("path"), py::arg("image"), py::arg("type"),

@@ -25,6 +25,35 @@ void fail(const std::string& identifier, const std::string& message, sw::ErrorCo
     throw sw::DenoiseError(e);
 }
 
+void check_image(const sw::Image& image, uint32_t min_side, const char* purpose) {
+    const std::string side = std::to_string(min_side);
+    if (image.rows == 0 || image.cols == 0) {
+        fail("shapewiener:image:empty",
+             "the image is empty; it needs at least " + side + " x " + side + " pixels.");
+    }
+    const uint64_t count = static_cast<uint64_t>(image.rows) * image.cols;
+    if (image.pixels.size() != count) {
+        fail("shapewiener:image:size", "the image has " + std::to_string(image.pixels.size()) +
+                                           " values for " + std::to_string(image.rows) + " x " +
+                                           std::to_string(image.cols) + " pixels.");
+    }
+    if (count > 2147483647u) {
+        fail("shapewiener:image:tooLarge", "the image has more than 2^31 - 1 pixels.");
+    }
+    if (image.rows < min_side || image.cols < min_side) {
+        fail("shapewiener:image:tooSmall",
+             std::string(purpose) + " needs an image of at least " + side + " x " + side + " pixels, got " +
+                 std::to_string(image.rows) + " x " + std::to_string(image.cols) + ".");
+    }
+    for (size_t p = 0; p < image.pixels.size(); ++p) {
+        if (!std::isfinite(image.pixels[p])) {
+            fail("shapewiener:image:notFinite",
+                 "the image has a NaN or Inf value at row " + std::to_string(p % image.rows + 1) +
+                     ", column " + std::to_string(p / image.rows + 1) + ".");
+        }
+    }
+}
+
 Settings preset_settings(const std::string& name) {
     Settings s;
     s.peaks.enabled = true;
@@ -35,14 +64,13 @@ Settings preset_settings(const std::string& name) {
         s.passes = 1;
         return s;
     }
-    // "best" is what measured best within 3x the default's time: so far the
-    // default itself (H = 9 took 6x as long and was no better; an interval
-    // half-width of 1.0 gained on Gaussian noise but lost more on white and
-    // line noise; a fourth pass gained nothing over three). See
-    // bench/RESULTS.md.
-    if (name == "best") return s;
+    // Nothing measured better than the default within 3x its time (H = 9
+    // took 6x as long and was no better; an interval half-width of 1.0
+    // gained on Gaussian noise but lost more on white and line noise; a
+    // fourth pass gained nothing over three; bench/RESULTS.md), so there is
+    // no slower preset.
     fail("shapewiener:options:preset",
-         "unknown preset '" + name + "'; the presets are fast, default and best.");
+         "unknown preset '" + name + "'; the presets are fast and default.");
 }
 
 swcaller::ShapeArguments adaptive_shapes(const double* image, uint32_t rows, uint32_t cols,
@@ -134,28 +162,6 @@ void settle(std::vector<double>& estimate, const std::vector<double>& input, uin
 
 double seconds_since(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-void check_image(const sw::Image& image) {
-    if (image.rows == 0 || image.cols == 0) {
-        fail("shapewiener:image:empty", "the image is empty; it needs at least 1 x 1 pixels.");
-    }
-    const uint64_t count = static_cast<uint64_t>(image.rows) * image.cols;
-    if (image.pixels.size() != count) {
-        fail("shapewiener:image:size", "the image has " + std::to_string(image.pixels.size()) +
-                                           " values for " + std::to_string(image.rows) + " x " +
-                                           std::to_string(image.cols) + " pixels.");
-    }
-    if (count > 2147483647u) {
-        fail("shapewiener:image:tooLarge", "the image has more than 2^31 - 1 pixels.");
-    }
-    for (size_t p = 0; p < image.pixels.size(); ++p) {
-        if (!std::isfinite(image.pixels[p])) {
-            fail("shapewiener:image:notFinite",
-                 "the image has a NaN or Inf value at row " + std::to_string(p % image.rows + 1) +
-                     ", column " + std::to_string(p / image.rows + 1) + ".");
-        }
-    }
 }
 
 void check_tile(const sw::Image& image, const sw::TileFrame& tile) {

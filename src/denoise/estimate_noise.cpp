@@ -30,33 +30,6 @@ const double kChoiceBias = 0.89;
 // this (natural log of an energy ratio) counts as usable.
 const double kUsableMargin = 0.25;
 
-void check_input(const sw::Image& image) {
-    if (image.rows == 0 || image.cols == 0) {
-        fail("shapewiener:image:empty", "the image is empty.");
-    }
-    const uint64_t count = static_cast<uint64_t>(image.rows) * image.cols;
-    if (image.pixels.size() != count) {
-        fail("shapewiener:image:size", "the image has " + std::to_string(image.pixels.size()) +
-                                           " values for " + std::to_string(image.rows) + " x " +
-                                           std::to_string(image.cols) + " pixels.");
-    }
-    if (count > 2147483647u) {
-        fail("shapewiener:image:tooLarge", "the image has more than 2^31 - 1 pixels.");
-    }
-    if (image.rows < 16 || image.cols < 16) {
-        fail("shapewiener:image:tooSmall",
-             "estimating the noise needs an image of at least 16 x 16 pixels, got " +
-                 std::to_string(image.rows) + " x " + std::to_string(image.cols) + ".");
-    }
-    for (size_t p = 0; p < image.pixels.size(); ++p) {
-        if (!std::isfinite(image.pixels[p])) {
-            fail("shapewiener:image:notFinite",
-                 "the image has a NaN or Inf value at row " + std::to_string(p % image.rows + 1) +
-                     ", column " + std::to_string(p / image.rows + 1) + ".");
-        }
-    }
-}
-
 // First rows (or columns) of the blocks along an axis of length n: every
 // step pixels, and one more flush with the end when the steps miss it.
 std::vector<uint32_t> block_starts(uint32_t n, uint32_t block) {
@@ -315,7 +288,7 @@ namespace sw {
 NoiseEstimate estimate_noise(const Image& image, const NoiseEstimateOptions& options,
                              const Progress& progress) {
     using swdenoise::fail;
-    swdenoise::check_input(image);
+    swdenoise::check_image(image, 16, "estimating the noise");
     const auto report = [&](double fraction) {
         if (progress && !progress(fraction, "noise estimate")) {
             fail("shapewiener:denoise:interrupted", "the noise estimate was cancelled.",

@@ -42,7 +42,7 @@ struct Settings {
     PeakRule peaks;
 };
 
-// The settings of a preset: "fast", "default" or "best". Throws DenoiseError
+// The settings of a preset: "fast" or "default". Throws DenoiseError
 // ("shapewiener:options:preset") for any other name.
 Settings preset_settings(const std::string& name);
 

@@ -6,7 +6,7 @@
 //   OUT = shapewiener_denoise(Z, 'psd', P)
 //   [OUT, NOISE] = shapewiener_denoise(Z)       (no noise: estimated)
 //   NOISE = shapewiener_denoise(Z, 'estimateOnly', true)
-// with the options 'preset' ('fast', 'default', 'best') and 'threads'. A thin
+// with the options 'preset' ('fast', 'default') and 'threads'. A thin
 // adapter over sw::denoise and sw::denoise_blind / sw::estimate_noise
 // (include/shapewiener/denoise.h, noise.h): it reads the host's arrays,
 // runs, and copies the results out. Errors leave through
@@ -303,7 +303,7 @@ sw::Error run(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
             have_covariance = true;
         } else if (name == "preset") {
             if (!mxIsChar(value)) {
-                return make("shapewiener:preset:notText", "'preset' takes 'fast', 'default' or 'best'.");
+                return make("shapewiener:preset:notText", "'preset' takes 'fast' or 'default'.");
             }
             options.preset = text_of(value);
         } else if (name == "estimateonly") {  // shapewiener_estimate_noise

@@ -1,11 +1,8 @@
-function check_installed_package(tarball, workdir, with_denoise)
+function check_installed_package(tarball, workdir)
   % Installs the package TARBALL under WORKDIR (its own prefix and package
   % lists, so no package of the user is touched), loads it, calls the
-  % filter once and checks the help text; WITH_DENOISE: also the denoiser.
+  % filter and the denoiser once and checks their help texts.
   % Errors on any failure.
-  if nargin < 3
-    with_denoise = false;
-  end
   prefix = fullfile(workdir, 'prefix');
   pkg('prefix', prefix, fullfile(workdir, 'arch'));
   pkg('local_list', fullfile(workdir, 'local_packages'));
@@ -43,22 +40,20 @@ function check_installed_package(tarball, workdir, with_denoise)
     end
   end
 
-  if with_denoise
-    where = which('shapewiener_denoise');
-    if ~strncmp(where, workdir, numel(workdir)) || isempty(regexp(where, '\.mex$', 'once'))
-      error('shapewiener_denoise resolves to "%s", not to the installed MEX file', where);
-    end
-    out = shapewiener_denoise(0.5 + 0.1 * randn(12, 10), 'sigma', 0.1, 'preset', 'fast');
-    if ~isequal(size(out), [12, 10]) || any(~isfinite(out(:)))
-      error('the installed denoiser returned an unexpected result');
-    end
-    if isempty(strfind(evalc('help shapewiener_denoise'), 'Example'))
-      error('help shapewiener_denoise lacks its example');
-    end
-    noise = shapewiener_estimate_noise(0.5 + 0.1 * randn(32, 24));
-    if ~isequal(size(noise.psd), [32, 24]) || ~(noise.sigma > 0)
-      error('the installed noise estimate returned an unexpected result');
-    end
+  where = which('shapewiener_denoise');
+  if ~strncmp(where, workdir, numel(workdir)) || isempty(regexp(where, '\.mex$', 'once'))
+    error('shapewiener_denoise resolves to "%s", not to the installed MEX file', where);
+  end
+  out = shapewiener_denoise(0.5 + 0.1 * randn(12, 10), 'sigma', 0.1, 'preset', 'fast');
+  if ~isequal(size(out), [12, 10]) || any(~isfinite(out(:)))
+    error('the installed denoiser returned an unexpected result');
+  end
+  if isempty(strfind(evalc('help shapewiener_denoise'), 'Example'))
+    error('help shapewiener_denoise lacks its example');
+  end
+  noise = shapewiener_estimate_noise(0.5 + 0.1 * randn(32, 24));
+  if ~isequal(size(noise.psd), [32, 24]) || ~(noise.sigma > 0)
+    error('the installed noise estimate returned an unexpected result');
   end
 
   pkg('unload', 'shapewiener');

@@ -68,13 +68,17 @@ Image ModuleCall::run() { return run_with(mexFunction); }
 
 Image ModuleCall::run_with(Entry entry) {
     restore_images();
+    const auto start = std::chrono::steady_clock::now();
     call_.run_with(entry);
+    seconds_ = seconds_since(start);
     return output();
 }
 
 Image ModuleCall::run_general(uint32_t h) {
     restore_images();
+    const auto start = std::chrono::steady_clock::now();
     call_.run_general(h);
+    seconds_ = seconds_since(start);
     return output();
 }
 
@@ -91,16 +95,14 @@ TwoPassResult filter_two_passes(const swcaller::ShapeArguments& shapes, const st
     settings.wiener_variance_factor = first_factor;
     {
         ModuleCall call(shapes, psd, noisy, noisy, settings);
-        const auto start = std::chrono::steady_clock::now();
         r.first = call.run();
-        r.first_seconds = seconds_since(start);
+        r.first_seconds = call.seconds();
     }
     settings.wiener_variance_factor = second_factor;
     {
         ModuleCall call(shapes, psd, noisy, r.first, settings);
-        const auto start = std::chrono::steady_clock::now();
         r.second = call.run();
-        r.second_seconds = seconds_since(start);
+        r.second_seconds = call.seconds();
     }
     return r;
 }

@@ -52,12 +52,17 @@ public:
     // Copies the stored images back into the arguments.
     void restore_images();
 
+    // Seconds the last run's module call took (the restore and the copy of
+    // the output not counted).
+    double seconds() const { return seconds_; }
+
 private:
     Image output() const;
 
     MexCall call_;
     Image noisy_;
     Image pilot_;
+    double seconds_ = 0.0;
 };
 
 // One pass: filters `noisy` with `pilot` as the pilot estimate.

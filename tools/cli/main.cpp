@@ -51,8 +51,8 @@ int main(int argc, char** argv) {
         "shape, the --psd convention; for a colour image (rows, cols, 3), one per channel)");
     psd->excludes(sigma)->excludes(kernel);
     noise_out->excludes(sigma)->excludes(kernel)->excludes(psd);
-    denoise->add_option("--preset", d.preset, "fast, default or best")
-        ->check(CLI::IsMember({"fast", "default", "best"}))
+    denoise->add_option("--preset", d.preset, "fast or default")
+        ->check(CLI::IsMember({"fast", "default"}))
         ->capture_default_str();
     denoise->add_option("--threads", d.threads, "worker threads (0: all)")->capture_default_str();
     denoise->add_option("--reference", d.reference, "clean image: print the PSNR before and after");
