@@ -17,6 +17,7 @@
 #include "estimate/aggregate.h"
 #include "estimate/wiener.h"
 #include "shape/gather.h"
+#include "estimate/listed.h"
 #include "shape/shape_layout.h"
 #include "simd/simd.h"
 #include "spectrum/levels_fast.h"

@@ -136,23 +136,29 @@ TEST(Threads, EveryThreadCountGivesTheReferenceBits) {
         // bits: stored levels are reused against a new pilot and factor, and
         // recomputed for a new noisy image (constant on its first columns, and
         // too large there for the dither to change it: every coefficient of a
-        // shape inside them is exactly 0, so its levels are too).
+        // shape inside them is exactly 0, so its levels are too). Levels kept
+        // for any image give the same: a key's levels depend on the noisy
+        // image only through which coefficients are exactly 0.
         CallPlan second = plan, flat = plan;
         second.pilot = reference.output;
         second.wiener_variance_factor = 2.5;
         std::fill(flat.noisy.begin(), flat.noisy.begin() + flat.noisy.size() / 2, 1024.0);
         flat.pilot = reference.output;
         PlainCall planned(plan);
-        sw::Plan engine;
-        ASSERT_FALSE(sw::make_plan(planned.call, &engine)) << c.what;
-        unsigned pass = 0;
-        for (const CallPlan* p : {&plan, &second, &flat, &second, &flat}) {
-            const unsigned threads = ++pass % 2 == 0 ? 3u : 1u;
-            std::vector<double> noisy = p->noisy, pilot = p->pilot, out(noisy.size(), -1.0);
-            EXPECT_FALSE(sw::execute(engine, noisy.data(), pilot.data(), p->wiener_variance_factor,
-                                     {}, out.data(), with_threads(threads)));
-            EXPECT_TRUE(swtest::same_bits(out, run(*p, with_threads(1, true)).output))
-                << c.what << ", pass " << pass;
+        for (sw::LevelScope scope : {sw::LevelScope::kThisImage, sw::LevelScope::kAnyImage}) {
+            sw::Plan engine;
+            ASSERT_FALSE(sw::make_plan(planned.call, &engine, true, sw::LevelRule::kComputed, scope))
+                << c.what;
+            unsigned pass = 0;
+            for (const CallPlan* p : {&plan, &second, &flat, &second, &flat}) {
+                const unsigned threads = ++pass % 2 == 0 ? 3u : 1u;
+                std::vector<double> noisy = p->noisy, pilot = p->pilot, out(noisy.size(), -1.0);
+                EXPECT_FALSE(sw::execute(engine, noisy.data(), pilot.data(),
+                                         p->wiener_variance_factor, {}, out.data(),
+                                         with_threads(threads)));
+                EXPECT_TRUE(swtest::same_bits(out, run(*p, with_threads(1, true)).output))
+                    << c.what << ", pass " << pass << ", scope " << static_cast<int>(scope);
+            }
         }
     }
 }

@@ -34,6 +34,18 @@ namespace sw {
 //    bits (the denoiser). Any other call is planned as with kComputed.
 enum class LevelRule { kComputed, kFlatShortcut };
 
+// Which noisy images a plan's stored levels serve.
+//  kThisImage: the one that computed them (run()'s bits).
+//  kAnyImage: every noisy image executed with the plan (same frame): each
+//    key keeps the levels of the first image's first entry, with 0 wherever
+//    an entry's own noisy coefficient is exactly 0 (as computed levels have
+//    where the first image's is). For a caller that filters several images
+//    with the same noise spectrum (the channels of a colour image): the
+//    levels are computed once for all of them. The first image's levels
+//    have run()'s bits; another image's are those of its own spectrum only
+//    up to which of its coefficients are exactly 0.
+enum class LevelScope { kThisImage, kAnyImage };
+
 class Plan {
 public:
     Plan();
@@ -54,7 +66,8 @@ public:
 
 private:
     std::unique_ptr<State> state_;
-    friend Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels, LevelRule rule);
+    friend Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels, LevelRule rule,
+                           LevelScope scope);
     friend Error execute(Plan& plan, double* noisy_image, double* pilot_image,
                          double wiener_variance_factor, const FilterCall::Frame& frame,
                          double* output, const RunOptions& options);
@@ -64,15 +77,16 @@ private:
 // arrays (all but the two images, which each execution names): they must
 // outlive it, unchanged. `keep_levels` false: every execution computes its
 // own levels (one-pass callers save the store's memory). `rule`: see
-// LevelRule.
+// LevelRule; `scope`: see LevelScope.
 Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels = true,
-                LevelRule rule = LevelRule::kComputed);
+                LevelRule rule = LevelRule::kComputed,
+                LevelScope scope = LevelScope::kThisImage);
 
 // One pass: the call the plan was made from, with these images (M x K, as
 // planned; both dithered in place), Wiener factor and frame. Returns what
 // run() returns. The stored levels are those of the first execution's noisy
-// image and frame; an execution with another noisy image or frame computes
-// (and stores) them afresh.
+// image and frame; an execution with another frame, or (LevelScope::
+// kThisImage) another noisy image, computes (and stores) them afresh.
 Error execute(Plan& plan, double* noisy_image, double* pilot_image, double wiener_variance_factor,
               const FilterCall::Frame& frame, double* output,
               const RunOptions& options = RunOptions());

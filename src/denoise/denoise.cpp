@@ -252,7 +252,9 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
         lo = *min;
         hi = *max;
     }
-    const RangeMap range = working_range(lo, hi, settings.normalise_range);
+    // Images that share a plan map ranges of one width (see SharedShapes).
+    const double width = shared != nullptr ? std::max(shared->range_width, hi - lo) : hi - lo;
+    const RangeMap range = working_range(lo, lo + width, settings.normalise_range);
     swcaller::Image noisy(rows, cols);
     for (size_t p = 0; p < noisy.size(); ++p) {
         noisy.pixels[p] = (input.pixels[p] - range.offset) / range.scale;
@@ -292,16 +294,35 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     // (The set-up of a large image takes a while: a cancel point after
     // each step.)
     swcancel::cancel_point();
-    const CallArrays arrays(shapes, psd);
-    swcancel::cancel_point();
     std::vector<double> estimate(noisy.size());
     std::vector<double> noisy_copy = noisy.pixels, pilot = noisy.pixels, previous;
     swcancel::cancel_point();
     // One plan for every pass: the shapes, and the noise levels of the keys
-    // once the first pass has computed them.
-    sw::FilterCall planned = arrays.call(noisy_copy.data(), pilot.data(), rows, cols, first_factor);
-    if (tiled) planned.frame = {tile.rows, tile.cols, tile.row0, tile.col0};
-    sw::Plan plan = plan_passes(planned, settings.passes);
+    // once the first pass has computed them; or the plan of an earlier image
+    // with the same shapes and spectrum (see SharedShapes).
+    const bool reuse = shared != nullptr && shared->planned && shared->psd == psd;
+    std::unique_ptr<CallArrays> own_arrays;
+    sw::Plan own_plan;
+    sw::FilterCall::Frame frame;
+    if (tiled) frame = {tile.rows, tile.cols, tile.row0, tile.col0};
+    if (!reuse) {
+        const bool sharing = shared != nullptr && !shared->planned;
+        if (sharing) shared->psd = psd;
+        own_arrays.reset(new CallArrays(shapes, sharing ? shared->psd : psd));
+        swcancel::cancel_point();
+        sw::FilterCall planned =
+            own_arrays->call(noisy_copy.data(), pilot.data(), rows, cols, first_factor);
+        planned.frame = frame;
+        own_plan = plan_passes(planned, settings.passes,
+                               sharing ? sw::LevelScope::kAnyImage : sw::LevelScope::kThisImage);
+        if (sharing) {
+            shared->arrays = std::move(own_arrays);
+            shared->plan = std::move(own_plan);
+            shared->planned = true;
+        }
+    }
+    sw::Plan& plan = shared != nullptr && shared->planned && shared->psd == psd ? shared->plan
+                                                                              : own_plan;
     const double share = 0.9 / settings.passes;
     for (int pass = 0; pass < settings.passes; ++pass) {
         const double begin = 0.1 + share * pass;
@@ -313,7 +334,7 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
         pilot = pass == 0 ? noisy.pixels : estimate;
         if (pass > 0) previous = estimate;
         run_pass(plan, noisy_copy.data(), pilot.data(), pass == 0 ? first_factor : second_factor,
-                 planned.frame, estimate.data(), threads, [&](double fraction) {
+                 frame, estimate.data(), threads, [&](double fraction) {
                      return !progress || progress(begin + share * fraction, phase);
                  });
         at = begin + share;

@@ -67,10 +67,11 @@ void run_module(const sw::FilterCall& call, double* output, unsigned threads,
     raise_if(e);
 }
 
-sw::Plan plan_passes(const sw::FilterCall& call, int passes) {
+sw::Plan plan_passes(const sw::FilterCall& call, int passes, sw::LevelScope scope) {
     sw::Plan plan;
     // White noise: the levels without spectra (equal up to rounding).
-    raise_if(sw::make_plan(call, &plan, passes > 1, sw::LevelRule::kFlatShortcut));
+    raise_if(sw::make_plan(call, &plan, passes > 1 || scope == sw::LevelScope::kAnyImage,
+                           sw::LevelRule::kFlatShortcut, scope));
     return plan;
 }
 

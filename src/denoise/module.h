@@ -41,9 +41,10 @@ void run_module(const sw::FilterCall& call, double* output, unsigned threads,
                 const std::function<bool(double)>& progress);
 
 // The passes over one image: `call` checked and planned (keeping the noise
-// levels when `passes` > 1), then one execution per pass; errors as
-// run_module's.
-sw::Plan plan_passes(const sw::FilterCall& call, int passes);
+// levels when `passes` > 1, or for any image with `scope` kAnyImage), then
+// one execution per pass; errors as run_module's.
+sw::Plan plan_passes(const sw::FilterCall& call, int passes,
+                     sw::LevelScope scope = sw::LevelScope::kThisImage);
 void run_pass(sw::Plan& plan, double* noisy, double* pilot, double wiener_variance_factor,
               const sw::FilterCall::Frame& frame, double* output, unsigned threads,
               const std::function<bool(double)>& progress);

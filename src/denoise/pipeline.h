@@ -5,10 +5,12 @@
 #define SHAPEWIENER_DENOISE_PIPELINE_H
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "caller/shape_arguments.h"
+#include "denoise/module.h"
 #include "denoise/noise.h"
 #include "denoise/peaks.h"
 #include "denoise/scales.h"
@@ -71,10 +73,24 @@ RangeMap working_range(double lo, double hi, bool normalise);
 // image and stores them here; later ones use them. `rows_only` set by the
 // caller packs every shape by rows (needed when any image's noise spectrum
 // is not transpose-symmetric).
+//
+// The plan is shared too: the first image plans its passes here (levels for
+// any image, sw::LevelScope::kAnyImage) and every later image whose noise
+// spectrum NoisePsd is the same executes that plan, with the levels the
+// first computed. For the spectra to be the same, the caller sets
+// `range_width` (> 0) to the widest value range of the images: every image
+// then maps a range of that width (or its own, if wider) onto the working
+// range, so equal noise gives equal working spectra.
 struct SharedShapes {
     swcaller::ShapeArguments shapes;
     bool ready = false;
     bool rows_only = false;
+    double range_width = 0.0;
+    // Set by the first image that plans (the plan refers to psd and arrays).
+    std::vector<double> psd;
+    std::unique_ptr<CallArrays> arrays;
+    sw::Plan plan;
+    bool planned = false;
 };
 
 // Runs the whole denoiser; see sw::denoise.

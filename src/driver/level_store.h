@@ -30,13 +30,17 @@ struct LevelStore {
     std::vector<uint8_t> known;  // keys; 1 once stored
     bool flat = false;           // every level is flat_level (area set, nothing stored)
     float flat_level = 0.0f;
+    // Stored levels serve other noisy images too (LevelScope::kAnyImage):
+    // a load gives 0 wherever the entry's noisy coefficient is exactly 0.
+    bool any_image = false;
 
     uint64_t keys() const { return known.size(); }
 
     // Writes key `key`'s levels into `levels_out` and returns true when they
     // are stored, or flat: then every coefficient that is exactly 0 in
     // `noisy_coefficients` (the key's first entry) gets 0, as it would from
-    // the spectra, every other one and the mean flat_level.
+    // the spectra, every other one and the mean flat_level. Stored levels
+    // for any image get the same zeros.
     bool load(uint64_t key, const float* noisy_coefficients, float* levels_out,
               float* dc_out) const {
         if (flat) {
@@ -47,7 +51,14 @@ struct LevelStore {
             return true;
         }
         if (key >= known.size() || known[key] == 0) return false;
-        std::memcpy(levels_out, levels.data() + key * area, sizeof(float) * area);
+        const float* stored = levels.data() + key * area;
+        if (any_image) {
+            for (uint32_t t = 0; t < area; ++t) {
+                levels_out[t] = noisy_coefficients[t] == 0.0f ? 0.0f : stored[t];
+            }
+        } else {
+            std::memcpy(levels_out, stored, sizeof(float) * area);
+        }
         *dc_out = dc[key];
         return true;
     }

@@ -12,15 +12,10 @@
 #include <vector>
 
 #include "driver/box.h"
+#include "driver/entry.h"
 #include "driver/filter.h"
 #include "driver/kernels.h"
 #include "driver/level_store.h"
-#include "estimate/aggregate.h"
-#include "estimate/wiener.h"
-#include "shape/gather.h"
-#include "shape/shape.h"
-#include "shape/shape_layout.h"
-#include "transform/shape_transform.h"
 
 namespace sw {
 namespace {
@@ -81,8 +76,7 @@ struct Chunk {
 // The shape of one key and, once its key-change entry has computed them,
 // its noise levels (in the run's level ring).
 struct KeyState {
-    uint32_t direction_scale[8];
-    bool by_columns;
+    KeyShape shape;
     float dc_level;
     std::atomic<uint64_t> ready{0};  // key number + 1 once the levels are in
 };
@@ -96,13 +90,6 @@ uint64_t chunk_bytes(const WorkspaceSizes& sizes) {
     return kChunkSlots * per_chunk + c.key_slots * (sizeof(KeyState) + c.box_area * sizeof(float)) +
            committing;
 }
-
-// A thread's listed shape and the key and clipping it was made for.
-struct ListedShape {
-    ShapeLayout layout;
-    uint64_t key = UINT64_MAX;
-    ClipReach reach{};
-};
 
 // Marks a shape's pixels in the coverage counts, as the aggregation does.
 template <class Box>
@@ -191,14 +178,7 @@ public:
         const CallState& cs = ws_.call;
         own_scratch_ = workspace_scratch(ws_, sizes_, threads_ - 1);
         own_listed_.layout = {own_scratch_.pixel_offset, own_scratch_.packed_slot};
-        for (uint32_t i = 0; i < sizes_.w; ++i) cs.transform_table[i] = call_.transforms[i].data;
-        for (uint32_t i = 0; i < sizes_.l; ++i) {
-            cs.rounded_scales[i] = round_to_unsigned(call_.scale_set.data[i]);
-        }
-        std::memset(output_, 0, sizeof(double) * pixel_count_);
-        std::memset(cs.weight_sum, 0, sizeof(float) * pixel_count_);
-        std::memset(cs.coverage_count, 0, sizeof(uint16_t) * pixel_count_);
-        dither_call_images(call_.noisy_image, call_.pilot_image, m_, k_, call_.frame);
+        entry_setup(call_, cs, sizes_.w, sizes_.l, output_);
 
         uint64_t planned = 0;
         uint64_t committed = 0;
@@ -228,8 +208,8 @@ public:
                 if (committing_.key != pe.key || !(committing_.reach == reach)) {
                     const KeyState& ks = keys_[pe.key % limits_.key_slots];
                     const uint8_t* masks[8];
-                    fetch_sector_masks(call_.sector_masks, ks.direction_scale, box_.H(), masks);
-                    build_layout(box_, row, col, clip, masks, ks.by_columns, m_,
+                    fetch_sector_masks(call_.sector_masks, ks.shape.direction_scale, box_.H(), masks);
+                    build_layout(box_, row, col, clip, masks, ks.shape.by_columns, m_,
                                  commit_mask_.data(), commit_counts_.data(), &committing_.layout);
                     committing_.key = pe.key;
                     committing_.reach = reach;
@@ -289,7 +269,7 @@ private:
                 ++key_count_;
                 KeyState& ks = keys_[(key_count_ - 1) % limits_.key_slots];
                 shape_parameters(call_.direction_scale_map.data, q, pixel_count_, cs.rounded_scales,
-                                 ks.direction_scale, &ks.by_columns);
+                                 ks.shape.direction_scale, &ks.shape.by_columns);
                 ++chunk_keys;
                 c->order.push_back(static_cast<uint32_t>(c->entries.size()));
             }
@@ -299,7 +279,7 @@ private:
             if (skipping_) {
                 const KeyState& ks = keys_[key_number % limits_.key_slots];
                 const uint8_t* masks[8];
-                fetch_sector_masks(call_.sector_masks, ks.direction_scale, box_.H(), masks);
+                fetch_sector_masks(call_.sector_masks, ks.shape.direction_scale, box_.H(), masks);
                 count_coverage(box_, row, col, clip, masks, m_, cs.coverage_count);
             }
             previous_key_ = key;
@@ -412,43 +392,14 @@ private:
     // aggregate.
     void compute(Chunk& c, uint32_t e, const EntryScratch& sc, ListedShape* listed) {
         const PlannedEntry& pe = c.entries[e];
-        const uint32_t col = pe.pixel / m_;
-        const uint32_t row = pe.pixel - col * m_;
-        const ClippedBox clip = clipped_box(row, col, m_, k_, box_.H());
         const uint64_t slot = pe.key % limits_.key_slots;
         KeyState& ks = keys_[slot];
         float* levels = levels_.data() + slot * limits_.box_area;
-        const double* const* table = ws_.call.transform_table;
-
-        const ClipReach reach = clip_reach(clip, row, col);
-        if (listed->key != pe.key || !(listed->reach == reach)) {
-            const uint8_t* masks[8];
-            fetch_sector_masks(call_.sector_masks, ks.direction_scale, box_.H(), masks);
-            build_layout(box_, row, col, clip, masks, ks.by_columns, m_, sc.shape_mask,
-                         sc.column_count, &listed->layout);
-            listed->key = pe.key;
-            listed->reach = reach;
-        }
-        const GatherResult g =
-            gather_listed(box_, clip, listed->layout, call_.noisy_image, call_.pilot_image, m_,
-                          sc.noisy_gather, sc.pilot_gather, sc.row_count, sc.row_cursor);
-        remove_mean_listed(box_, listed->layout, g.noisy_mean, sc.noisy_gather, sc.pilot_gather,
-                           sc.noisy_coefficients, sc.pilot_coefficients);
-        Kernels::forward(box_, sc.noisy_gather, sc.pilot_gather, sc.noisy_coefficients,
-                         sc.pilot_coefficients, sc.column_count, sc.row_count,
-                         g.max_column_count, table);
+        const EntryInputs<HC> in(call_, ws_.call, box_.h);
+        const EntryState es = entry_gather<Kernels>(in, pe.pixel, pe.key, ks.shape, sc, listed);
+        entry_forward<Kernels>(in, es, sc);
         if (pe.key_change) {
-            if (store_ == nullptr ||
-                !store_->load(pe.key, sc.noisy_coefficients, levels, &ks.dc_level)) {
-                const SpectrumContext spectrum{sizes_.n,         ws_.call.twiddle, sc.spatial_block,
-                                               sc.row_spectrum,  sc.block_spectrum,
-                                               call_.noise_psd.data, call_.noise_level_factor};
-                ks.dc_level = Kernels::noise_levels(
-                    box_, spectrum, sc.noisy_coefficients, sc.noisy_gather, sc.column_count,
-                    sc.row_count, sc.row_cursor, g.max_column_count, table, sc.shape_mask,
-                    ks.by_columns, g.shape_size, levels);
-                if (store_ != nullptr) store_->save(pe.key, levels, ks.dc_level);
-            }
+            ks.dc_level = entry_levels<Kernels>(in, es, pe.key, ks.shape, sc, store_, levels);
             {
                 std::lock_guard<std::mutex> lock(mutex_);
                 ks.ready.store(pe.key + 1, std::memory_order_release);
@@ -461,16 +412,11 @@ private:
             });
             if (failed_.load()) return;
         }
-        std::memset(sc.row_cursor, 0, sizeof(int32_t) * sizes_.w);
-        const double shape_size = static_cast<double>(g.shape_size);
-        const ShrinkResult s = wiener_shrink_listed(
-            box_, sc.row_count, g.max_column_count, sc.noisy_coefficients, sc.pilot_coefficients,
-            levels, ks.dc_level, g.noisy_mean, g.pilot_mean, shape_size,
-            call_.wiener_variance_factor, sc.noisy_gather, sc.pilot_gather);
-        Kernels::inverse(box_, sc.noisy_coefficients, sc.noisy_gather, sc.column_count,
-                         sc.row_count, sc.row_cursor, g.max_column_count, table);
+        const ShrinkResult s = entry_shrink<Kernels>(in, es, sc, levels, ks.dc_level);
+        entry_inverse<Kernels>(in, es, sc);
         c.weights[e] = estimate_listed(listed->layout, sc.noisy_gather, s.dc_estimate,
-                                       s.estimate_variance, shape_size,
+                                       s.estimate_variance,
+                                       static_cast<double>(es.gather.shape_size),
                                        c.values.data() + pe.offset);
     }
 

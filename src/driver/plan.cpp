@@ -96,7 +96,8 @@ bool flat_level(const FilterCall& call, float* level) {
 }
 
 // Plans without checking (run() is only given checked calls).
-Error plan_call(const FilterCall& call, Plan::State* s, bool keep_levels, LevelRule rule) {
+Error plan_call(const FilterCall& call, Plan::State* s, bool keep_levels, LevelRule rule,
+                LevelScope scope) {
     s->call = call;
     s->h = round_to_unsigned(call.max_scale);
     s->keep_levels = false;
@@ -118,6 +119,7 @@ Error plan_call(const FilterCall& call, Plan::State* s, bool keep_levels, LevelR
         s->store.levels.assign(keys * w * w, 0.0f);
         s->store.dc.assign(keys, 0.0f);
         s->store.known.assign(keys, 0);
+        s->store.any_image = scope == LevelScope::kAnyImage;
         s->keep_levels = true;
     } catch (const std::bad_alloc&) {
         s->store = LevelStore();  // computed per execution instead
@@ -127,12 +129,13 @@ Error plan_call(const FilterCall& call, Plan::State* s, bool keep_levels, LevelR
 
 }  // namespace
 
-Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels, LevelRule rule) {
+Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels, LevelRule rule,
+                LevelScope scope) {
     const Error e = check(call);
     if (e) return e;
     swcancel::cancel_point();
     plan->state_.reset(new Plan::State);
-    return plan_call(call, plan->state_.get(), keep_levels, rule);
+    return plan_call(call, plan->state_.get(), keep_levels, rule, scope);
 }
 
 Error execute(Plan& plan, double* noisy_image, double* pilot_image, double wiener_variance_factor,
@@ -144,7 +147,14 @@ Error execute(Plan& plan, double* noisy_image, double* pilot_image, double wiene
     call.wiener_variance_factor = wiener_variance_factor;
     call.frame = frame;
     LevelStore* store = s.store.flat ? &s.store : nullptr;
-    if (s.keep_levels) {
+    if (s.keep_levels && s.store.any_image) {
+        if (!s.bound || !same_frame(frame, s.frame)) {
+            s.store.forget();
+            s.frame = frame;
+            s.bound = true;
+        }
+        store = &s.store;
+    } else if (s.keep_levels) {
         const size_t count = static_cast<size_t>(call.image_dims.elements());
         if (!s.bound || !same_frame(frame, s.frame) ||
             std::memcmp(noisy_image, s.noisy.data(), sizeof(double) * count) != 0) {
@@ -165,7 +175,7 @@ Error execute(Plan& plan, double* noisy_image, double* pilot_image, double wiene
 
 Error run(const FilterCall& call, double* output, const RunOptions& options) {
     Plan::State s;
-    plan_call(call, &s, false, LevelRule::kComputed);
+    plan_call(call, &s, false, LevelRule::kComputed, LevelScope::kThisImage);
     return stored_levels_entry(s.h)(call, output, options, s.h, nullptr);
 }
 
