@@ -492,9 +492,15 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
         }
         const double largest = *std::max_element(variance.begin(), variance.end());
         // One working-range width for every filtered channel: channels with
-        // the same noise then share one plan and its levels.
+        // the same noise then share one plan and its levels. (A tile's
+        // channels: their frame's ranges.)
         for (uint32_t k = 0; k < kColours; ++k) {
             if (!(variance[k] > 1e-12 * largest)) continue;
+            if (tiled) {
+                shared.range_width =
+                    std::max(shared.range_width, colour.tile_ranges[2 * k + 1] - colour.tile_ranges[2 * k]);
+                continue;
+            }
             const auto [lo, hi] = std::minmax_element(channels[k].pixels.begin(), channels[k].pixels.end());
             shared.range_width = std::max(shared.range_width, *hi - *lo);
         }
