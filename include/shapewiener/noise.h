@@ -48,7 +48,9 @@ struct NoiseEstimate {
 // frequencies at once) are averaged, with a fixed factor that undoes the
 // bias of choosing the lowest, and the block-sized spectrum is
 // interpolated to the image's size. Narrow peaks, which the blocks blur,
-// take their shape from the whole image's periodogram.
+// take their shape from the whole image's periodogram. Without such peaks,
+// a spectrum flat above 0.14 cycles per pixel is taken as white noise (its
+// rise towards DC as the image's own structure) and made flat.
 // Progress phase: "noise estimate". Throws DenoiseError:
 // "shapewiener:image:<reason>" (empty, size, notFinite, tooLarge, tooSmall),
 // "shapewiener:denoise:interrupted".

@@ -9,6 +9,7 @@
 
 #include "denoise/fail.h"
 #include "denoise/fft.h"
+#include "denoise/white_floor.h"
 #include "driver/parallel.h"
 
 namespace swdenoise {
@@ -466,7 +467,10 @@ NoiseEstimate estimate_noise(const Image& image, const NoiseEstimateOptions& opt
     }
 
     result.psd = swdenoise::interpolate(spectrum, b, rows, cols);
+    const std::vector<double> smooth = result.psd;
     swdenoise::refine_peaks(image, spectrum, b, &result.psd);
+    // Without narrow peaks, a spectrum flat above the lowest frequencies is white.
+    if (result.psd == smooth && swdenoise::settle_white(&result.psd, rows, cols)) result.white = true;
     double total = 0.0;
     for (double v : result.psd) total += v;
     result.sigma = std::sqrt(total / (static_cast<double>(rows) * cols));
