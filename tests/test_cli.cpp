@@ -302,6 +302,10 @@ TEST_F(Cli, HostileInputsChangeNothing) {
         std::ofstream(path("complex.npy"), std::ios::binary)
             << std::string("\x93NUMPY\x01\x00\x34\x00", 10)
             << "{'descr': '<c16', 'fortran_order': False, 'shape': (1, 1), }\n" << std::string(16, '\0');
+        const std::string five = "{'descr': '<f8', 'fortran_order': False, 'shape': (2, 2, 5), }\n";
+        std::ofstream(path("five.npy"), std::ios::binary)
+            << std::string("\x93NUMPY\x01\x00", 8) << static_cast<char>(five.size()) << '\0' << five
+            << std::string(2 * 2 * 5 * 8, '\0');
         std::ofstream(path("int64.npy"), std::ios::binary)  // 2^53 + 1
             << std::string("\x93NUMPY\x01\x00\x3c\x00", 10)
             << "{'descr': '<i8', 'fortran_order': False, 'shape': (1, 1), }\n"
@@ -325,6 +329,7 @@ TEST_F(Cli, HostileInputsChangeNothing) {
         {"denoise missing.png OUT --sigma 25", 1, "missing.png"},
         {"denoise bad.png OUT --sigma 25", 1, "not a readable PNG"},
         {"denoise ga.png OUT --sigma 25", 1, "has 2 channels (grey and alpha)"},
+        {"denoise five.npy OUT --sigma 25", 1, "has 5 channels; images are grey (1 channel), RGB (3)"},
         {"denoise rgba.png out.jpg --sigma 25", 1, "JPEG holds no alpha channel"},
         {"denoise grey.png OUT --channel-covariance c.txt", 1, "for colour images"},
         {"denoise rgb.tif OUT --channel-covariance k.txt", 1, "it must be 3 x 3"},
@@ -505,6 +510,26 @@ TEST_F(Cli, BlindDenoiseAndTheNoiseCommand) {
     const auto at = [&](uint32_t r, uint32_t c) { return plot.image.pixels[r + size_t{64} * c]; };
     EXPECT_GT(at(32, 37), at(0, 0) + 100) << at(32, 37) << " " << at(0, 0);
     EXPECT_EQ(*std::max_element(plot.image.pixels.begin(), plot.image.pixels.end()), 255.0);
+
+    // A colour image: the library's estimate, each channel's spectrum in
+    // --psd-out as (rows, cols, 3), the shape the --psd of a colour image takes.
+    const size_t plane = noisy.image.pixels.size();
+    sw::ColourImage rgb{64, 72, 3, noisy.image.pixels};
+    for (size_t k = 1; k < 3; ++k) {
+        for (size_t p = 0; p < plane; ++p) rgb.pixels.push_back(255.0 - noisy.image.pixels[(p + 7 * k) % plane]);
+    }
+    swio::write_channels(path("rgb64.png"), path("rgb64.png"), rgb, sw::SampleType::kUint8);
+    ASSERT_EQ(run("noise " + path("rgb64.png") + " --psd-out " + path("psd3.npy"), &err, &out), 0) << err;
+    const sw::ColourNoiseEstimate c = sw::estimate_colour_noise(rgb);
+    std::snprintf(sigma, sizeof sigma, "sigma     R %.6g, ", std::sqrt(c.covariance[0]));
+    EXPECT_NE(out.find(sigma), std::string::npos) << out;
+    const swio::Array2 psd3 = swio::read_npy(path("psd3.npy"), 0, true);
+    ASSERT_EQ(psd3.channels, 3u);
+    for (size_t k = 0; k < 3; ++k) {
+        for (size_t f = 0; f < plane; f += 97) {
+            EXPECT_EQ(psd3.values[f + k * plane], c.shape[f] * c.covariance[k * 4]);
+        }
+    }
 }
 
 TEST_F(Cli, FilterReproducesTheSharedWorkload) {

@@ -47,7 +47,7 @@ std::string refusal(const sw::ColourImage& im, const sw::ColourNoise& noise,
 TEST(Colour, Refusals) {
     const sw::NoiseModel white = sw::NoiseModel::white(0.1);
     const std::array<double, 9> unit = {1, 0, 0, 0, 1, 0, 0, 0, 1};
-    sw::DenoiseOptions tiled;
+    sw::DenoiseOptions tiled;  // the channels' ranges left at 0: the tile lies outside them
     tiled.tile = {80, 80, 0, 0, 0.0, 1.0};
     struct Case {
         const char* what;
@@ -71,7 +71,10 @@ TEST(Colour, Refusals) {
         {"zero", test_image(3, 0.1, false), sw::ColourNoise::correlated(white, {}), {}, "shapewiener:noise:covariance"},
         {"NaN", test_image(3, 0.1, false), sw::ColourNoise::correlated(white, {NAN, 0, 0, 0, 1, 0, 0, 0, 1}), {},
          "shapewiener:noise:covariance"},
-        {"tile", test_image(3, 0.1, false), sw::ColourNoise::correlated(white, unit), tiled, "shapewiener:tile:colour"},
+        {"tile outside its ranges", test_image(3, 0.1, false), sw::ColourNoise::correlated(white, unit), tiled,
+         "shapewiener:tile:range"},
+        {"tile, noise estimated", test_image(3, 0.1, false), sw::ColourNoise::estimated(), tiled,
+         "shapewiener:options:tile"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -155,6 +158,62 @@ TEST(Colour, GreyImageIsTheGreyCase) {
     for (uint32_t k = 0; k < 3; ++k) {
         for (size_t p = 0; p < plane; ++p) EXPECT_NEAR(out.pixels[p + k * plane], expected.pixels[p], 1e-9);
     }
+}
+
+// Noise with a known channel covariance and spatial shape on a smooth
+// image: the estimate finds the channels' variances and correlations, and
+// the blind call is the denoiser with that estimate. A constant image has
+// no noise: no model, and the blind call returns it unchanged.
+TEST(Colour, EstimatedCovarianceKnownAnswer) {
+    const uint32_t side = 96;
+    const size_t plane = size_t{side} * side;
+    // Channel covariance L L^T (per pixel), spatial shape of a 3 x 3 box.
+    const double l[9] = {10, 0, 0, 6, 8, 0, 3, 4, 9};
+    std::array<double, 9> truth{};
+    for (int i = 0; i < 3; ++i) {
+        for (int j = 0; j < 3; ++j) {
+            for (int k = 0; k < 3; ++k) truth[i * 3 + j] += l[i * 3 + k] * l[j * 3 + k];
+        }
+    }
+    std::mt19937 gen(11);
+    std::normal_distribution<double> n(0.0, 1.0);
+    std::vector<double> w(3 * plane);
+    for (double& v : w) v = n(gen);
+    sw::ColourImage noisy{side, side, 3, std::vector<double>(3 * plane)};
+    for (uint32_t c = 0; c < side; ++c) {
+        for (uint32_t r = 0; r < side; ++r) {
+            for (uint32_t k = 0; k < 3; ++k) {
+                double box = 0.0;  // unit variance: a 3 x 3 box mean times 3
+                for (uint32_t m = 0; m < 3; ++m) {
+                    for (int dc = -1; dc <= 1; ++dc) {
+                        for (int dr = -1; dr <= 1; ++dr) {
+                            const size_t q = (r + side + dr) % side + ((c + side + dc) % side) * size_t{side};
+                            box += l[k * 3 + m] * w[q + m * plane] / 3.0;
+                        }
+                    }
+                }
+                noisy.pixels[r + c * size_t{side} + k * plane] = 100.0 + 40.0 * k + 0.3 * r + 0.2 * c + box;
+            }
+        }
+    }
+    const sw::ColourNoiseEstimate e = sw::estimate_colour_noise(noisy);
+    for (int i = 0; i < 3; ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_NEAR(e.covariance[i * 4] / truth[i * 4], 1.0, 0.15);
+        for (int j = 0; j < i; ++j) {
+            const double norm = std::sqrt(truth[i * 4] * truth[j * 4]);
+            EXPECT_NEAR(e.covariance[i * 3 + j] / norm, truth[i * 3 + j] / norm, 0.1);
+        }
+    }
+    EXPECT_FALSE(e.white);
+    sw::DenoiseOptions fast;
+    fast.preset = "fast";
+    const sw::ColourImage blind = sw::denoise_colour(noisy, sw::ColourNoise::estimated(), fast);
+    EXPECT_EQ(blind.pixels, sw::denoise_colour(noisy, e.noise, fast).pixels);
+
+    const sw::ColourImage flat{side, side, 4, std::vector<double>(4 * plane, 0.25)};
+    EXPECT_TRUE(sw::estimate_colour_noise(flat).noise.models.empty());
+    EXPECT_EQ(sw::denoise_colour(flat, sw::ColourNoise::estimated(), fast).pixels, flat.pixels);
 }
 
 }  // namespace

@@ -8,14 +8,19 @@ between the channels or correlated across them (channel correlation 0.6
 between neighbours, 0.4 between R and B), two levels. The noise of a case
 has the cross-spectrum sigma^2 R[i, j] P / mean(P) between channels i and
 j, P the spatial spectrum, R the channel correlation (the identity when
-independent); ours is given exactly that description.
+independent); ours is given exactly that description, and is also run
+blind (no noise given: estimated from the image), next to our grey blind
+denoiser on R, G and B.
 
 Peers are tuned per case against the clean image over a small grid; their
 best results are cached in COLOUR_PEERS.csv and computed once. Run from
-the repository root (about 5 min on one free core; --figure PNG writes the
+the repository root (about 10 min on one free core; --figure PNG writes the
 README's picture instead):
 
     nice -n 10 /usr/bin/python3 bench/quality/colour.py --python build/python
+
+or in parts (--images, each into its own --out holding a copy of
+COLOUR_PEERS.csv), then --merge their COLOUR.csv files.
 """
 
 import argparse
@@ -112,6 +117,10 @@ def ours(sw, noisy, psd, cov, corr, mode):
                         for k in range(3)], axis=2)
     elif mode == "colour":
         out = sw.denoise(noisy, psd=psd, channel_covariance=cov, threads=1)
+    elif mode == "blind":
+        out = sw.denoise(noisy, threads=1)
+    elif mode == "perchannel_blind":
+        out = np.stack([sw.denoise(noisy[:, :, k], threads=1) for k in range(3)], axis=2)
     else:
         from shapewiener import _colour, _core
         kind, models, covariance = _colour.colour_noise(None, None, psd, cov, psd.shape,
@@ -126,8 +135,22 @@ def main(argv=None):
     ap.add_argument("--python", default="build/python", help="folder holding the shapewiener package")
     ap.add_argument("--images", default=",".join(IMAGES))
     ap.add_argument("--out", default=HERE)
+    ap.add_argument("--modes", help="run only these of ours (comma-separated), e.g. "
+                                    "blind,perchannel_blind")
+    ap.add_argument("--merge", nargs="+", metavar="CSV",
+                    help="merge these COLOUR.csv files (runs over parts of --images) into "
+                         "--out's and print the summary; nothing is run")
     ap.add_argument("--figure", help="write noisy | ours | per-channel | best peer to this PNG")
     a = ap.parse_args(argv)
+    if a.merge:
+        rows = []
+        for path in a.merge:
+            with open(path) as f:
+                rows += [{k: (v if k in ("case", "image", "noise", "channels") or v == ""
+                              else float(v)) for k, v in r.items()} for r in csv.DictReader(f)]
+        rows = [{k: v for k, v in r.items() if v != ""} for r in rows]
+        write_rows(rows, a.out)
+        return summary(rows)
     sys.path.insert(0, os.path.abspath(a.python))
     import shapewiener as sw
     if a.figure:
@@ -161,8 +184,9 @@ def main(argv=None):
                         got = cache[(name, method)]
                         row[method] = float(got["psnr"])
                         row[method + "_ssim"] = float(got["ssim"])
-                    modes = ("colour", "perchannel") + (("noisebasis",) if corr == "correlated" else ())
-                    for mode in modes:
+                    modes = ("colour", "perchannel", "blind", "perchannel_blind") + (
+                        ("noisebasis",) if corr == "correlated" else ())
+                    for mode in (m for m in modes if not a.modes or m in a.modes.split(",")):
                         out, seconds = ours(sw, noisy, psd, cov, corr, mode)
                         row[mode] = psnr(clean, out)
                         row[mode + "_ssim"] = ssim(clean, out)
@@ -170,13 +194,18 @@ def main(argv=None):
                     print(name, " ".join(f"{k}={v:.3f}" for k, v in row.items()
                                          if isinstance(v, float)), flush=True)
                     rows.append(row)
-    fields = sorted({k for r in rows for k in r}, key=lambda k: (k not in ("case", "image", "noise", "channels", "level"), k))
-    with open(os.path.join(a.out, "COLOUR.csv"), "w", newline="") as f:
+    write_rows(rows, a.out)
+    summary(rows)
+
+
+def write_rows(rows, folder):
+    fields = sorted({k for r in rows for k in r},
+                    key=lambda k: (k not in ("case", "image", "noise", "channels", "level"), k))
+    with open(os.path.join(folder, "COLOUR.csv"), "w", newline="") as f:
         w = csv.DictWriter(f, fields)
         w.writeheader()
         for r in rows:
             w.writerow(r)
-    summary(rows)
 
 
 def figure(sw, path, case=("astronaut", "gauss1", "independent", 0.1)):
@@ -199,7 +228,8 @@ def summary(rows):
     def mean(xs):
         xs = [x for x in xs if x is not None]
         return sum(xs) / len(xs) if xs else float("nan")
-    cols = ("noisy", "colour", "noisebasis", "perchannel", "opencv", "skimage")
+    cols = ("noisy", "colour", "noisebasis", "perchannel", "blind", "perchannel_blind", "opencv",
+            "skimage")
     print("| noise | channels | " + " | ".join(cols) + " | colour - best peer | colour - per-channel |")
     print("|---" * (len(cols) + 4) + "|")
     groups = sorted({(r["noise"], r["channels"]) for r in rows}) + [("all", "all")]

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "shapewiener/denoise.h"
+#include "shapewiener/noise.h"
 
 namespace sw {
 
@@ -39,10 +40,8 @@ struct ColourImage {
 //   shape counts: sigma is ignored); covariance (3 x 3, row-major,
 //   symmetric, positive semi-definite) is thus the per-pixel covariance of
 //   the channels' noise;
-// - estimated: unknown, taken to be the same in every channel; its
-//   spectrum is estimated from the image (estimate_noise on each rotated
-//   channel, at least 16 x 16 pixels; at each frequency the smallest of the
-//   three, since texture mistaken for noise can only raise an estimate).
+// - estimated: unknown; estimated from the image (estimate_colour_noise, at
+//   least 16 x 16 pixels) as one spatial shape times a channel covariance.
 struct ColourNoise {
     enum class Kind { kSame, kPerChannel, kCorrelated, kEstimated };
     Kind kind = Kind::kSame;
@@ -68,6 +67,11 @@ struct ColourOptions {
     // false: denoise each channel on its own, with its own shapes (for
     // comparison; the noise across channels is then ignored).
     bool joint = true;
+    // For a tile (DenoiseOptions::tile set; its value_min and value_max are
+    // not used): the frame's smallest and largest value of each channel
+    // that is filtered, {min0, max0, min1, max1, min2, max2}, as
+    // colour_ranges gives them for the whole image.
+    std::array<double, 6> tile_ranges{};
 };
 
 // The 3 x 3 rotation (row-major; row 0 the luminance-like channel) used for
@@ -75,10 +79,57 @@ struct ColourOptions {
 // description (see denoise_colour).
 std::array<double, 9> colour_basis(const ColourNoise& noise, const ColourOptions& colour);
 
+// The smallest and largest value of each channel denoise_colour filters
+// (the rotated channels; R, G and B when not joint), {min0, max0, min1,
+// max1, min2, max2}: what a tile of `image` needs in ColourOptions. Throws
+// as colour_basis, and for a bad image as denoise_colour.
+std::array<double, 6> colour_ranges(const ColourImage& image, const ColourNoise& noise,
+                                    const ColourOptions& colour = ColourOptions());
+
+// The noise of a colour image, estimated from the image itself: one
+// spatial shape times a channel covariance (the correlated form of
+// ColourNoise).
+struct ColourNoiseEstimate {
+    uint32_t rows = 0;  // the image's size
+    uint32_t cols = 0;
+    // The spatial shape: rows x cols, column-major, DC at (0, 0), mean 1.
+    std::vector<double> shape;
+    // The per-pixel covariance of R, G and B's noise (row-major): the
+    // cross-spectrum of channels i and j is covariance[i * 3 + j] * shape.
+    std::array<double, 9> covariance{};
+    // The smallest usable fraction of the estimates read (see
+    // NoiseEstimate), and whether they all found white noise.
+    double usable_fraction = 0.0;
+    bool white = false;
+    // The noise denoise_colour uses when given ColourNoise::estimated():
+    // ColourNoise::correlated with this shape and covariance; no model
+    // (models empty) when no noise was found.
+    ColourNoise noise;
+};
+
+// Estimates the noise of a colour image (at least 16 x 16 pixels; a fourth
+// channel is ignored). The channels are rotated as denoise_colour rotates
+// them (luminance and two opponent differences) and each rotated channel's
+// spectrum estimated (estimate_noise). The shape is read from the two
+// colour-difference channels, where the image has the least structure; each
+// rotated channel's variance is the median, over the frequencies, of its
+// spectrum's ratio to that shape (texture mistaken for noise raises some
+// frequencies, not all), and each pair's covariance is read the same way
+// from the spectrum of the pair's sum. Same image, same bits, whatever
+// options.threads.
+// Progress phase: "noise estimate". Throws as estimate_noise and, for a bad
+// image, as denoise_colour.
+ColourNoiseEstimate estimate_colour_noise(const ColourImage& image,
+                                          const NoiseEstimateOptions& options = NoiseEstimateOptions(),
+                                          const Progress& progress = Progress());
+
 // Denoises a colour image. Returns the estimate: same size and channels,
 // double, not clipped; a fourth channel is copied unchanged. Options as for
-// denoise() (options.tile is not supported: tiles must be whole images);
-// the progress fraction runs over the three channels in turn. Same inputs,
+// denoise(); a tile (options.tile) also needs colour.tile_ranges and a
+// noise description (not estimated: a tile's noise is its frame's). The
+// progress fraction runs over the three channels in turn. Estimated noise:
+// denoise_colour(image, estimate_colour_noise(image).noise) bit for bit,
+// and the image unchanged when that estimate is all zero. Same inputs,
 // same bits, whatever options.threads. Throws DenoiseError as denoise(),
 // and "shapewiener:image:channels" (not 3 or 4 channels),
 // "shapewiener:noise:channels" (per-channel models not 3),

@@ -15,8 +15,9 @@ images on a Dask cluster. Every rejected call raises ``shapewiener.Error``.
 
 from ._denoise import denoise, remove_noise_peaks
 from ._filter import filter  # noqa: A004 - the module's own name
-from ._noise import NoiseEstimate, estimate_noise
+from ._noise import ColourNoiseEstimate, NoiseEstimate, estimate_noise
 from .errors import Error
 
 from ._version import __version__
-__all__ = ["denoise", "estimate_noise", "NoiseEstimate", "remove_noise_peaks", "filter", "Error"]
+__all__ = ["denoise", "estimate_noise", "NoiseEstimate", "ColourNoiseEstimate", "remove_noise_peaks",
+           "filter", "Error"]

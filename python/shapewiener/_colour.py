@@ -74,8 +74,10 @@ def colour_noise(sigma, kernel, psd, channel_covariance, plane, number, matrix):
 
 
 def denoise_colour(a, *, sigma, kernel, psd, channel_covariance, preset, threads, callback,
-                   number, matrix, warn, basis="opponent", joint=True):
-    """shapewiener.denoise for an array of shape (rows, cols, 3 or 4)."""
+                   number, matrix, warn, basis="opponent", joint=True, tile=None):
+    """shapewiener.denoise for an array of shape (rows, cols, 3 or 4);
+    `tile`: None, or (frame rows, frame cols, row0, col0) and the frame's
+    six channel ranges (``_core.colour_ranges``), the noise the frame's."""
     check_colour_shape(a.shape)
     refusal = _core.size_refusal(a.shape[0], a.shape[1],
                                  _core.denoise_bytes_per_pixel(str(preset)) + 16 * a.shape[2])
@@ -83,9 +85,10 @@ def denoise_colour(a, *, sigma, kernel, psd, channel_covariance, preset, threads
         raise Error("shapewiener:image:tooLarge", f"the image has {refusal}.")
     image = a if a.dtype == np.float64 else a.astype(np.float64)
     kind, models, covariance = colour_noise(sigma, kernel, psd, channel_covariance,
-                                            a.shape[:2], number, matrix)
+                                            a.shape[:2] if tile is None else tile[:2], number,
+                                            matrix)
     colours = image[:, :, :3]
-    if kind == "estimated":
+    if kind == "estimated" or tile is not None:
         pass
     elif kind == "correlated":
         spread = np.sqrt(max(covariance[0], covariance[4], covariance[8], 0.0))
@@ -93,5 +96,5 @@ def denoise_colour(a, *, sigma, kernel, psd, channel_covariance, preset, threads
     else:
         warn(colours.min(), colours.max(), a.dtype, *models[0], stacklevel=4)
     out, _report = _core.denoise_colour(image, kind, models, covariance, str(preset), threads,
-                                        callback, basis, bool(joint))
+                                        callback, basis, bool(joint), tile)
     return out

@@ -157,7 +157,8 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
     Without `sigma`, `kernel` or `psd` the noise is estimated from the
     image itself (``estimate_noise``): ``denoise(z)`` equals
     ``denoise(z, psd=estimate_noise(z).psd)``, bit for bit (an image whose
-    estimate is all zero, a constant one, comes back unchanged).
+    estimate is all zero, a constant one, comes back unchanged); for a
+    colour image ``denoise(z, **estimate_noise(z).noise)``.
 
     Noise levels are in the units of the values as you hold them: an
     8-bit image's noise in grey levels 0..255, a 16-bit image's in
@@ -255,12 +256,24 @@ def denoise(z, *, sigma=None, kernel=None, psd=None, preset="default", threads=N
     """
     a = np.asarray(z)  # no copy for an array
     check_dtype(a.dtype, "image")
-    if a.ndim == 3 and _tile is None:
+    if a.ndim == 3:
         callback = _ProgressLine() if progress is True else (progress or None)
+        blind = all(v is None for v in (sigma, kernel, psd, channel_covariance))
+        if blind and _with_estimate:  # the batch reports what was estimated
+            from ._noise import estimate_noise
+            found = estimate_noise(a, threads=threads)
+            if not found.noise:
+                return stored_as(a.astype(np.float64), a.dtype), found
+            out = _colour.denoise_colour(a, **found.noise, sigma=None, kernel=None,
+                                         preset=preset, threads=threads_count(threads),
+                                         callback=callback, number=_number, matrix=_as_matrix,
+                                         warn=lambda *args, **kwargs: None)
+            return stored_as(out, a.dtype), found
         out = _colour.denoise_colour(a, sigma=sigma, kernel=kernel, psd=psd,
                                      channel_covariance=channel_covariance, preset=preset,
                                      threads=threads_count(threads), callback=callback,
-                                     number=_number, matrix=_as_matrix, warn=warn_if_implausible)
+                                     number=_number, matrix=_as_matrix, warn=warn_if_implausible,
+                                     tile=_tile)
         return stored_as(out, a.dtype)
     if channel_covariance is not None:
         raise Error("shapewiener:noise:covariance",

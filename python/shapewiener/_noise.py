@@ -47,6 +47,61 @@ def _estimate(result):
     return NoiseEstimate(**result)
 
 
+class ColourNoiseEstimate:
+    """The noise of a colour image, estimated from the image itself: one
+    spatial shape times a channel covariance.
+
+    Attributes
+    ----------
+    shape : (M, N) ndarray
+        The noise's spatial power spectrum, mean 1, in the convention of
+        ``denoise(z, psd=...)``.
+    covariance : (3, 3) ndarray
+        The per-pixel covariance of R, G and B's noise, in the values'
+        units squared: channels i and j have the cross-spectrum
+        ``covariance[i, j] * shape``.
+    sigma : (3,) ndarray
+        The channels' per-pixel standard deviations.
+    psd : (M, N, 3) ndarray
+        The channels' spectra, in the shape ``denoise(z, psd=...)`` takes
+        for a spectrum per channel.
+    usable_fraction : float
+        The smallest share of the image that looked like noise alone, over
+        the channels read.
+    white : bool
+        Whether the noise's spectrum is flat within its sampling error.
+    noise : dict
+        The noise description ``denoise(z)`` uses when none is given:
+        ``denoise(z)`` equals ``denoise(z, **estimate.noise)``; empty when
+        no noise was found (then ``denoise(z)`` returns `z`'s values).
+    """
+
+    __slots__ = ("shape", "covariance", "usable_fraction", "white", "noise")
+
+    def __init__(self, shape, covariance, usable_fraction, white, noise):
+        self.shape = shape
+        self.covariance = np.asarray(covariance)
+        self.usable_fraction = float(usable_fraction)
+        self.white = bool(white)
+        kind, psd, cov = noise
+        self.noise = {} if kind is None else {"psd": psd, "channel_covariance": cov}
+
+    @property
+    def sigma(self):
+        return np.sqrt(np.diag(self.covariance))
+
+    @property
+    def psd(self):
+        return self.shape[:, :, None] * np.diag(self.covariance)
+
+    def __repr__(self):
+        rows, cols = self.shape.shape
+        kind = "white" if self.white else "coloured"
+        sigmas = ", ".join(f"{s:.6g}" for s in self.sigma)
+        return (f"ColourNoiseEstimate(sigma=[{sigmas}], {kind}, "
+                f"usable_fraction={self.usable_fraction:.2f}, psd={rows} x {cols} x 3)")
+
+
 def estimate_noise(z, *, threads=None, progress=False):
     """Estimate an image's noise: its level and its power spectrum.
 
@@ -56,10 +111,11 @@ def estimate_noise(z, *, threads=None, progress=False):
 
     Parameters
     ----------
-    z : (M, N) array_like
+    z : (M, N), (M, N, 3) or (M, N, 4) array_like
         The noisy image, at least 16 x 16: float or integer values, used as
         stored (an 8-bit image's noise comes out in grey levels 0..255).
-        bool, complex and object arrays are refused.
+        bool, complex and object arrays are refused. A colour image (its
+        alpha channel ignored) gives a `ColourNoiseEstimate`.
     threads : int, optional
         Worker threads, 0 to 4096; None or 0 takes ``SHAPEWIENER_THREADS``
         or all cores. The result's bits do not depend on it.
@@ -68,9 +124,10 @@ def estimate_noise(z, *, threads=None, progress=False):
 
     Returns
     -------
-    estimate : NoiseEstimate
+    estimate : NoiseEstimate or ColourNoiseEstimate
         ``sigma``, ``psd`` (float64, `z`'s shape), ``usable_fraction``,
-        ``white`` and ``block``.
+        ``white`` and ``block``; for a colour image each channel's and the
+        channel covariance, with ``denoise(z) == denoise(z, **estimate.noise)``.
 
     Raises
     ------
@@ -91,8 +148,13 @@ def estimate_noise(z, *, threads=None, progress=False):
     from ._denoise import _as_matrix, _ProgressLine, check_dtype, check_shape, threads_count
     a = np.asarray(z)
     check_dtype(a.dtype, "image")
-    check_shape(a.shape, "image")
-    image = _as_matrix(a, "image")
     count = threads_count(threads)
     callback = _ProgressLine() if progress is True else (progress or None)
+    if a.ndim == 3:
+        from ._colour import check_colour_shape
+        check_colour_shape(a.shape)
+        found = _core.estimate_colour_noise(a.astype(np.float64, copy=False), count, callback)
+        return ColourNoiseEstimate(**found)
+    check_shape(a.shape, "image")
+    image = _as_matrix(a, "image")
     return _estimate(_core.estimate_noise(image, count, callback))

@@ -4,10 +4,13 @@
     python3 -m shapewiener.batch 'in/*.png' outdir/ --sigma 12
     python3 -m shapewiener.batch 'scans/**/*.npy' out/ --kernel k.npy --sigma 0.02 \\
         --scheduler tcp://10.0.0.5:8786
+    python3 -m shapewiener.batch 'photos/*.jpg' out/ --format png  # colour, written as PNG
 
-Each input becomes outdir/<path> (same name and format), <path> being its
-path below the deepest folder all inputs share, so the input folders are
-mirrored. Images are read and written by the library's own reader and
+Each input becomes outdir/<path> (same name and format, or the format of
+--format), <path> being its path below the deepest folder all inputs
+share, so the input folders are mirrored. Grey and colour images (RGB, RGB
+and alpha) are taken: PNG, TIFF, JPEG and .npy, as the command line reads
+them. Images are read and written by the library's own reader and
 writer, the command line program's: values as stored (an 8-bit PNG in
 0..255, so sigma is in those units), results written back in the input's
 type (rounded, clipped to its range). Without a noise description the
@@ -40,7 +43,7 @@ def _message(e):
     return f"{type(e).__name__}: {e}"
 
 
-def denoise_file(source, target, noise, preset, threads):
+def denoise_file(source, target, noise, preset, threads, quality=95):
     """One image, read and written through the library's image files (the
     command line's reader and writer, as stored, with its memory check);
     returns (source, failure or None, seconds, warnings[, what was
@@ -53,19 +56,20 @@ def denoise_file(source, target, noise, preset, threads):
     try:
         with warnings.catch_warnings(record=True) as caught:
             warnings.simplefilter("always", UserWarning)
-            pixels, stored = _core.read_image(source, _core.denoise_bytes_per_pixel(preset))
+            pixels, stored = _core.read_channels(source, _core.denoise_bytes_per_pixel(preset))
             image = pixels.astype(stored)  # exact: the values as stored
             del pixels
             estimated = ""
             if all(v is None for v in noise.values()):  # no noise given: estimated per image
                 out, e = shapewiener.denoise(image, preset=preset, threads=threads,
                                              _with_estimate=True)
-                estimated = (f" (noise estimated: sigma {e.sigma:.4g}, "
+                sigma = ", ".join(f"{s:.4g}" for s in np.atleast_1d(e.sigma))
+                estimated = (f" (noise estimated: sigma {sigma}, "
                              f"{'white' if e.white else 'coloured'})")
             else:
                 out = shapewiener.denoise(image, **noise, preset=preset, threads=threads)
             os.makedirs(os.path.dirname(target) or ".", exist_ok=True)
-            _core.write_image(target, out, stored)
+            _core.write_channels(target, out, stored, quality)
         note = "; ".join(str(w.message) for w in caught)
         if estimated:
             return source, None, time.monotonic() - start, note, estimated
@@ -74,11 +78,12 @@ def denoise_file(source, target, noise, preset, threads):
         return source, _message(e), time.monotonic() - start, ""
 
 
-def plan(pattern, outdir):
+def plan(pattern, outdir, fmt=None):
     """(input, output) pairs to do, and the count of those already done.
 
     The outputs mirror the inputs' folders below the deepest folder they
-    share, so that inputs of the same name in different folders never meet.
+    share, so that inputs of the same name in different folders never meet;
+    `fmt` (an extension: "png", "tif", "jpg", "npy") replaces theirs.
     Raises shapewiener.Error when nothing matches or an output would
     replace an input.
     """
@@ -90,6 +95,8 @@ def plan(pattern, outdir):
     todo, done = [], 0
     for source in sources:
         target = os.path.join(outdir, os.path.relpath(os.path.abspath(source), base))
+        if fmt:
+            target = os.path.splitext(target)[0] + "." + fmt.lstrip(".")
         if os.path.realpath(target) == os.path.realpath(source):
             raise Error("shapewiener:batch:outputIsInput",
                         f"the output for {source} would replace it; choose another output "
@@ -115,7 +122,7 @@ def check_noise(noise, preset):
 
 
 def run(pattern, outdir, noise, preset="default", threads=1, scheduler=None, workers=2,
-        processes=True, out=sys.stderr):
+        processes=True, out=sys.stderr, fmt=None, quality=95):
     """Runs a batch; returns the list of (input, message) that failed.
 
     Raises shapewiener.Error before anything starts for an argument that
@@ -129,7 +136,7 @@ def run(pattern, outdir, noise, preset="default", threads=1, scheduler=None, wor
                     f"workers takes a whole number of processes, 1 or more; got {workers!r}.")
     threads = threads_count(threads)
     check_noise(noise, preset)
-    todo, done = plan(pattern, outdir)
+    todo, done = plan(pattern, outdir, fmt)
     blind = all(v is None for v in noise.values())
     out.write(f"shapewiener batch: {len(todo)} to do, {done} already done"
               f"{'; no noise given: estimated per image' if blind else ''}\n")
@@ -148,7 +155,7 @@ def run(pattern, outdir, noise, preset="default", threads=1, scheduler=None, wor
         client = Client(scheduler)
     failed = []
     try:
-        futures = [client.submit(denoise_file, s, t, noise, preset, threads, pure=False)
+        futures = [client.submit(denoise_file, s, t, noise, preset, threads, quality, pure=False)
                    for s, t in todo]
         for count, future in enumerate(as_completed(futures), 1):
             source, message, seconds, note, *estimated = future.result()
@@ -200,6 +207,10 @@ def main(argv=None):
     p.add_argument("--kernel", help=".npy file: the noise's colouring kernel (with --sigma)")
     p.add_argument("--psd", help=".npy file: the noise power spectrum (instead of --sigma)")
     p.add_argument("--preset", default="default", choices=["fast", "default"])
+    p.add_argument("--format", choices=["png", "tif", "tiff", "jpg", "jpeg", "npy"],
+                   help="write every output in this format (default: its input's)")
+    p.add_argument("--quality", type=_count(1), default=95,
+                   help="JPEG outputs' quality, 1 to 100 (default 95)")
     p.add_argument("--threads", type=_count(0), default=1,
                    help="library threads per image (default 1)")
     p.add_argument("--scheduler", help="address of a running Dask scheduler (default: a local "
@@ -212,7 +223,10 @@ def main(argv=None):
         noise = {"sigma": a.sigma,
                  "kernel": None if a.kernel is None else _load_array(a.kernel, "kernel"),
                  "psd": None if a.psd is None else _load_array(a.psd, "psd")}
-        failed = run(a.pattern, a.outdir, noise, a.preset, a.threads, a.scheduler, a.workers)
+        if a.quality > 100:
+            raise Error("shapewiener:batch:quality", f"--quality takes 1 to 100; got {a.quality}.")
+        failed = run(a.pattern, a.outdir, noise, a.preset, a.threads, a.scheduler, a.workers,
+                     fmt=a.format, quality=a.quality)
     except (Error, OSError) as e:
         sys.stderr.write(f"shapewiener batch: {_message(e)}\n")
         return 2

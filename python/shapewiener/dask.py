@@ -78,8 +78,105 @@ def _denoise_tile(tile, frame, noise, preset, threads, crop, dtype):
     return stored_as(out[crop[0]:crop[1], crop[2]:crop[3]], dtype)
 
 
+def _denoise_colour_tile(tile, frame, noise, preset, threads, crop, dtype):
+    out = _denoise_image(tile, **noise, preset=preset, threads=threads, _tile=frame)
+    return stored_as(out[crop[0]:crop[1], crop[2]:crop[3], :], dtype)
+
+
+def _denoise_whole(image, noise, preset, threads, dtype):
+    return stored_as(_denoise_image(image, **noise, preset=preset, threads=threads), dtype)
+
+
+# Colour tiles: off for now, every colour image is denoised whole in one
+# task (tiles of channels that share one plan do not yet give the whole
+# image's bits).
+_COLOUR_TILES = False
+
+
+def _colour_chunks(chunks, channels):
+    """Tiles over the two spatial axes only: the channels stay together."""
+    if chunks is None or np.ndim(chunks) == 0:
+        return (chunks or 1024, chunks or 1024, channels)
+    return tuple(chunks)[:2] + (channels,)
+
+
+def _denoise_colour(array, sigma, kernel, psd, channel_covariance, preset, chunks, threads,
+                    halo):
+    """denoise for (rows, cols, 3 or 4) arrays: tiles of every channel, the
+    rotated channels' value ranges and the noise the whole image's."""
+    import dask
+    import dask.array as da
+    from . import _core
+    from ._colour import check_colour_shape, colour_noise
+    from ._denoise import _as_matrix, _number
+
+    check_colour_shape(array.shape)
+    channels = int(array.shape[2])
+    if not isinstance(array, da.Array):
+        array = da.from_array(array, chunks=_colour_chunks(chunks, channels))
+    else:
+        array = array.rechunk(_colour_chunks(chunks or array.chunksize[:2], channels))
+    dtype = array.dtype
+    if is_int64(dtype) and array.size:
+        check_exact(*dask.compute(array.min(), array.max()), "image")
+    array = array.astype(np.float64)
+    rows, cols = int(array.shape[0]), int(array.shape[1])
+    threads = threads_count(threads)
+    halo = tile_halo(preset) if halo is None else _halo_pixels(halo)
+    noise = {"sigma": sigma, "kernel": kernel, "psd": psd,
+             "channel_covariance": channel_covariance}
+    if all(v is None for v in noise.values()):
+        # No noise given: estimated once, on the whole image.
+        noise = estimate_noise(array.compute(), threads=threads).noise
+        if not noise:  # nothing to remove, as for the whole image
+            return array if dtype.kind not in "iu" else array.astype(dtype)
+        noise.update(sigma=None, kernel=None)
+    kind, models, covariance = colour_noise(noise["sigma"], noise["kernel"], noise["psd"],
+                                            noise["channel_covariance"], (rows, cols), _number,
+                                            _as_matrix)
+    out_dtype = dtype if dtype.kind in "iu" else np.float64
+    if not _COLOUR_TILES or any(_core.noise_has_peaks(rows, cols, *m, str(preset))
+                                for m in models):
+        # Narrow noise peaks are removed over the whole image at once: the
+        # image is denoised whole, in one task.
+        task = dask.delayed(_denoise_whole, pure=True)(array, noise, preset, threads, dtype)
+        return da.from_delayed(task, shape=array.shape, dtype=out_dtype).rechunk(array.chunks)
+    a = _core.colour_basis(kind, models, covariance, "opponent")
+    rotated = [a[k, 0] * array[:, :, 0] + a[k, 1] * array[:, :, 1] + a[k, 2] * array[:, :, 2]
+               for k in range(3)]
+    found = dask.compute(*[f(x) for x in rotated for f in (da.min, da.max)],
+                         array[:, :, :3].min(), array[:, :, :3].max())
+    ranges, (low, high) = tuple(float(v) for v in found[:6]), found[6:]
+    if not all(np.isfinite(ranges)):
+        raise Error("shapewiener:image:notFinite", "the image has a NaN or Inf value.")
+    if kind == "correlated":
+        spread = np.sqrt(max(covariance[0], covariance[4], covariance[8], 0.0))
+        warn_if_implausible(low, high, dtype, "white", spread, None, None)
+    elif sigma is not None or kernel is not None or psd is not None:
+        warn_if_implausible(low, high, dtype, *models[0])
+    noise = {k: (dask.delayed(np.asarray(v, np.float64)) if k == "psd" and v is not None else v)
+             for k, v in noise.items()}
+    starts = [np.concatenate([[0], np.cumsum(c)]) for c in array.chunks[:2]]
+    blocks = []
+    for i in range(len(array.chunks[0])):
+        row = []
+        r0, r1 = int(starts[0][i]), int(starts[0][i + 1])
+        tr0, tr1 = max(0, r0 - halo), min(rows, r1 + halo)
+        for j in range(len(array.chunks[1])):
+            c0, c1 = int(starts[1][j]), int(starts[1][j + 1])
+            tc0, tc1 = max(0, c0 - halo), min(cols, c1 + halo)
+            frame = (rows, cols, tr0, tc0) + ranges
+            crop = (r0 - tr0, r1 - tr0, c0 - tc0, c1 - tc0)
+            task = dask.delayed(_denoise_colour_tile, pure=True)(
+                array[tr0:tr1, tc0:tc1, :], frame, noise, preset, threads, crop, dtype)
+            row.append([da.from_delayed(task, shape=(r1 - r0, c1 - c0, channels),
+                                        dtype=out_dtype)])
+        blocks.append(row)
+    return da.block(blocks)
+
+
 def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunks=None,
-            threads=1, halo=None):
+            threads=1, halo=None, channel_covariance=None):
     """Denoise a large image tile by tile, one Dask task per chunk.
 
     Gives the bits of ``shapewiener.denoise`` on the whole image. Noise
@@ -88,9 +185,10 @@ def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunk
 
     Parameters
     ----------
-    array : (M, N) dask.array.Array or array_like
+    array : (M, N), (M, N, 3) or (M, N, 4) dask.array.Array or array_like
         The noisy image: float or integer values (bool, complex and object
-        arrays are refused).
+        arrays are refused). A colour image is tiled over its two spatial
+        axes only: every tile holds all its channels.
     sigma, kernel, psd, preset
         The noise and the preset, as for ``shapewiener.denoise``; `psd` has
         the whole image's shape. Without any of them the noise is estimated
@@ -98,16 +196,19 @@ def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunk
         the tiles give the bits of ``shapewiener.denoise(array)``.
     chunks : int or tuple, optional
         The tiles: a NumPy array is cut into them (default 1024), a Dask
-        array rechunked.
+        array rechunked (a colour array's channels stay in one chunk).
     threads : int, optional
         The library's threads inside one task (default 1: Dask runs the
         tasks in parallel).
     halo : int, optional
         Overrides the border of ``tile_halo(preset)``.
+    channel_covariance : (3, 3) array_like, optional
+        Colour images: noise correlated across the channels, as for
+        ``shapewiener.denoise``.
 
     Returns
     -------
-    out : (M, N) dask.array.Array
+    out : dask.array.Array of `array`'s shape
         Lazy, with the input's chunks; integer input gives the input's type
         (rounded and clipped as by ``shapewiener.denoise``), float input
         float64.
@@ -140,6 +241,12 @@ def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunk
     if not isinstance(array, da.Array):
         array = np.asarray(array)
     check_dtype(array.dtype, "image")
+    if len(array.shape) == 3:
+        return _denoise_colour(array, sigma, kernel, psd, channel_covariance, preset, chunks,
+                               threads, halo)
+    if channel_covariance is not None:
+        raise Error("shapewiener:noise:covariance",
+                    "channel_covariance is for colour images, of shape (rows, cols, 3 or 4).")
     check_shape(array.shape, "image")
     if not isinstance(array, da.Array):
         array = da.from_array(array, chunks=chunks or 1024)

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "shapewiener/filter.h"
+#include "shapewiener/colour.h"
 #include "shapewiener/denoise.h"
 #include "shapewiener/noise.h"
 #include "shapewiener/units.h"
@@ -327,66 +328,120 @@ py::object blind_call(py::array_t<double> image, bool denoise, const std::string
                           report_dict(report), estimate_dict(std::move(estimate)));
 }
 
-// sw::denoise_colour on a (rows, cols, channels) float64 array. kind:
-// "same", "per_channel" or "correlated"; models: (noise, sigma, kernel, psd)
-// tuples as model_of takes them; covariance: 9 values, row-major, or None.
-py::tuple denoise_colour_call(py::array_t<double> image, const std::string& kind, py::list models,
-                              py::object covariance, const std::string& preset, unsigned threads,
-                              py::object progress, const std::string& basis, bool joint) {
+// A (rows, cols, channels) float64 array as the library's colour image.
+sw::ColourImage colour_of(const py::array_t<double>& image) {
     if (image.ndim() != 3) throw py::value_error("the colour image must be a 3-D array");
     sw::ColourImage in;
     in.rows = static_cast<uint32_t>(image.shape(0));
     in.cols = static_cast<uint32_t>(image.shape(1));
     in.channels = static_cast<uint32_t>(image.shape(2));
     const size_t plane = static_cast<size_t>(in.rows) * in.cols;
-    {
-        const auto v = image.unchecked<3>();
-        in.pixels.resize(plane * in.channels);
-        for (py::ssize_t k = 0; k < v.shape(2); ++k) {
-            for (py::ssize_t j = 0; j < v.shape(1); ++j) {
-                for (py::ssize_t i = 0; i < v.shape(0); ++i) {
-                    in.pixels[i + j * v.shape(0) + k * plane] = v(i, j, k);
-                }
+    const auto v = image.unchecked<3>();
+    in.pixels.resize(plane * in.channels);
+    for (py::ssize_t k = 0; k < v.shape(2); ++k) {
+        for (py::ssize_t j = 0; j < v.shape(1); ++j) {
+            for (py::ssize_t i = 0; i < v.shape(0); ++i) {
+                in.pixels[i + j * v.shape(0) + k * plane] = v(i, j, k);
             }
         }
     }
+    return in;
+}
+
+// A colour image as a (rows, cols, channels) array over the planes: a view
+// of its memory.
+py::array colour_array(sw::ColourImage&& image) {
+    auto* pixels = new std::vector<double>(std::move(image.pixels));
+    py::capsule owner(pixels, [](void* p) { delete static_cast<std::vector<double>*>(p); });
+    const py::ssize_t d = sizeof(double), r = image.rows, c = image.cols;
+    return py::array(py::dtype::of<double>(), {r, c, static_cast<py::ssize_t>(image.channels)},
+                     {d, r * d, r * c * d}, pixels->data(), owner);
+}
+
+// kind: "same", "per_channel", "correlated" or "estimated"; models:
+// (noise, sigma, kernel, psd) tuples as model_of takes them; covariance: 9
+// values, row-major, or None.
+sw::ColourNoise colour_noise_of(const std::string& kind, py::list models, py::object covariance) {
     std::vector<sw::NoiseModel> noise_models;
     for (const py::handle h : models) {
         const py::tuple t = h.cast<py::tuple>();
         noise_models.push_back(model_of(t[0].cast<std::string>(), t[1].cast<double>(), t[2], t[3]));
     }
-    sw::ColourNoise noise;
-    if (kind == "per_channel") {
-        noise = sw::ColourNoise::per_channel(std::move(noise_models));
-    } else if (kind == "correlated") {
+    if (kind == "per_channel") return sw::ColourNoise::per_channel(std::move(noise_models));
+    if (kind == "correlated") {
         const auto c = covariance.cast<std::vector<double>>();
         if (c.size() != 9) throw py::value_error("the channel covariance must have 9 values");
         std::array<double, 9> cov;
         std::copy(c.begin(), c.end(), cov.begin());
-        noise = sw::ColourNoise::correlated(noise_models.at(0), cov);
-    } else if (kind == "estimated") {
-        noise = sw::ColourNoise::estimated();
-    } else {
-        noise = sw::ColourNoise::same(noise_models.at(0));
+        return sw::ColourNoise::correlated(noise_models.at(0), cov);
     }
-    sw::DenoiseOptions options;
-    options.preset = preset;
-    options.threads = threads;
+    if (kind == "estimated") return sw::ColourNoise::estimated();
+    return sw::ColourNoise::same(noise_models.at(0));
+}
+
+sw::ColourOptions colour_options_of(const std::string& basis, bool joint) {
     sw::ColourOptions colour;
     colour.basis = basis == "noise" ? sw::ColourBasis::kNoise : sw::ColourBasis::kOpponent;
     colour.joint = joint;
+    return colour;
+}
+
+// sw::denoise_colour on a (rows, cols, channels) float64 array; `tile`:
+// None or (frame rows, frame cols, row0, col0, six channel ranges).
+py::tuple denoise_colour_call(py::array_t<double> image, const std::string& kind, py::list models,
+                              py::object covariance, const std::string& preset, unsigned threads,
+                              py::object progress, const std::string& basis, bool joint,
+                              py::object tile) {
+    const sw::ColourImage in = colour_of(image);
+    const sw::ColourNoise noise = colour_noise_of(kind, models, covariance);
+    sw::DenoiseOptions options;
+    options.preset = preset;
+    options.threads = threads;
+    sw::ColourOptions colour = colour_options_of(basis, joint);
+    if (!tile.is_none()) {
+        const py::tuple t = tile.cast<py::tuple>();
+        options.tile.rows = t[0].cast<uint32_t>();
+        options.tile.cols = t[1].cast<uint32_t>();
+        options.tile.row0 = t[2].cast<uint32_t>();
+        options.tile.col0 = t[3].cast<uint32_t>();
+        for (size_t k = 0; k < 6; ++k) colour.tile_ranges[k] = t[4 + k].cast<double>();
+    }
     sw::ColourImage result;
     sw::DenoiseReport report;
     call_released(&progress, [&](const sw::Progress& poll) {
         result = sw::denoise_colour(in, noise, options, colour, poll, &report);
     });
-    // (rows, cols, channels) over the planes: a view of the result's memory.
-    auto* pixels = new std::vector<double>(std::move(result.pixels));
-    py::capsule owner(pixels, [](void* p) { delete static_cast<std::vector<double>*>(p); });
-    const py::ssize_t d = sizeof(double), r = result.rows, c = result.cols;
-    py::array out(py::dtype::of<double>(), {r, c, static_cast<py::ssize_t>(result.channels)},
-                  {d, r * d, r * c * d}, pixels->data(), owner);
-    return py::make_tuple(out, report_dict(report));
+    return py::make_tuple(colour_array(std::move(result)), report_dict(report));
+}
+
+// sw::estimate_colour_noise: {"shape", "covariance", "usable_fraction",
+// "white", "noise": (kind or None, psd or None, covariance or None)}.
+py::dict estimate_colour_call(py::array_t<double> image, unsigned threads, py::object progress) {
+    const sw::ColourImage in = colour_of(image);
+    sw::ColourNoiseEstimate e;
+    call_released(&progress, [&](const sw::Progress& poll) {
+        sw::NoiseEstimateOptions options;
+        options.threads = threads;
+        e = sw::estimate_colour_noise(in, options, poll);
+    });
+    auto matrix = [](const std::array<double, 9>& c) {
+        py::array_t<double> m({3, 3});
+        std::copy(c.begin(), c.end(), m.mutable_data());
+        return m;
+    };
+    py::dict d;
+    d["shape"] = owned_matrix(std::move(e.shape), e.rows, e.cols);
+    d["covariance"] = matrix(e.covariance);
+    d["usable_fraction"] = e.usable_fraction;
+    d["white"] = e.white;
+    py::object kind = py::none(), psd = py::none(), cov = py::none();
+    if (!e.noise.models.empty()) {
+        kind = py::str("correlated");
+        psd = owned_matrix(std::move(e.noise.models[0].psd), in.rows, in.cols);
+        cov = matrix(e.noise.covariance);
+    }
+    d["noise"] = py::make_tuple(kind, psd, cov);
+    return d;
 }
 
 // The unit rule's pieces: a sample type by NumPy's name.
@@ -462,6 +517,54 @@ void write_image_call(const std::string& path, py::array_t<double> image, const 
     }
     if (!error.empty()) raise_error("shapewiener:file:write", error.c_str());
 }
+
+// The command line's reader for any channel count: ((rows, cols) or
+// (rows, cols, channels) float64 array, type name).
+py::tuple read_channels_call(const std::string& path, uint64_t bytes_per_pixel) {
+    swio::ChannelFile f;
+    std::string error;
+    {
+        py::gil_scoped_release release;
+        try {
+            f = swio::read_channels(path, bytes_per_pixel);
+        } catch (const std::exception& e) {
+            error = e.what();
+        }
+    }
+    if (!error.empty()) raise_error("shapewiener:file:read", error.c_str());
+    const std::string type = sw::type_name(f.type);
+    if (f.image.channels == 1) {
+        return py::make_tuple(owned_matrix(std::move(f.image.pixels), f.image.rows, f.image.cols), type);
+    }
+    return py::make_tuple(colour_array(std::move(f.image)), type);
+}
+
+// Writes a (rows, cols) or (rows, cols, 3 or 4) array stored as `type`,
+// atomically (JPEG with `quality`); the output folder is checked first.
+void write_channels_call(const std::string& path, py::array_t<double> image,
+                         const std::string& type, int quality) {
+    const sw::SampleType t = type_of(type);
+    sw::ColourImage img;
+    if (image.ndim() == 2) {
+        const sw::Image grey = image_of(image);
+        img = {grey.rows, grey.cols, 1, grey.pixels};
+    } else {
+        img = colour_of(image);
+    }
+    std::string error;
+    {
+        py::gil_scoped_release release;
+        try {
+            swio::check_output_path(path);
+            swio::write_atomically(path, [&](const std::string& temp) {
+                swio::write_channels(temp, path, img, t, quality);
+            });
+        } catch (const std::exception& e) {
+            error = e.what();
+        }
+    }
+    if (!error.empty()) raise_error("shapewiener:file:write", error.c_str());
+}
 #endif
 
 }  // namespace
@@ -470,7 +573,23 @@ PYBIND11_MODULE(_core, m) {
     m.doc() = "The shapewiener library: the raw filter module and the denoiser.";
     m.def("filter", &filter_call, "The raw sixteen-argument filter (arrays prepared by shapewiener.filter).");
     m.def("denoise", &denoise_call, "sw::denoise on a column-major float64 matrix.");
-    m.def("denoise_colour", &denoise_colour_call, "sw::denoise_colour on a (rows, cols, channels) array.");
+    m.def("denoise_colour", &denoise_colour_call, "sw::denoise_colour on a (rows, cols, channels) array.",
+          py::arg("image"), py::arg("kind"), py::arg("models"), py::arg("covariance"),
+          py::arg("preset"), py::arg("threads"), py::arg("progress"), py::arg("basis"),
+          py::arg("joint"), py::arg("tile") = py::none());
+    m.def("colour_basis", [](const std::string& kind, py::list models, py::object covariance,
+                             const std::string& basis) {
+        std::array<double, 9> a{};
+        try {
+            a = sw::colour_basis(colour_noise_of(kind, models, covariance), colour_options_of(basis, true));
+        } catch (const sw::DenoiseError& e) {
+            raise_error(e.error().identifier, e.error().message);
+        }
+        py::array_t<double> m({3, 3});
+        std::copy(a.begin(), a.end(), m.mutable_data());
+        return m;
+    }, "sw::colour_basis: the 3 x 3 rotation, row-major.");
+    m.def("estimate_colour_noise", &estimate_colour_call, "sw::estimate_colour_noise as a dict.");
     m.def("noise_has_peaks", [](uint32_t rows, uint32_t cols, const std::string& noise, double sigma,
                                 py::object kernel, py::object psd, const std::string& preset) {
         try {
@@ -513,6 +632,11 @@ PYBIND11_MODULE(_core, m) {
           "Reads an image file as stored: (column-major float64 array, type name).");
     m.def("write_image", &write_image_call, py::arg("path"), py::arg("image"), py::arg("type"),
           "Writes a 2-D array to an image file stored as `type`, atomically.");
+    m.def("read_channels", &read_channels_call, py::arg("path"), py::arg("bytes_per_pixel") = 0,
+          "Reads a grey or colour image file as stored: (array, type name).");
+    m.def("write_channels", &write_channels_call, py::arg("path"), py::arg("image"),
+          py::arg("type"), py::arg("quality") = 95,
+          "Writes a (rows, cols) or (rows, cols, 3 or 4) array stored as `type`, atomically.");
     m.attr("have_io") = true;
 #else
     m.attr("have_io") = false;

@@ -73,6 +73,11 @@ CALLS = [
      "halo:outOfRange"),
     ("dask: negative threads", "dask", dict(array=Z, sigma=1.0, chunks=8, threads=-1),
      "threads:outOfRange"),
+    ("dask: two channels", "dask", dict(array=np.zeros((20, 20, 2)), sigma=1.0, chunks=8),
+     "image:channels"),
+    ("dask: covariance on grey", "dask", dict(array=Z, channel_covariance=np.eye(3), chunks=8),
+     "noise:covariance"),
+    ("estimate: five channels", "estimate", dict(z=np.zeros((20, 20, 5))), "image:channels"),
 ]
 
 

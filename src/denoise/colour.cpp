@@ -233,6 +233,26 @@ sw::NoiseModel channel_noise(const sw::ColourNoise& noise, uint32_t k, double* v
     return scaled_model(noise.models[0], *variance);
 }
 
+// The three channels denoise_colour filters: rotated by `a`, or R, G and B
+// as they are.
+std::vector<sw::Image> filtered_channels(const sw::ColourImage& image, const Matrix3& a, bool joint) {
+    const size_t plane = static_cast<size_t>(image.rows) * image.cols;
+    std::vector<sw::Image> channels(kColours);
+    for (uint32_t k = 0; k < kColours; ++k) {
+        sw::Image& channel = channels[k];
+        channel.rows = image.rows;
+        channel.cols = image.cols;
+        channel.pixels.resize(plane);
+        for (size_t p = 0; p < plane; ++p) {
+            channel.pixels[p] = joint ? a[k * 3 + 0] * image.pixels[p] +
+                                            a[k * 3 + 1] * image.pixels[p + plane] +
+                                            a[k * 3 + 2] * image.pixels[p + 2 * plane]
+                                      : image.pixels[p + k * plane];
+        }
+    }
+    return channels;
+}
+
 }  // namespace
 }  // namespace swdenoise
 
@@ -268,16 +288,181 @@ std::array<double, 9> colour_basis(const ColourNoise& noise, const ColourOptions
     return a;
 }
 
+std::array<double, 6> colour_ranges(const ColourImage& image, const ColourNoise& noise,
+                                    const ColourOptions& colour) {
+    swdenoise::check_colour_image(image);
+    const std::vector<Image> channels =
+        swdenoise::filtered_channels(image, colour_basis(noise, colour), colour.joint);
+    std::array<double, 6> ranges{};
+    for (uint32_t k = 0; k < swdenoise::kColours; ++k) {
+        const auto [lo, hi] = std::minmax_element(channels[k].pixels.begin(), channels[k].pixels.end());
+        ranges[2 * k] = *lo;
+        ranges[2 * k + 1] = *hi;
+    }
+    return ranges;
+}
+
+ColourNoiseEstimate estimate_colour_noise(const ColourImage& image,
+                                          const NoiseEstimateOptions& options,
+                                          const Progress& progress) {
+    using namespace swdenoise;
+    check_colour_image(image);
+    const uint32_t rows = image.rows, cols = image.cols;
+    const size_t plane = static_cast<size_t>(rows) * cols;
+    const Matrix3& a = kOpponent;
+    // The rotated channels, then their pairwise sums over sqrt 2, whose
+    // variance holds the pair's covariance: (b_i + b_j) / 2 + b_ij.
+    std::vector<Image> channels = filtered_channels(image, a, true);
+    constexpr uint32_t kPairs[3][2] = {{0, 1}, {0, 2}, {1, 2}};
+    constexpr uint32_t kImages = 6;
+    std::array<std::vector<double>, kImages> psd;
+    ColourNoiseEstimate out;
+    out.rows = rows;
+    out.cols = cols;
+    out.usable_fraction = 1.0;
+    out.white = true;
+    Image sum{rows, cols, std::vector<double>(plane)};
+    for (uint32_t k = 0; k < kImages; ++k) {
+        if (k >= kColours) {
+            const Image& x = channels[kPairs[k - 3][0]];
+            const Image& y = channels[kPairs[k - 3][1]];
+            for (size_t p = 0; p < plane; ++p) sum.pixels[p] = (x.pixels[p] + y.pixels[p]) / std::sqrt(2.0);
+        }
+        const Progress part = [&](double fraction, const char* phase) {
+            return !progress || progress((k + fraction) / kImages, phase);
+        };
+        NoiseEstimate e = estimate_noise(k < kColours ? channels[k] : sum, options, part);
+        if (k < kColours) {
+            out.usable_fraction = std::min(out.usable_fraction, e.usable_fraction);
+            out.white = out.white && e.white;
+        }
+        psd[k] = std::move(e.psd);
+    }
+    // The shape: the colour differences' spectra together (the luminance's
+    // when they hold nothing), scaled to mean 1.
+    std::vector<double> shape(plane);
+    double total = 0.0;
+    for (size_t f = 0; f < plane; ++f) {
+        shape[f] = psd[1][f] + psd[2][f];
+        total += shape[f];
+    }
+    if (!(total > 0.0)) {
+        shape = psd[0];
+        total = 0.0;
+        for (double v : shape) total += v;
+    }
+    // Each image's variance: the median of its spectrum's ratio to the
+    // shape, over the frequencies the shape holds.
+    std::array<double, kImages> variance{};
+    if (total > 0.0) {
+        const double mean = total / static_cast<double>(plane);
+        for (double& v : shape) v /= mean;
+        std::vector<double> ratio;
+        ratio.reserve(plane);
+        for (uint32_t k = 0; k < kImages; ++k) {
+            ratio.clear();
+            for (size_t f = 0; f < plane; ++f) {
+                if (shape[f] > 0.0) ratio.push_back(psd[k][f] / shape[f]);
+            }
+            const size_t at = (ratio.size() - 1) / 2;
+            std::nth_element(ratio.begin(), ratio.begin() + static_cast<std::ptrdiff_t>(at), ratio.end());
+            variance[k] = ratio[at];
+        }
+    }
+    // The rotated channels' covariance b: its off-diagonal part scaled down
+    // as far as needed to keep it positive semi-definite (the diagonal, what
+    // the denoiser uses, as read).
+    Matrix3 b{};
+    Matrix3 off{};
+    for (uint32_t k = 0; k < kColours; ++k) b[k * 4] = variance[k];
+    for (uint32_t k = 0; k < kColours; ++k) {
+        const uint32_t i = kPairs[k][0], j = kPairs[k][1];
+        off[i * 3 + j] = off[j * 3 + i] = variance[3 + k] - 0.5 * (variance[i] + variance[j]);
+    }
+    const auto with = [&](double t) {
+        Matrix3 m = b;
+        for (size_t e = 0; e < 9; ++e) m[e] += t * off[e];
+        return m;
+    };
+    const auto semidefinite = [&](const Matrix3& m) {
+        Matrix3 v;
+        std::array<double, 3> values;
+        symmetric_eigen(m, &v, &values);
+        return *std::min_element(values.begin(), values.end()) >= 0.0;
+    };
+    double t = 1.0;
+    if (!semidefinite(with(1.0))) {
+        double lo = 0.0, hi = 1.0;
+        for (int step = 0; step < 40; ++step) {
+            const double mid = 0.5 * (lo + hi);
+            (semidefinite(with(mid)) ? lo : hi) = mid;
+        }
+        t = lo;
+    }
+    b = with(t);
+    // covariance = a^T b a.
+    for (uint32_t i = 0; i < kColours; ++i) {
+        for (uint32_t j = i; j < kColours; ++j) {
+            double c = 0.0;
+            for (uint32_t k = 0; k < kColours; ++k) {
+                for (uint32_t l = 0; l < kColours; ++l) c += a[k * 3 + i] * b[k * 3 + l] * a[l * 3 + j];
+            }
+            out.covariance[i * 3 + j] = out.covariance[j * 3 + i] = c;
+        }
+    }
+    // Variances below what the rotation's rounding leaves in a constant
+    // image are no noise.
+    double largest = 0.0;
+    for (size_t p = 0; p < plane * kColours; ++p) largest = std::max(largest, std::fabs(image.pixels[p]));
+    const double floor = 1e-10 * largest;
+    if (total > 0.0 && std::max({variance[0], variance[1], variance[2]}) > floor * floor) {
+        out.shape = shape;
+        out.noise = ColourNoise::correlated(NoiseModel::from_psd(std::move(shape)), out.covariance);
+    } else {
+        out.shape.assign(plane, 0.0);
+        out.covariance = {};
+        out.noise.kind = ColourNoise::Kind::kSame;  // nothing to remove: no model
+    }
+    return out;
+}
+
 ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
                            const DenoiseOptions& options, const ColourOptions& colour,
                            const Progress& progress, DenoiseReport* report) {
     using namespace swdenoise;
     check_colour_image(image);
-    if (options.tile.rows > 0) {
-        fail("shapewiener:tile:colour", "a colour image is denoised whole; tiles are not supported.");
+    const bool tiled = options.tile.rows > 0;
+    if (noise.kind == ColourNoise::Kind::kEstimated) {
+        if (tiled) {
+            fail("shapewiener:options:tile",
+                 "a tile's noise is its frame's: estimate it on the whole image "
+                 "(estimate_colour_noise) and pass that.");
+        }
+        NoiseEstimateOptions eo;
+        eo.threads = options.threads;
+        const ColourNoiseEstimate found =
+            estimate_colour_noise(image, eo, [&](double fraction, const char* phase) {
+                return !progress || progress(0.1 * fraction, phase);
+            });
+        if (found.noise.models.empty()) {  // no noise found: the image is its own estimate
+            if (progress && !progress(1.0, "done")) {
+                fail("shapewiener:denoise:interrupted", "the denoiser was cancelled.",
+                     ErrorCode::kInterrupted);
+            }
+            if (report != nullptr) *report = DenoiseReport();
+            return image;
+        }
+        return denoise_colour(image, found.noise, options, colour,
+                              [&](double fraction, const char* phase) {
+                                  return !progress || progress(0.1 + 0.9 * fraction, phase);
+                              },
+                              report);
     }
     const uint32_t rows = image.rows, cols = image.cols;
-    check_noise(noise, rows, cols);
+    // The noise is described for the frame: a tile's psd has the frame's size.
+    const uint32_t noise_rows = tiled ? options.tile.rows : rows;
+    const uint32_t noise_cols = tiled ? options.tile.cols : cols;
+    check_noise(noise, noise_rows, noise_cols);
     Settings settings = preset_settings(options.preset);
     settings.peaks.enabled = settings.peaks.enabled && options.peaks;
     const size_t plane = static_cast<size_t>(rows) * cols;
@@ -291,59 +476,31 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
         SharedShapes shared;
         DenoiseReport total;
         // The channels to filter: rotated, or as they are.
-        std::vector<Image> channels(kColours);
-        for (uint32_t k = 0; k < kColours; ++k) {
-            Image& channel = channels[k];
-            channel.rows = rows;
-            channel.cols = cols;
-            channel.pixels.resize(plane);
-            for (size_t p = 0; p < plane; ++p) {
-                if (colour.joint) {
-                    channel.pixels[p] = a[k * 3 + 0] * image.pixels[p] +
-                                        a[k * 3 + 1] * image.pixels[p + plane] +
-                                        a[k * 3 + 2] * image.pixels[p + 2 * plane];
-                } else {
-                    channel.pixels[p] = image.pixels[p + k * plane];
-                }
-            }
-        }
+        std::vector<Image> channels = filtered_channels(image, a, colour.joint);
         // The channels' noise, and whether any spectrum needs the row packing.
         std::vector<NoiseModel> models(kColours);
         std::array<double, 3> variance{};
-        // Estimated noise is taken to be the same in every channel: then every
-        // rotated channel holds the same spectrum. Texture, which the
-        // estimate can mistake for noise, can only raise it, and the image's
-        // texture is mostly in the luminance: each frequency takes the
-        // smallest of the three channels' estimates.
-        std::vector<double> estimated;
-        for (uint32_t k = 0; noise.kind == ColourNoise::Kind::kEstimated && k < kColours; ++k) {
-            NoiseEstimateOptions eo;
-            eo.threads = options.threads;
-            const NoiseEstimate found = estimate_noise(channels[k], eo);
-            if (k == 0) estimated = found.psd;
-            for (size_t f = 0; f < estimated.size(); ++f) estimated[f] = std::min(estimated[f], found.psd[f]);
-        }
         for (uint32_t k = 0; k < kColours; ++k) {
-            if (noise.kind == ColourNoise::Kind::kEstimated) {
-                double sum = 0.0;
-                for (double p : estimated) sum += p;
-                variance[k] = sum / static_cast<double>(estimated.size());
-                if (variance[k] > 0.0) models[k] = NoiseModel::from_psd(estimated);
-            } else {
-                models[k] = colour.joint ? rotated_noise(noise, a, k, rows, cols, &variance[k])
-                                         : channel_noise(noise, k, &variance[k]);
-            }
+            models[k] = colour.joint
+                            ? rotated_noise(noise, a, k, noise_rows, noise_cols, &variance[k])
+                            : channel_noise(noise, k, &variance[k]);
             if (colour.joint && variance[k] > 0.0 &&
-                !transpose_symmetric(block_psd(noise_autocovariance(models[k], rows, cols),
+                !transpose_symmetric(block_psd(noise_autocovariance(models[k], noise_rows, noise_cols),
                                                settings.weighted_psd))) {
                 shared.rows_only = true;
             }
         }
         const double largest = *std::max_element(variance.begin(), variance.end());
         // One working-range width for every filtered channel: channels with
-        // the same noise then share one plan and its levels.
+        // the same noise then share one plan and its levels. (A tile's
+        // channels: their frame's ranges.)
         for (uint32_t k = 0; k < kColours; ++k) {
             if (!(variance[k] > 1e-12 * largest)) continue;
+            if (tiled) {
+                shared.range_width =
+                    std::max(shared.range_width, colour.tile_ranges[2 * k + 1] - colour.tile_ranges[2 * k]);
+                continue;
+            }
             const auto [lo, hi] = std::minmax_element(channels[k].pixels.begin(), channels[k].pixels.end());
             shared.range_width = std::max(shared.range_width, *hi - *lo);
         }
@@ -359,8 +516,14 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
                 return !progress || progress((k + fraction) / kColours, phase);
             };
             DenoiseReport one;
+            TileFrame frame;
+            if (tiled) {  // the frame's range of this channel
+                frame = options.tile;
+                frame.value_min = colour.tile_ranges[2 * k];
+                frame.value_max = colour.tile_ranges[2 * k + 1];
+            }
             const Image estimate = run_pipeline(channel, models[k], settings, options.threads,
-                                                part, &one, TileFrame(),
+                                                part, &one, frame,
                                                 colour.joint ? &shared : nullptr);
             std::copy(estimate.pixels.begin(), estimate.pixels.end(), rotated.begin() + k * plane);
             total.passes = std::max(total.passes, one.passes);

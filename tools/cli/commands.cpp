@@ -279,10 +279,7 @@ int run_denoise_colour(const DenoiseArgs& a, swio::ChannelFile input) {
         throw std::runtime_error(a.output + ": JPEG holds no alpha channel; write .png or .tif");
     }
     const uint32_t rows = input.image.rows, cols = input.image.cols;
-    if (!a.noise_out.empty()) {
-        throw std::runtime_error("--noise-out: the estimated spectrum is written for grey images only");
-    }
-    const sw::ColourNoise noise = colour_noise(a, rows, cols);
+    sw::ColourNoise noise = colour_noise(a, rows, cols);
     if (noise.kind != sw::ColourNoise::Kind::kEstimated) {
         // The plausibility guard on the colour values (alpha aside).
         const size_t colours = static_cast<size_t>(rows) * cols * 3;
@@ -305,10 +302,31 @@ int run_denoise_colour(const DenoiseArgs& a, swio::ChannelFile input) {
     options.threads = a.threads;
     sw::DenoiseReport report;
     ProgressBar bar(!a.quiet);
-    const sw::ColourImage output = sw::denoise_colour(
-        input.image, noise, options, sw::ColourOptions(),
-        [&bar](double fraction, const char* phase) { return bar(fraction, phase); }, &report);
+    // No noise given: estimated first (the library's blind call does the
+    // same, with the same bits), to report it.
+    const bool blind = noise.kind == sw::ColourNoise::Kind::kEstimated;
+    sw::ColourNoiseEstimate estimate;
+    const auto share = [&bar](double begin, double width) {
+        return [&bar, begin, width](double fraction, const char* phase) {
+            return bar(begin + width * fraction, phase);
+        };
+    };
+    if (blind) {
+        sw::NoiseEstimateOptions eo;
+        eo.threads = a.threads;
+        estimate = sw::estimate_colour_noise(input.image, eo, share(0.0, 0.1));
+        noise = estimate.noise;
+    }
+    const sw::ColourImage output =
+        blind && noise.models.empty()
+            ? input.image  // no noise found
+            : sw::denoise_colour(input.image, noise, options, sw::ColourOptions(),
+                                 share(blind ? 0.1 : 0.0, blind ? 0.9 : 1.0), &report);
     bar.finish();
+    if (blind) {
+        write_colour_spectrum(a.noise_out, estimate);
+        if (!a.quiet) print_colour_estimate_line(estimate);
+    }
     swio::write_atomically(a.output, [&](const std::string& temp) {
         swio::write_channels(temp, a.output, output, out_type, a.quality);
     });

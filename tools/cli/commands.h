@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 
+#include "shapewiener/colour.h"
 #include "shapewiener/noise.h"
 #include "io/image_io.h"
 
@@ -83,6 +84,10 @@ void check_spectrum_path(const std::string& path, const char* option);
 void write_spectrum(const std::string& path, const sw::NoiseEstimate& e);
 // One line on stderr: the estimated sigma, white or coloured, usable share.
 void print_estimate_line(const sw::NoiseEstimate& e);
+// The same for a colour image's estimate; write_colour_spectrum writes each
+// channel's spectrum, (rows, cols, 3) .npy.
+void print_colour_estimate_line(const sw::ColourNoiseEstimate& e);
+void write_colour_spectrum(const std::string& path, const sw::ColourNoiseEstimate& e);
 
 }  // namespace swcli
 

@@ -48,7 +48,7 @@ int main(int argc, char** argv) {
     CLI::Option* noise_out = denoise->add_option(
         "--noise-out", d.noise_out,
         "with no noise given: write the estimated power spectrum (.npy, float64, the image's "
-        "shape, the --psd convention)");
+        "shape, the --psd convention; for a colour image (rows, cols, 3), one per channel)");
     psd->excludes(sigma)->excludes(kernel);
     noise_out->excludes(sigma)->excludes(kernel)->excludes(psd);
     denoise->add_option("--preset", d.preset, "fast or default")
@@ -75,13 +75,16 @@ int main(int argc, char** argv) {
         "noise",
         "estimate an image's noise (sigma in the image's units, white or coloured, its power "
         "spectrum) and print a short report on stdout");
-    noise->add_option("INPUT", n.input, "noisy image (.png, .tif, .npy), at least 16 x 16")->required();
+    noise->add_option("INPUT", n.input, "noisy image (.png, .tif, .jpg, .npy), at least 16 x 16, "
+                      "grey or colour (then one spatial spectrum and the channels' covariance)")->required();
     noise->add_option("--psd-out", n.psd_out,
                       "write the estimated power spectrum (.npy, float64, the image's shape, "
-                      "DC at (0,0), unshifted; what denoise --psd takes)");
+                      "DC at (0,0), unshifted; what denoise --psd takes); for a colour image "
+                      "(rows, cols, 3), one spectrum per channel");
     noise->add_option("--plot", n.plot,
-                      "write a picture of the spectrum (8-bit grey .png): DC in the centre, log "
-                      "scale, white at the peak to black 4 decades below");
+                      "write a picture of the spectrum (8-bit .png): DC in the centre, log "
+                      "scale, white at the peak to black 4 decades below; for a colour image "
+                      "the spatial shape its channels share");
     noise->add_option("--threads", n.threads, "worker threads (0: all)")->capture_default_str();
     noise->add_flag("--quiet", n.quiet, "no progress bar");
 
