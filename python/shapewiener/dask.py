@@ -87,6 +87,24 @@ def _denoise_whole(image, noise, preset, threads, dtype):
     return stored_as(_denoise_image(image, **noise, preset=preset, threads=threads), dtype)
 
 
+def _tiled(chunks, rows, cols, halo, tile):
+    """The blocks of a tiled image: tile(row slice, column slice, frame
+    origin, crop, shape) for every chunk, the chunk with its halo."""
+    starts = [np.concatenate([[0], np.cumsum(c)]) for c in chunks]
+    blocks = []
+    for i in range(len(chunks[0])):
+        r0, r1 = int(starts[0][i]), int(starts[0][i + 1])
+        tr0, tr1 = max(0, r0 - halo), min(rows, r1 + halo)
+        row = []
+        for j in range(len(chunks[1])):
+            c0, c1 = int(starts[1][j]), int(starts[1][j + 1])
+            tc0, tc1 = max(0, c0 - halo), min(cols, c1 + halo)
+            row.append(tile(slice(tr0, tr1), slice(tc0, tc1), (rows, cols, tr0, tc0),
+                            (r0 - tr0, r1 - tr0, c0 - tc0, c1 - tc0), (r1 - r0, c1 - c0)))
+        blocks.append(row)
+    return blocks
+
+
 # Colour tiles: off for now, every colour image is denoised whole in one
 # task (tiles of channels that share one plan do not yet give the whole
 # image's bits).
@@ -156,23 +174,11 @@ def _denoise_colour(array, sigma, kernel, psd, channel_covariance, preset, chunk
         warn_if_implausible(low, high, dtype, *models[0])
     noise = {k: (dask.delayed(np.asarray(v, np.float64)) if k == "psd" and v is not None else v)
              for k, v in noise.items()}
-    starts = [np.concatenate([[0], np.cumsum(c)]) for c in array.chunks[:2]]
-    blocks = []
-    for i in range(len(array.chunks[0])):
-        row = []
-        r0, r1 = int(starts[0][i]), int(starts[0][i + 1])
-        tr0, tr1 = max(0, r0 - halo), min(rows, r1 + halo)
-        for j in range(len(array.chunks[1])):
-            c0, c1 = int(starts[1][j]), int(starts[1][j + 1])
-            tc0, tc1 = max(0, c0 - halo), min(cols, c1 + halo)
-            frame = (rows, cols, tr0, tc0) + ranges
-            crop = (r0 - tr0, r1 - tr0, c0 - tc0, c1 - tc0)
-            task = dask.delayed(_denoise_colour_tile, pure=True)(
-                array[tr0:tr1, tc0:tc1, :], frame, noise, preset, threads, crop, dtype)
-            row.append([da.from_delayed(task, shape=(r1 - r0, c1 - c0, channels),
-                                        dtype=out_dtype)])
-        blocks.append(row)
-    return da.block(blocks)
+    def tile(tr, tc, origin, crop, shape):
+        task = dask.delayed(_denoise_colour_tile, pure=True)(
+            array[tr, tc, :], origin + ranges, noise, preset, threads, crop, dtype)
+        return [da.from_delayed(task, shape=shape + (channels,), dtype=out_dtype)]
+    return da.block(_tiled(array.chunks[:2], rows, cols, halo, tile))
 
 
 def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunks=None,
@@ -282,20 +288,9 @@ def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunk
     noise = {"sigma": sigma, "kernel": kernel,
              "psd": None if psd is None else dask.delayed(np.asarray(psd, np.float64))}
 
-    starts = [np.concatenate([[0], np.cumsum(c)]) for c in array.chunks]
-    blocks = []
-    for i in range(len(array.chunks[0])):
-        row = []
-        r0, r1 = int(starts[0][i]), int(starts[0][i + 1])
-        tr0, tr1 = max(0, r0 - halo), min(rows, r1 + halo)
-        for j in range(len(array.chunks[1])):
-            c0, c1 = int(starts[1][j]), int(starts[1][j + 1])
-            tc0, tc1 = max(0, c0 - halo), min(cols, c1 + halo)
-            frame = (rows, cols, tr0, tc0, low, high)
-            crop = (r0 - tr0, r1 - tr0, c0 - tc0, c1 - tc0)
-            task = dask.delayed(_denoise_tile, pure=True)(
-                array[tr0:tr1, tc0:tc1], frame, noise, preset, threads, crop, dtype)
-            row.append(da.from_delayed(task, shape=(r1 - r0, c1 - c0),
-                                       dtype=dtype if dtype.kind in "iu" else np.float64))
-        blocks.append(row)
-    return da.block(blocks)
+    def tile(tr, tc, origin, crop, shape):
+        task = dask.delayed(_denoise_tile, pure=True)(
+            array[tr, tc], origin + (low, high), noise, preset, threads, crop, dtype)
+        return da.from_delayed(task, shape=shape,
+                               dtype=dtype if dtype.kind in "iu" else np.float64)
+    return da.block(_tiled(array.chunks, rows, cols, halo, tile))
