@@ -33,6 +33,11 @@ struct LevelStore {
     // Stored levels serve other noisy images too (LevelScope::kAnyImage):
     // a load gives 0 wherever the entry's noisy coefficient is exactly 0.
     bool any_image = false;
+    // Every coefficient of the shape has its level, whatever the entry's
+    // values (LevelRule::kShapeLevels): the levels depend on the key alone.
+    // Set on a plan that stores nothing too (keys() 0): computing entries
+    // then ask for every coefficient's level.
+    bool shape_levels = false;
 
     uint64_t keys() const { return known.size(); }
 
@@ -40,19 +45,20 @@ struct LevelStore {
     // are stored, or flat: then every coefficient that is exactly 0 in
     // `noisy_coefficients` (the key's first entry) gets 0, as it would from
     // the spectra, every other one and the mean flat_level. Stored levels
-    // for any image get the same zeros.
+    // for any image get the same zeros. With shape_levels no zeros.
     bool load(uint64_t key, const float* noisy_coefficients, float* levels_out,
               float* dc_out) const {
         if (flat) {
             for (uint32_t t = 0; t < area; ++t) {
-                levels_out[t] = noisy_coefficients[t] == 0.0f ? 0.0f : flat_level;
+                levels_out[t] =
+                    noisy_coefficients[t] == 0.0f && !shape_levels ? 0.0f : flat_level;
             }
             *dc_out = flat_level;
             return true;
         }
         if (key >= known.size() || known[key] == 0) return false;
         const float* stored = levels.data() + key * area;
-        if (any_image) {
+        if (any_image && !shape_levels) {
             for (uint32_t t = 0; t < area; ++t) {
                 levels_out[t] = noisy_coefficients[t] == 0.0f ? 0.0f : stored[t];
             }

@@ -101,8 +101,10 @@ Error plan_call(const FilterCall& call, Plan::State* s, bool keep_levels, LevelR
     s->call = call;
     s->h = round_to_unsigned(call.max_scale);
     s->keep_levels = false;
+    const bool shape = rule == LevelRule::kShapeLevels;
+    s->store.shape_levels = shape;
     float level = 0.0f;
-    if (rule == LevelRule::kFlatShortcut && flat_level(call, &level)) {
+    if (rule != LevelRule::kComputed && flat_level(call, &level)) {
         const uint64_t w = 2 * uint64_t{s->h} - 1;
         s->store.area = static_cast<uint32_t>(w * w);
         s->store.flat = true;
@@ -123,6 +125,7 @@ Error plan_call(const FilterCall& call, Plan::State* s, bool keep_levels, LevelR
         s->keep_levels = true;
     } catch (const std::bad_alloc&) {
         s->store = LevelStore();  // computed per execution instead
+        s->store.shape_levels = shape;
     }
     return Error();
 }
@@ -146,8 +149,9 @@ Error execute(Plan& plan, double* noisy_image, double* pilot_image, double wiene
     call.pilot_image = pilot_image;
     call.wiener_variance_factor = wiener_variance_factor;
     call.frame = frame;
-    LevelStore* store = s.store.flat ? &s.store : nullptr;
-    if (s.keep_levels && s.store.any_image) {
+    LevelStore* store = s.store.flat || s.store.shape_levels ? &s.store : nullptr;
+    if (s.keep_levels && (s.store.any_image || s.store.shape_levels)) {
+        // Levels that do not depend on the noisy image.
         if (!s.bound || !same_frame(frame, s.frame)) {
             s.store.forget();
             s.frame = frame;
