@@ -9,6 +9,7 @@
 
 #include "denoise/fail.h"
 #include "denoise/fft.h"
+#include "denoise/quantised.h"
 #include "denoise/white_floor.h"
 #include "driver/parallel.h"
 
@@ -611,6 +612,12 @@ NoiseEstimate estimate_noise(const Image& image, const NoiseEstimateOptions& opt
     double total = 0.0;
     for (double v : result.psd) total += v;
     result.sigma = std::sqrt(total / (static_cast<double>(rows) * cols));
+    // On a quantised image, noise within a couple of steps is taken as none.
+    const double step = swdenoise::quantisation_step(image.pixels);
+    if (step > 0.0 && result.sigma < swdenoise::kQuietSteps * step) {
+        std::fill(result.psd.begin(), result.psd.end(), 0.0);
+        result.sigma = 0.0;
+    }
     report(1.0);
     return result;
 }
