@@ -148,6 +148,12 @@ std::vector<double> box_mean(const std::vector<double>& grid, uint32_t b, uint32
 // its estimate.
 // A stationary near-Gaussian texture, which the flattest blocks read as
 // noise, has a small excess, about even over frequency, and is capped.
+// There the noise under the texture lowers every frequency's ratio, the
+// more the weaker the texture, so the largest ratio underrates a and the
+// cap leaves texture as noise (grass: 1.8 times the true sigma at 0.05):
+// above kLowRadius the cap takes the kCumulantQuantile quantile of the
+// ratios instead of their largest (the largest still decides whether the
+// cap applies at all).
 const uint32_t kCumulantReach = 2;  // smoothing over 5 x 5 frequencies
 // A smoothed excess is significant above this multiple of its standard
 // error (taken as if the neighbouring frequencies were independent; the
@@ -170,6 +176,7 @@ const double kCumulantMinShare = 0.2;
 // strongly peaked image part lies under stronger noise, the largest ratio
 // underrates its excess, and the cap would take too much.
 const double kCumulantMaxCut = 4.0;
+const double kCumulantQuantile = 0.9;
 
 void cap_by_cumulant(const std::vector<double>& periodograms, size_t n_blocks, uint32_t b,
                      std::vector<double>* spectrum) {
@@ -221,6 +228,7 @@ void cap_by_cumulant(const std::vector<double>& periodograms, size_t n_blocks, u
     double a_low = 0.0;
     size_t high_cells = 0;
     size_t high_significant = 0;
+    std::vector<double> high_ratios;
     for (size_t f = 1; f < bins; ++f) {
         const uint32_t u = static_cast<uint32_t>(f % b);
         const uint32_t v = static_cast<uint32_t>(f / b);
@@ -238,6 +246,7 @@ void cap_by_cumulant(const std::vector<double>& periodograms, size_t n_blocks, u
             a_low = std::max(a_low, ratio);
         } else {
             a_high = std::max(a_high, ratio);
+            high_ratios.push_back(ratio);
         }
     }
     if (!(a_high < kCumulantMaxRatio) ||
@@ -245,8 +254,13 @@ void cap_by_cumulant(const std::vector<double>& periodograms, size_t n_blocks, u
         return;
     }
     a_low = std::max(a_low, a_high);
+    const double a_cap = high_ratios.empty()
+                             ? a_high
+                             : order_statistic(high_ratios, static_cast<size_t>(
+                                                                kCumulantQuantile *
+                                                                static_cast<double>(high_ratios.size() - 1)));
     for (size_t f = 1; f < bins; ++f) {
-        const double a = low[f] ? a_low : a_high;
+        const double a = low[f] ? a_low : a_cap;
         if (root[f] > 0.0 && a > 0.0) {
             const double cap = std::max(m2s[f] - root[f] / a, (*spectrum)[f] / kCumulantMaxCut);
             (*spectrum)[f] = std::min((*spectrum)[f], cap);
