@@ -36,7 +36,7 @@ def stripes_psd(shape, sigma):
 
 
 @pytest.mark.parametrize("noise", ["kernel", "stripes", "uint8", "blind", "photo flat psd",
-                                   "rgb correlated", "rgb blind"])
+                                   "rgb correlated", "rgb flat psd per channel", "rgb blind"])
 def test_tiles_give_the_whole_images_bits(denoiser, client, noise):
     """Chunks smaller than twice the halo; the default preset: tests/test_tile.cpp.
     Stripes go through the global first stage before the tiles; a uint8
@@ -56,6 +56,8 @@ def test_tiles_give_the_whole_images_bits(denoiser, client, noise):
         args = {"channel_covariance": 4e-4 * np.array([[4, 2, 1], [2, 4, 2], [1, 2, 4]])}
         if noise == "rgb blind":
             z, args = (z * 255).astype(np.uint8), {}
+        elif noise == "rgb flat psd per channel":
+            args = {"psd": np.full(z.shape, 1e-3)}
     elif noise == "photo flat psd":
         from shapewiener import _core
         rgb, _ = _core.read_channels(str(ROOT / "data" / "astronaut.png"))
