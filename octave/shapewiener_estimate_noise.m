@@ -20,6 +20,16 @@ function noise = shapewiener_estimate_noise(z, varargin)
 %                      error
 %     block            the side of the blocks the spectrum was read from
 %
+%   A colour image (M x N x 3, or M x N x 4 with its alpha ignored) gets
+%   the noise as one spatial shape times a channel covariance, the struct:
+%     sigma            1 x 3, each channel's standard deviation
+%     psd              M x N x 3, each channel's power spectrum
+%     covariance       3 x 3, the per-pixel covariance of R, G and B's noise
+%     shape            M x N, the spatial spectrum's shape, mean 1
+%     usable_fraction, white   as above, over the channels
+%   and shapewiener_denoise(Z) equals shapewiener_denoise(Z, 'psd',
+%   NOISE.shape, 'channel_covariance', NOISE.covariance) bit for bit.
+%
 %   shapewiener_denoise(Z) without a noise description uses this estimate,
 %   with the same bits as shapewiener_denoise(Z, 'psd', NOISE.psd). The
 %   result does not depend on 'threads'. Ctrl-C stops the call. Errors:

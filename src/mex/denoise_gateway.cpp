@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -180,6 +181,38 @@ mxArray* estimate_of(const sw::NoiseEstimate& e) {
     return s;
 }
 
+// A colour image's noise estimate as a struct: sigma (1 x 3), psd
+// (M x N x 3, the channels' spectra), covariance (3 x 3), shape (M x N, mean
+// 1), usable_fraction, white. shapewiener_denoise(Z) without a noise
+// description equals shapewiener_denoise(Z, 'psd', shape,
+// 'channel_covariance', covariance).
+mxArray* colour_estimate_of(const sw::ColourNoiseEstimate& e) {
+    const char* fields[] = {"sigma", "psd", "covariance", "shape", "usable_fraction", "white"};
+    mxArray* s = mxCreateStructMatrix(1, 1, 6, fields);
+    const size_t plane = static_cast<size_t>(e.rows) * e.cols;
+    const mwSize dims[3] = {e.rows, e.cols, 3};
+    mxArray* psd = mxCreateNumericArray(3, dims, mxDOUBLE_CLASS, mxREAL);
+    mxArray* shape = mxCreateDoubleMatrix(e.rows, e.cols, mxREAL);
+    mxArray* sigma = mxCreateDoubleMatrix(1, 3, mxREAL);
+    mxArray* covariance = mxCreateDoubleMatrix(3, 3, mxREAL);
+    for (size_t k = 0; k < 3; ++k) {
+        const double variance = e.covariance[k * 3 + k];
+        mxGetPr(sigma)[k] = std::sqrt(variance);
+        for (size_t j = 0; j < 3; ++j) mxGetPr(covariance)[k + j * 3] = e.covariance[k * 3 + j];
+        for (size_t f = 0; f < plane && f < e.shape.size(); ++f) {
+            mxGetPr(psd)[f + k * plane] = e.shape[f] * variance;
+        }
+    }
+    if (!e.shape.empty()) std::memcpy(mxGetPr(shape), e.shape.data(), sizeof(double) * plane);
+    mxSetField(s, 0, "sigma", sigma);
+    mxSetField(s, 0, "psd", psd);
+    mxSetField(s, 0, "covariance", covariance);
+    mxSetField(s, 0, "shape", shape);
+    mxSetField(s, 0, "usable_fraction", mxCreateDoubleScalar(e.usable_fraction));
+    mxSetField(s, 0, "white", mxCreateLogicalScalar(e.white));
+    return s;
+}
+
 std::string text_of(const mxArray* a) {
     if (!mxIsChar(a)) return std::string();
     char* s = mxArrayToString(a);
@@ -338,8 +371,22 @@ sw::Error run(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
                           {std::move(psd), psd_rows, psd_cols, psd_channels}, have_covariance,
                           covariance, options);
     }
-    if (image.channels > 1) {
-        return make("shapewiener:image:channels", "the noise estimate alone is for grey images.");
+    if (image.channels > 1) {  // the estimate alone, of a colour image
+        if (have_psd || have_sigma || have_kernel || have_covariance) {
+            return make("shapewiener:noise:conflict", "the noise estimate takes no noise description.");
+        }
+        if (nlhs > 1) return make("shapewiener:nlhs:tooMany", "the estimate alone is one output.");
+        sw::NoiseEstimateOptions eo;
+        eo.threads = options.threads;
+        try {
+            plhs[0] = colour_estimate_of(sw::estimate_colour_noise(
+                image, eo, [](double, const char*) { return !swmex::interrupt_requested(); }));
+        } catch (const sw::DenoiseError& error) {
+            return error.error();
+        } catch (const std::bad_alloc&) {
+            return make("shapewiener:memory:outOfMemory", "not enough memory.", sw::ErrorCode::kOutOfMemory);
+        }
+        return sw::Error();
     }
     if (have_psd && psd_channels != 1) {
         return make("shapewiener:noise:psdSize", "a power spectrum per channel is for colour images.");

@@ -54,4 +54,13 @@ function test_denoise_gateway()
   white = shapewiener_denoise(double(rgba), 'sigma', 12, 'preset', 'fast');
   same = shapewiener_denoise(double(rgba), 'channel_covariance', 144 * eye(3), 'preset', 'fast');
   assert(isequal(out, uint8(white)) && max(abs(same(:) - white(:))) < 1e-9);
+  % A colour image's estimate alone: per channel and the channel
+  % covariance, the noise the blind colour call uses (same bits).
+  rgb = rgba(:, :, 1:3);
+  e = shapewiener_estimate_noise(rgb, 'threads', 1);
+  assert(isequal(size(e.psd), [32, 40, 3]) && isequal(size(e.covariance), [3, 3]));
+  assert(max(abs(e.sigma - sqrt(diag(e.covariance))')) < 1e-12 * max(e.sigma));
+  assert(isequal(e.psd(:, :, 2), e.shape * e.covariance(2, 2)) && islogical(e.white));
+  assert(isequal(shapewiener_denoise(rgb, 'preset', 'fast'), ...
+                 shapewiener_denoise(rgb, 'psd', e.shape, 'channel_covariance', e.covariance, 'preset', 'fast')));
 end
