@@ -98,12 +98,12 @@ swcaller::ShapeArguments adaptive_shapes(const double* image, uint32_t rows, uin
     return swcaller::make_shape_arguments(h, std::move(scale_set), std::move(map), true, ties);
 }
 
-RangeMap working_range(double lo, double hi, bool normalise) {
+RangeMap working_range(double lo, double width, bool normalise) {
     RangeMap m;
     if (!normalise) return m;
     // [min, max] onto [0.1, 0.9]: the module clips every estimate to [0, 1]
     // and an estimate of exactly 0 everywhere on a shape gets weight 1/0.
-    m.scale = hi > lo ? (hi - lo) / 0.8 : 1.0;
+    m.scale = width > 0.0 ? width / 0.8 : 1.0;
     m.offset = lo - 0.1 * m.scale;
     return m;
 }
@@ -281,7 +281,7 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     }
     // Images that share a plan map ranges of one width (see SharedShapes).
     const double width = shared != nullptr ? std::max(shared->range_width, hi - lo) : hi - lo;
-    const RangeMap range = working_range(lo, lo + width, settings.normalise_range);
+    const RangeMap range = working_range(lo, width, settings.normalise_range);
     swcaller::Image noisy(rows, cols);
     for (size_t p = 0; p < noisy.size(); ++p) {
         noisy.pixels[p] = (input.pixels[p] - range.offset) / range.scale;
@@ -350,17 +350,23 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     }
     sw::Plan& plan = shared != nullptr && shared->planned && shared->psd == psd ? shared->plan
                                                                               : own_plan;
-    // A sparse first pass numbers its key changes differently: a plan of
-    // its own, which keeps no levels.
+    // Sparse passes number their key changes differently: a plan of their
+    // own, which keeps levels for a second sparse pass or (images sharing
+    // the plan) for the other images.
     const bool sparse_pilot = settings.passes > 1 && settings.pilot_step > 1;
-    sw::Plan pilot_plan;
-    if (sparse_pilot) {
+    const int sparse_passes = sparse_pilot ? std::min(settings.sparse_passes, settings.passes - 1) : 0;
+    const bool share_pilot = sparse_pilot && &plan != &own_plan;
+    sw::Plan own_pilot_plan;
+    sw::Plan& pilot_plan = share_pilot ? shared->pilot_plan : own_pilot_plan;
+    if (sparse_pilot && !(share_pilot && shared->pilot_planned)) {
         const CallArrays& arrays = own_arrays ? *own_arrays : *shared->arrays;
         sw::FilterCall sparse =
             arrays.call(noisy_copy.data(), pilot.data(), rows, cols, first_factor);
         sparse.frame = frame;
         sparse.entry_step = settings.pilot_step;
-        pilot_plan = plan_passes(sparse, 1);
+        pilot_plan = plan_passes(sparse, sparse_passes,
+                                 share_pilot ? sw::LevelScope::kAnyImage : sw::LevelScope::kThisImage);
+        if (share_pilot) shared->pilot_planned = true;
     }
     const double share = 0.9 / settings.passes;
     // How far outside the data's range an estimate may come and still be
@@ -376,7 +382,7 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
         noisy_copy = noisy.pixels;
         pilot = pass == 0 ? noisy.pixels : estimate;
         if (pass > 0) previous = estimate;
-        run_pass(pass == 0 && sparse_pilot ? pilot_plan : plan, noisy_copy.data(), pilot.data(),
+        run_pass(pass < sparse_passes ? pilot_plan : plan, noisy_copy.data(), pilot.data(),
                  pass == 0 ? first_factor : second_factor,
                  frame, estimate.data(), threads, [&](double fraction) {
                      return !progress || progress(begin + share * fraction, phase);
@@ -393,8 +399,8 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     if (sparse_pilot) {
         const PassCount first =
             sparse_pass_count(shapes.list, rows, frame.row0, frame.col0, settings.pilot_step);
-        done.accepted_entries -= uint64_t{rows} * cols - first.entries;
-        done.key_changes -= shapes.list.key_changes - first.key_changes;
+        done.accepted_entries -= (uint64_t{rows} * cols - first.entries) * sparse_passes;
+        done.key_changes -= (shapes.list.key_changes - first.key_changes) * sparse_passes;
     }
 
     sw::Image out;
