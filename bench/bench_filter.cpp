@@ -105,7 +105,7 @@ void run(const Options& o) {
     std::printf("          fixed %u x %u squares (H = %u), spectrum grid %u, never skip.\n",
                 2 * h - 1, 2 * h - 1, h, swcaller::kSpectrumGrid);
     std::printf("Call:     pass 2 (PilotImage = pass-1 output, WienerVarianceFactor %g).\n\n",
-                swtest::kSecondPassFactor);
+                swbench::kSecondPassFactor);
 
     // One call, repeated.
     std::vector<double> times;
@@ -130,7 +130,7 @@ void run(const Options& o) {
     std::printf("  per accepted entry         %.2f us\n",
                 1e6 * best / static_cast<double>(w.shapes.list.pixels.size()));
     std::printf("  PSNR of this pass          %.2f dB (noisy %.2f dB)\n",
-                swcaller::psnr(output, w.clean), swcaller::psnr(w.noisy, w.clean));
+                swbench::psnr(output, w.clean), swbench::psnr(w.noisy, w.clean));
     std::printf("  output checksum            %016" PRIx64 "%s\n\n", swbench::checksum(output),
                 repeatable ? " (same in every repetition)" : " (DIFFERS between repetitions!)");
 
@@ -151,7 +151,7 @@ void run(const Options& o) {
     std::printf("Size-specialised variants against the general path\n");
     std::printf("  centred %u x %u crop, pass-1 settings (pilot = noisy, factor %g), squares of\n",
                 std::min(o.crop, full.clean.rows), std::min(o.crop, full.clean.cols),
-                swtest::kFirstPassFactor);
+                swbench::kFirstPassFactor);
     std::printf("  side 2H-1, best of %u each, runs alternating; no validation in either.\n\n",
                 o.variant_reps);
     std::printf("   H   keys   variant (s)   general (s)   general/variant   bit-identical\n");

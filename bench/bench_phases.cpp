@@ -104,7 +104,7 @@ int run(const std::string& input, uint32_t h, uint32_t side) {
     std::printf("          fixed %u x %u squares (H = %u), spectrum grid %u, never skip.\n",
                 2 * h - 1, 2 * h - 1, h, swcaller::kSpectrumGrid);
     std::printf("Call:     pass 2 (PilotImage = pass-1 output, WienerVarianceFactor %g),\n",
-                swtest::kSecondPassFactor);
+                swbench::kSecondPassFactor);
     std::printf("          profiling build of the core (phase marks).\n\n");
     std::printf("  phase                 time (ms)    share      marks\n");
     for (const Row& r : rows) {

@@ -1,6 +1,7 @@
 #include "workload.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <utility>
 
@@ -43,14 +44,23 @@ Workload crop_workload(const Workload& full, uint32_t side, uint32_t h) {
 
 swtest::PassSettings first_pass_settings() {
     swtest::PassSettings s;
-    s.wiener_variance_factor = swtest::kFirstPassFactor;
+    s.wiener_variance_factor = kFirstPassFactor;
     return s;
 }
 
 swtest::PassSettings second_pass_settings() {
     swtest::PassSettings s;
-    s.wiener_variance_factor = swtest::kSecondPassFactor;
+    s.wiener_variance_factor = kSecondPassFactor;
     return s;
+}
+
+double psnr(const swcaller::Image& estimate, const swcaller::Image& reference) {
+    double sum = 0.0;
+    for (size_t i = 0; i < estimate.size(); ++i) {
+        const double d = estimate.pixels[i] - reference.pixels[i];
+        sum += d * d;
+    }
+    return 10.0 * std::log10(static_cast<double>(estimate.size()) / sum);
 }
 
 TimedCall time_call(swtest::ModuleCall& call, swtest::ModuleCall::Entry entry,

@@ -29,6 +29,10 @@ Workload make_workload(const std::string& image_path, uint32_t h);
 // The same noise and shapes for a centred crop of the image.
 Workload crop_workload(const Workload& full, uint32_t side, uint32_t h);
 
+// Wiener variance factors of the demo's two passes, tuned for coloured noise.
+constexpr double kFirstPassFactor = 6.0;
+constexpr double kSecondPassFactor = 2.0;
+
 // Settings of the demo's two passes.
 swtest::PassSettings first_pass_settings();
 swtest::PassSettings second_pass_settings();
@@ -41,6 +45,9 @@ struct TimedCall {
 };
 TimedCall time_call(swtest::ModuleCall& call, swtest::ModuleCall::Entry entry,
                     uint32_t general_h = 0);
+
+// Peak signal-to-noise ratio in dB, peak 1.
+double psnr(const swcaller::Image& estimate, const swcaller::Image& reference);
 
 // 64-bit FNV-1a of the output's bytes, for bit-for-bit comparisons.
 uint64_t checksum(const swcaller::Image& image);

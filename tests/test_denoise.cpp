@@ -313,60 +313,6 @@ TEST(Scales, DirectionalVariancesMatchMonteCarlo) {
 // ---------------------------------------------------------------------------
 // The shape list
 
-TEST(ShapeList, OneKeyPerShapeAndEqualKeysMeanIdenticalShapes) {
-    const uint32_t rows = 37, cols = 29;
-    const sw::Image noisy = add_noise(scene(rows, cols), swcaller::binomial_kernel(), 0.05, 2);
-    const sw::NoiseModel noise = sw::NoiseModel::from_kernel({1, 2, 1, 2, 4, 2, 1, 2, 1}, 3, 3, 0.05);
-    const Autocovariance r = swdenoise::noise_autocovariance(noise, rows, cols);
-    for (bool rows_only : {false, true}) {
-        const swcaller::ShapeArguments s =
-            swdenoise::adaptive_shapes(noisy.pixels.data(), rows, cols, r, swdenoise::ScaleRule(), rows_only);
-        ASSERT_EQ(s.list.pixels.size(), rows * cols);
-        std::vector<int> seen(rows * cols, 0);
-        std::set<int32_t> keys;
-        int32_t previous = 0;
-        for (size_t e = 0; e < s.list.pixels.size(); ++e) {
-            const uint32_t q = s.list.pixels[e] - 1;
-            ++seen.at(q);
-            uint8_t raw[8];
-            uint32_t scales[8];
-            for (int d = 0; d < 8; ++d) {
-                raw[d] = s.direction_scales.indices[q + d * rows * cols];
-                scales[d] = static_cast<uint32_t>(s.scale_set[raw[d] - 1]);
-            }
-            const bool by_columns = sw::pack_by_columns(raw);
-            if (rows_only) {
-                EXPECT_FALSE(by_columns);
-            }
-            const swcaller::Mask m = swcaller::clip_to_image(swcaller::sector_union(s.h, s.sector_masks, scales),
-                                                             s.h, q % rows, q / rows, rows, cols);
-            const int32_t key = s.list.keys[e];
-            ASSERT_GT(key, 0);
-            if (key != previous) {
-                EXPECT_TRUE(keys.insert(key).second) << "key " << key << " comes back";
-            }
-            if (key == previous) {
-                const uint32_t p = s.list.pixels[e - 1] - 1;
-                uint8_t praw[8];
-                uint32_t pscales[8];
-                for (int d = 0; d < 8; ++d) {
-                    praw[d] = s.direction_scales.indices[p + d * rows * cols];
-                    pscales[d] = static_cast<uint32_t>(s.scale_set[praw[d] - 1]);
-                }
-                // The module keeps the key-change entry's sectors, cut to this box.
-                const swcaller::Mask formed = swcaller::clip_to_image(
-                    swcaller::sector_union(s.h, s.sector_masks, pscales), s.h, q % rows, q / rows, rows, cols);
-                EXPECT_EQ(formed, m) << "entry " << e;
-                EXPECT_EQ(sw::pack_by_columns(praw), by_columns);
-            }
-            previous = key;
-        }
-        for (int c : seen) EXPECT_EQ(c, 1);
-        EXPECT_EQ(keys.size(), s.list.key_changes);
-        EXPECT_LT(s.list.key_changes, rows * cols * 3 / 4);
-    }
-}
-
 // The shared workloads were built by the same rules: scales and list must
 // come out byte for byte.
 TEST(ShapeList, ReproducesTheSharedAdaptiveWorkloads) {

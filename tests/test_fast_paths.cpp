@@ -9,7 +9,6 @@
 #include <limits>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "driver/box.h"
@@ -305,68 +304,6 @@ TEST(FastTransforms, LongLines) {
     std::vector<float> ng, pg;
     random_values(s, rng, 0, &ng, &pg);
     expect_transforms_match(s, ng, pg, "W 67");
-}
-
-// Threads each with their own shapes get the reference's levels: the
-// scratch of the fast paths is per thread.
-TEST(FastPaths, ThreadsKeepTheirOwnScratch) {
-    LevelGuard guard;
-    std::mt19937 rng(31);
-    std::vector<Shape> shapes;
-    for (uint32_t trial = 0; trial < 16; ++trial) shapes.push_back(random_shape(rng, trial));
-    auto levels_of = [](const Shape& s, bool fast) {
-        std::vector<float> spatial(s.n * s.n), rows(2 * s.n * (s.n / 2 + 1)), block(rows.size());
-        const sw::SpectrumContext ctx{s.n,           s.n == 32 ? nullptr : s.twiddle.data(),
-                                      spatial.data(), rows.data(), block.data(), s.psd.data(),
-                                      s.factor};
-        std::vector<float> levels(s.w * s.w), ng = s.ng;
-        std::vector<int32_t> cursor(s.w);
-        const sw::simd::Level level = fast ? sw::simd::best() : Level::reference;
-        levels.push_back(sw::noise_levels_fast(s.box, ctx, s.nc.data(), ng.data(), s.cc.data(),
-                                               s.rc.data(), cursor.data(), s.g.max_column_count,
-                                               s.table.data(), s.mask.data(), s.by_columns,
-                                               s.g.shape_size, levels.data(), level));
-        return levels;
-    };
-    std::vector<std::vector<float>> want;
-    for (const Shape& s : shapes) want.push_back(levels_of(s, false));
-    std::vector<std::vector<std::vector<float>>> got(4);
-    std::vector<std::thread> threads;
-    for (uint32_t t = 0; t < 4; ++t) {
-        threads.emplace_back([&, t] {
-            for (uint32_t round = 0; round < 3; ++round) {
-                for (uint32_t i = t; i < shapes.size(); i += 2) got[t].push_back(levels_of(shapes[i], true));
-            }
-        });
-    }
-    for (auto& th : threads) th.join();
-    for (uint32_t t = 0; t < 4; ++t) {
-        uint32_t k = 0;
-        for (uint32_t round = 0; round < 3; ++round) {
-            for (uint32_t i = t; i < shapes.size(); i += 2) {
-                EXPECT_EQ(first_difference(want[i], got[t][k++]), UINT32_MAX) << "thread " << t << " shape " << i;
-            }
-        }
-    }
-}
-
-// Counts the forward transform cannot have produced are left to the
-// reference, with nothing written.
-TEST(FastNoiseLevels, LeaveInconsistentCountsToTheReference) {
-    std::mt19937 rng(3);
-    Shape s = random_shape(rng, 1);
-    s.rc[0] += 1;
-    std::vector<float> spatial(s.n * s.n), rows(2 * s.n * (s.n / 2 + 1)), block(rows.size());
-    const sw::SpectrumContext ctx{s.n, s.twiddle.data(), spatial.data(), rows.data(), block.data(),
-                                  s.psd.data(), s.factor};
-    const sw::ShapeLevelsInput in{s.w,         &ctx,           s.nc.data(),  s.cc.data(),
-                                  s.rc.data(), s.g.max_column_count, s.table.data(),
-                                  s.mask.data(), s.by_columns, s.g.shape_size};
-    std::vector<float> levels(s.w * s.w, -3.0f);
-    float dc = -3.0f;
-    EXPECT_FALSE(sw::noise_levels_lanes(in, sw::simd::best(), levels.data(), &dc));
-    EXPECT_EQ(dc, -3.0f);
-    for (float v : levels) EXPECT_EQ(v, -3.0f);
 }
 
 // Gathering, centring, shrinking and aggregating (in one step or in the

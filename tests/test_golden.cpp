@@ -168,12 +168,21 @@ void run_workload(const char* name, uint32_t h) {
 #if defined(SWTEST_ASAN)
     GTEST_SKIP() << "the workloads' bits are checked in the plain build";
 #endif
-    const swtest::SharedWorkload workload(root + "/" + name);
+    swtest::SharedWorkload workload(root + "/" + name);
     ASSERT_EQ(workload.h(), h);
     swtest::MexCall call = swtest::make_call(workload.plan());
     call.run();
-    const std::vector<double> out = call.output();
-    EXPECT_EQ(swtest::output_sha256(out), workload.expected_sha256()) << name;
+    EXPECT_EQ(swtest::output_sha256(call.output()), workload.expected_sha256()) << name;
+    // The serial loop with the optimised kernels and the threaded driver
+    // with three workers give the same bits.
+    for (unsigned threads : {1u, 3u}) {
+        sw::RunOptions options;
+        options.threads = threads;
+        std::vector<double> out(workload.pixels());
+        const sw::Error e = sw::run(workload.fresh_call(), out.data(), options);
+        ASSERT_FALSE(e) << e.message;
+        EXPECT_EQ(swtest::output_sha256(out), workload.expected_sha256()) << name << ", " << threads << " threads";
+    }
 }
 
 TEST(Workload, AdaptiveH7) { run_workload("adaptive_h7", 7); }

@@ -11,48 +11,13 @@
 
 #include "driver/parallel.h"
 #include "shapewiener/plan.h"
-#include "support/shared_workload.h"
 #include "support/test_args.h"
 
 namespace {
 
 using swtest::CallPlan;
 
-// A plan as a FilterCall; the images are copied (the call dithers them).
-struct PlainCall {
-    CallPlan plan;
-    std::vector<sw::ArrayView<double>> transforms;
-    std::vector<sw::ArrayView<uint8_t>> masks;
-    sw::FilterCall call;
-
-    explicit PlainCall(const CallPlan& p) : plan(p) {
-        const uint32_t w = plan.w();
-        for (const auto& t : plan.transforms) {
-            const uint64_t len = transforms.size() + 1;
-            transforms.push_back({t.data(), sw::Dims::matrix(len, len)});
-        }
-        for (const auto& m : plan.sector_masks) masks.push_back({m.data(), sw::Dims::matrix(w, w)});
-        sw::FilterCall& c = call;
-        c.scale_set = {plan.scale_set.data(), sw::Dims::matrix(1, plan.scale_set.size())};
-        c.direction_scale_map = {plan.direction_scale_map.data(), sw::Dims::array3(plan.m, plan.k, 8)};
-        c.transforms = transforms.data();
-        c.transform_count = transforms.size();
-        c.sector_masks = masks.data();
-        c.sector_mask_count = masks.size();
-        c.dft_size = plan.n;
-        c.noise_psd = {plan.psd.data(), sw::Dims::matrix(plan.n, plan.n)};
-        c.noisy_image = plan.noisy.data();
-        c.image_dims = sw::Dims::matrix(plan.m, plan.k);
-        plan.pixels.insert(plan.pixels.end(), plan.keys.begin(), plan.keys.end());
-        c.processing_list = {plan.pixels.data(), sw::Dims::matrix(uint64_t{plan.m} * plan.k, 2)};
-        c.noise_level_factor = plan.noise_level_factor;
-        c.max_scale = plan.h;
-        c.pilot_image = plan.pilot.data();
-        c.pilot_dims = c.image_dims;
-        c.wiener_variance_factor = plan.wiener_variance_factor;
-        c.coverage_threshold = plan.coverage_threshold;
-    }
-};
+using swtest::PlainCall;
 
 struct Result {
     std::vector<double> output, noisy, pilot;
@@ -65,8 +30,8 @@ Result run(const CallPlan& plan, const sw::RunOptions& options) {
     r.output.assign(uint64_t{plan.m} * plan.k, -1.0);
     const sw::Error e = sw::run(pc.call, r.output.data(), options);
     EXPECT_FALSE(e) << e.message;
-    r.noisy = pc.plan.noisy;
-    r.pilot = pc.plan.pilot;
+    r.noisy = pc.noisy;
+    r.pilot = pc.pilot;
     return r;
 }
 
@@ -262,32 +227,6 @@ TEST(Threads, CountFromOptionsEnvironmentOrHardware) {
     // room for few of them.
     EXPECT_EQ(sw::affordable_threads({40000, 40000, 21, 1024, 5}, 64), 1u);
     EXPECT_EQ(sw::affordable_threads({512, 512, 17, 32, 6}, 8), 8u);
-}
-
-// The shared workloads' outputs, pinned by their SHA-256.
-TEST(Threads, SharedWorkloadsKeepTheirBits) {
-#if defined(SWTEST_ASAN)
-    GTEST_SKIP() << "too slow under the sanitizers; the plain build checks the workloads";
-#endif
-    const std::string root = swtest::shared_workload_root(SHAPEWIENER_SHARED_WORKLOADS);
-    ASSERT_FALSE(root.empty()) << "no workloads at " << SHAPEWIENER_SHARED_WORKLOADS;
-    // The serial loop with the optimised kernels, and the threaded driver
-    // with three workers (the golden test runs the default count).
-    const struct {
-        const char* name;
-        std::vector<unsigned> threads;
-    } runs[] = {{"adaptive_h7", {1, 3}}, {"adaptive_h9", {3}}};
-    for (const auto& run : runs) {
-        swtest::SharedWorkload workload(root + "/" + run.name);
-        for (unsigned threads : run.threads) {
-            std::vector<double> out(workload.pixels());
-            const sw::Error e = sw::run(workload.fresh_call(), out.data(), with_threads(threads));
-            ASSERT_FALSE(e) << e.message;
-            EXPECT_EQ(swtest::output_sha256(out),
-                      workload.expected_sha256())
-                << run.name << ", " << threads << " threads";
-        }
-    }
 }
 
 }  // namespace

@@ -481,43 +481,6 @@ py::object noise_warning_call(double value_min, double value_max, const std::str
 }
 
 #if defined(SHAPEWIENER_HAVE_IO)
-// The command line's reader: (column-major float64 array, type name).
-py::tuple read_image_call(const std::string& path, uint64_t bytes_per_pixel) {
-    swio::ImageFile f;
-    std::string error;
-    {
-        py::gil_scoped_release release;
-        try {
-            f = swio::read_image(path, bytes_per_pixel);
-        } catch (const std::exception& e) {
-            error = e.what();
-        }
-    }
-    if (!error.empty()) raise_error("shapewiener:file:read", error.c_str());
-    return py::make_tuple(owned_matrix(std::move(f.image.pixels), f.image.rows, f.image.cols),
-                          std::string(sw::type_name(f.type)));
-}
-
-// Writes a 2-D array stored as `type` (to_type's rounding), atomically;
-// the output folder is checked first.
-void write_image_call(const std::string& path, py::array_t<double> image, const std::string& type) {
-    const sw::SampleType t = type_of(type);
-    const sw::Image img = image_of(image);
-    std::string error;
-    {
-        py::gil_scoped_release release;
-        try {
-            swio::check_output_path(path);
-            swio::write_atomically(path, [&](const std::string& temp) {
-                swio::write_image(temp, path, img, t);
-            });
-        } catch (const std::exception& e) {
-            error = e.what();
-        }
-    }
-    if (!error.empty()) raise_error("shapewiener:file:write", error.c_str());
-}
-
 // The command line's reader for any channel count: ((rows, cols) or
 // (rows, cols, channels) float64 array, type name).
 py::tuple read_channels_call(const std::string& path, uint64_t bytes_per_pixel) {
@@ -628,10 +591,6 @@ PYBIND11_MODULE(_core, m) {
         return py::str(r);
     }, "Why a rows x cols image needing that many bytes a pixel cannot be processed, or None.");
 #if defined(SHAPEWIENER_HAVE_IO)
-    m.def("read_image", &read_image_call, py::arg("path"), py::arg("bytes_per_pixel") = 0,
-          "Reads an image file as stored: (column-major float64 array, type name).");
-    m.def("write_image", &write_image_call, py::arg("path"), py::arg("image"), py::arg("type"),
-          "Writes a 2-D array to an image file stored as `type`, atomically.");
     m.def("read_channels", &read_channels_call, py::arg("path"), py::arg("bytes_per_pixel") = 0,
           "Reads a grey or colour image file as stored: (array, type name).");
     m.def("write_channels", &write_channels_call, py::arg("path"), py::arg("image"),

@@ -99,14 +99,14 @@ def test_the_command_line_gives_the_same_bits(denoiser, cli, tmp_path, name, sto
     z = sample_image(40, 36)
     z = {"float64": z / 255.0, "uint8": z, "int16": z - 128}[stored].astype(stored)
     source, target = tmp_path / name, tmp_path / ("out" + name[2:])
-    _core.write_image(str(source), z, stored)
+    _core.write_channels(str(source), z, stored)
     command = [cli, "denoise", str(source), str(target), "--quiet"]
     if "kernel" in options:
         np.save(tmp_path / "k.npy", options["kernel"])
         command += ["--kernel", str(tmp_path / "k.npy")]
     subprocess.run(command + (["--sigma", str(options["sigma"])] if options else []), check=True)
     expected = denoiser.denoise(z, **options)
-    written, written_type = _core.read_image(str(target))
+    written, written_type = _core.read_channels(str(target))
     assert written_type == stored
     assert written.astype(stored).tobytes(order="F") == expected.tobytes(order="F")
 
@@ -124,11 +124,11 @@ def test_blind_is_the_estimate_then_its_spectrum(denoiser, tmp_path):
     assert repr(e).startswith(f"NoiseEstimate(sigma={e.sigma:.6g}, ")
     assert out.tobytes() == denoiser.denoise(z, psd=e.psd, preset="fast").tobytes()
     assert phases[0] == "noise estimate" and phases[-1] == "done"
-    _core.write_image(str(tmp_path / "a.png"), z, "uint8")
+    _core.write_channels(str(tmp_path / "a.png"), z, "uint8")
     result = batch.denoise_file(str(tmp_path / "a.png"), str(tmp_path / "out" / "a.png"),
                                 {"sigma": None, "kernel": None, "psd": None}, "fast", 1)
     assert result[1] is None and f"sigma {e.sigma:.4g}" in result[4], result
-    written, _ = _core.read_image(str(tmp_path / "out" / "a.png"))
+    written, _ = _core.read_channels(str(tmp_path / "out" / "a.png"))
     assert written.astype(np.uint8).tobytes(order="F") == out.tobytes(order="F")
 
 

@@ -34,19 +34,4 @@ Image add(const Image& a, const Image& b) {
     return out;
 }
 
-double psnr(const Image& estimate, const Image& reference) {
-    if (estimate.rows != reference.rows || estimate.cols != reference.cols) {
-        throw std::invalid_argument("psnr: the images differ in size");
-    }
-    if (estimate.size() == 0) throw std::invalid_argument("psnr: empty images");
-    double sum = 0.0;
-    for (size_t i = 0; i < estimate.size(); ++i) {
-        const double d = estimate.pixels[i] - reference.pixels[i];
-        sum += d * d;
-    }
-    const double mse = sum / static_cast<double>(estimate.size());
-    if (mse == 0.0) return std::numeric_limits<double>::infinity();
-    return 10.0 * std::log10(1.0 / mse);
-}
-
 }  // namespace swcaller

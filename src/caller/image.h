@@ -37,10 +37,6 @@ Image centre_crop(const Image& image, uint32_t rows, uint32_t cols);
 // Pixel-wise sum of two images of the same size.
 Image add(const Image& a, const Image& b);
 
-// Peak signal-to-noise ratio in dB with peak 1: 10 log10(1 / mean squared
-// difference). Both images must have the same size. Infinite for equal images.
-double psnr(const Image& estimate, const Image& reference);
-
 }  // namespace swcaller
 
 #endif  // SHAPEWIENER_CALLER_IMAGE_H

@@ -88,23 +88,4 @@ Image filter_pass(const swcaller::ShapeArguments& shapes, const std::vector<doub
     return call.run();
 }
 
-TwoPassResult filter_two_passes(const swcaller::ShapeArguments& shapes, const std::vector<double>& psd,
-                                const Image& noisy, double first_factor, double second_factor) {
-    TwoPassResult r;
-    PassSettings settings;
-    settings.wiener_variance_factor = first_factor;
-    {
-        ModuleCall call(shapes, psd, noisy, noisy, settings);
-        r.first = call.run();
-        r.first_seconds = call.seconds();
-    }
-    settings.wiener_variance_factor = second_factor;
-    {
-        ModuleCall call(shapes, psd, noisy, r.first, settings);
-        r.second = call.run();
-        r.second_seconds = call.seconds();
-    }
-    return r;
-}
-
 }  // namespace swtest

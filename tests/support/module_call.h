@@ -1,6 +1,6 @@
 // The module called as a host would, from the caller side's set-up: the
 // sixteen arguments built (through make_call) from an image, a noise
-// spectrum and a shape set-up, and the two-pass filtering that uses them.
+// spectrum and a shape set-up.
 #ifndef SHAPEWIENER_TESTS_SUPPORT_MODULE_CALL_H
 #define SHAPEWIENER_TESTS_SUPPORT_MODULE_CALL_H
 
@@ -68,23 +68,6 @@ private:
 // One pass: filters `noisy` with `pilot` as the pilot estimate.
 Image filter_pass(const swcaller::ShapeArguments& shapes, const std::vector<double>& psd,
                   const Image& noisy, const Image& pilot, const PassSettings& settings);
-
-// Wiener variance factors of the two passes, tuned for coloured noise.
-constexpr double kFirstPassFactor = 6.0;
-constexpr double kSecondPassFactor = 2.0;
-
-struct TwoPassResult {
-    Image first;   // pilot: the noisy image
-    Image second;  // pilot: the first pass's output
-    double first_seconds = 0.0;
-    double second_seconds = 0.0;
-};
-
-// Pass 1 with the noisy image as its own pilot, pass 2 with the output of
-// pass 1 as pilot; the times are those of the module calls alone.
-TwoPassResult filter_two_passes(const swcaller::ShapeArguments& shapes, const std::vector<double>& psd,
-                                const Image& noisy, double first_factor = kFirstPassFactor,
-                                double second_factor = kSecondPassFactor);
 
 }  // namespace swtest
 

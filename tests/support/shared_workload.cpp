@@ -45,11 +45,6 @@ std::vector<T> as(const std::vector<char>& bytes, size_t count, const std::strin
     return v;
 }
 
-template <class T>
-sw::ArrayView<T> view(const std::vector<T>& v, sw::Dims dims) {
-    return sw::ArrayView<T>{v.data(), dims};
-}
-
 }  // namespace
 
 SharedWorkload::SharedWorkload(const std::string& folder) {
@@ -64,9 +59,9 @@ SharedWorkload::SharedWorkload(const std::string& folder) {
     for (double v : s.scale_set) s.h = std::max(s.h, sw::round_to_unsigned(v));
     const uint32_t w = s.w();
     s.direction_scale_map = as<uint8_t>(read_gzip(folder + "/dsm.u8.gz"), mk * 8, "dsm.u8.gz");
-    list_ = as<int32_t>(read_gzip(folder + "/list.i32.gz"), mk * 2, "list.i32.gz");
-    s.pixels.assign(list_.begin(), list_.begin() + mk);
-    s.keys.assign(list_.begin() + mk, list_.end());
+    const auto list = as<int32_t>(read_gzip(folder + "/list.i32.gz"), mk * 2, "list.i32.gz");
+    s.pixels.assign(list.begin(), list.begin() + mk);
+    s.keys.assign(list.begin() + mk, list.end());
     const auto bank = as<double>(read_file(folder + "/transforms.f64"), 0, "transforms.f64");
     size_t at = 0;
     for (uint32_t len = 1; len <= w; ++len) {
@@ -87,35 +82,10 @@ SharedWorkload::SharedWorkload(const std::string& folder) {
     const std::vector<char> sha = read_file(folder + "/out.sha256");
     expected_sha256_.assign(sha.begin(), sha.begin() + std::min<size_t>(64, sha.size()));
 
-    for (uint32_t len = 1; len <= w; ++len) {
-        transform_views_.push_back(view(s.transforms[len - 1], sw::Dims::matrix(len, len)));
-    }
-    for (const auto& m : s.sector_masks) mask_views_.push_back(view(m, sw::Dims::matrix(w, w)));
-    sw::FilterCall& c = call_;
-    c.scale_set = view(s.scale_set, sw::Dims::matrix(1, s.scale_set.size()));
-    c.direction_scale_map = view(s.direction_scale_map, sw::Dims::array3(s.m, s.k, 8));
-    c.transforms = transform_views_.data();
-    c.transform_count = transform_views_.size();
-    c.sector_masks = mask_views_.data();
-    c.sector_mask_count = mask_views_.size();
-    c.dft_size = s.n;
-    c.noise_psd = view(s.psd, sw::Dims::matrix(s.n, s.n));
-    c.image_dims = sw::Dims::matrix(s.m, s.k);
-    c.pilot_dims = c.image_dims;
-    c.processing_list = view(list_, sw::Dims::matrix(mk, 2));
-    c.noise_level_factor = s.noise_level_factor;
-    c.max_scale = s.h;
-    c.wiener_variance_factor = s.wiener_variance_factor;
-    c.coverage_threshold = s.coverage_threshold;
+    call_ = std::make_unique<PlainCall>(s);
 }
 
-const sw::FilterCall& SharedWorkload::fresh_call() {
-    noisy_ = plan_.noisy;
-    pilot_ = plan_.pilot;
-    call_.noisy_image = noisy_.data();
-    call_.pilot_image = pilot_.data();
-    return call_;
-}
+const sw::FilterCall& SharedWorkload::fresh_call() { return call_->fresh(); }
 
 std::string shared_workload_root(const std::string& fallback) {
     const char* env = std::getenv("SHAPEWIENER_WORKLOADS");

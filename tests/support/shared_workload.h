@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -34,13 +35,8 @@ public:
 
 private:
     CallPlan plan_;
-    std::vector<sw::ArrayView<double>> transform_views_;
-    std::vector<sw::ArrayView<uint8_t>> mask_views_;
-    std::vector<double> noisy_;
-    std::vector<double> pilot_;
-    std::vector<int32_t> list_;
     std::string expected_sha256_;
-    sw::FilterCall call_;
+    std::unique_ptr<PlainCall> call_;
 };
 
 // Lower-case hex SHA-256 of the output's raw bytes (as out.sha256 holds it).

@@ -64,6 +64,41 @@ MexCall make_call(const CallPlan& s) {
     return c;
 }
 
+PlainCall::PlainCall(const CallPlan& p) : plan(p), list(p.pixels) {
+    list.insert(list.end(), plan.keys.begin(), plan.keys.end());
+    const uint32_t w = plan.w();
+    for (const auto& t : plan.transforms) {
+        const uint64_t len = transforms.size() + 1;
+        transforms.push_back({t.data(), sw::Dims::matrix(len, len)});
+    }
+    for (const auto& m : plan.sector_masks) masks.push_back({m.data(), sw::Dims::matrix(w, w)});
+    sw::FilterCall& c = call;
+    c.scale_set = {plan.scale_set.data(), sw::Dims::matrix(1, plan.scale_set.size())};
+    c.direction_scale_map = {plan.direction_scale_map.data(), sw::Dims::array3(plan.m, plan.k, 8)};
+    c.transforms = transforms.data();
+    c.transform_count = transforms.size();
+    c.sector_masks = masks.data();
+    c.sector_mask_count = masks.size();
+    c.dft_size = plan.n;
+    c.noise_psd = {plan.psd.data(), sw::Dims::matrix(plan.n, plan.n)};
+    c.image_dims = sw::Dims::matrix(plan.m, plan.k);
+    c.pilot_dims = c.image_dims;
+    c.processing_list = {list.data(), sw::Dims::matrix(uint64_t{plan.m} * plan.k, 2)};
+    c.noise_level_factor = plan.noise_level_factor;
+    c.max_scale = plan.h_argument != 0.0 ? plan.h_argument : plan.h;
+    c.wiener_variance_factor = plan.wiener_variance_factor;
+    c.coverage_threshold = plan.coverage_threshold;
+    fresh();
+}
+
+const sw::FilterCall& PlainCall::fresh() {
+    noisy = plan.noisy;
+    pilot = plan.pilot;
+    call.noisy_image = noisy.data();
+    call.pilot_image = pilot.data();
+    return call;
+}
+
 bool same_bits(const std::vector<double>& a, const std::vector<double>& b) {
     return a.size() == b.size() &&
            (a.empty() || std::memcmp(a.data(), b.data(), sizeof(double) * a.size()) == 0);

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "mx_host.h"
+#include "shapewiener/filter.h"
 
 // Defined in builds with AddressSanitizer (gcc and clang spell it differently).
 #if defined(__SANITIZE_ADDRESS__)
@@ -76,6 +77,23 @@ struct MexCall {
 };
 
 MexCall make_call(const CallPlan& plan);
+
+// The same call as a plain FilterCall over the plan's arrays. The filter
+// dithers the images in place: fresh() copies them from the plan again into
+// `noisy` and `pilot`, which the call reads.
+struct PlainCall {
+    explicit PlainCall(const CallPlan& p);
+    PlainCall(const PlainCall&) = delete;
+    PlainCall& operator=(const PlainCall&) = delete;
+    const sw::FilterCall& fresh();
+
+    CallPlan plan;
+    std::vector<double> noisy, pilot;
+    std::vector<int32_t> list;  // pixels, then keys
+    std::vector<sw::ArrayView<double>> transforms;
+    std::vector<sw::ArrayView<uint8_t>> masks;
+    sw::FilterCall call;
+};
 
 // Equal sizes and equal bits (NaNs included).
 bool same_bits(const std::vector<double>& a, const std::vector<double>& b);
