@@ -71,6 +71,10 @@ private:
     friend Error execute(Plan& plan, double* noisy_image, double* pilot_image,
                          double wiener_variance_factor, const FilterCall::Frame& frame,
                          double* output, const RunOptions& options);
+    friend Error execute_sparse(Plan& plan, uint32_t entry_step, double* noisy_image,
+                                double* pilot_image, double wiener_variance_factor,
+                                const FilterCall::Frame& frame, double* output,
+                                const RunOptions& options);
 };
 
 // Checks `call` as check() does and plans it. The plan refers to the call's
@@ -90,6 +94,20 @@ Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels = true,
 Error execute(Plan& plan, double* noisy_image, double* pilot_image, double wiener_variance_factor,
               const FilterCall::Frame& frame, double* output,
               const RunOptions& options = RunOptions());
+
+// execute() with FilterCall::entry_step = `entry_step` (0 or 1: every
+// entry) in place of the planned call's, for a plan of a call with
+// entry_step 1 whose every key is one run of the list, the keys numbered 1,
+// 2, 3, ... in list order, and every entry of a key of the key's shape (the
+// lists of one key per distinct shape). The caller promises the last part.
+// Such a list's levels depend on the key alone, up to which coefficients
+// are exactly 0, so the passes share the stored levels whatever their step:
+// a sparse first pass computes the levels of the keys it meets, and the
+// full passes after it compute only the rest; every level has the bits a
+// computing pass gives it. Other plans: the pass computes its own levels.
+Error execute_sparse(Plan& plan, uint32_t entry_step, double* noisy_image, double* pilot_image,
+                     double wiener_variance_factor, const FilterCall::Frame& frame,
+                     double* output, const RunOptions& options = RunOptions());
 
 }  // namespace sw
 

@@ -350,24 +350,12 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     }
     sw::Plan& plan = shared != nullptr && shared->planned && shared->psd == psd ? shared->plan
                                                                               : own_plan;
-    // Sparse passes number their key changes differently: a plan of their
-    // own, which keeps levels for a second sparse pass or (images sharing
-    // the plan) for the other images.
+    // The first pass, whose estimate is only a pilot, processes the pixels
+    // on every pilot_step-th row and column (so do the first
+    // settings.sparse_passes passes); it shares the plan's levels with the
+    // full passes (the list has one key per distinct shape).
     const bool sparse_pilot = settings.passes > 1 && settings.pilot_step > 1;
     const int sparse_passes = sparse_pilot ? std::min(settings.sparse_passes, settings.passes - 1) : 0;
-    const bool share_pilot = sparse_pilot && &plan != &own_plan;
-    sw::Plan own_pilot_plan;
-    sw::Plan& pilot_plan = share_pilot ? shared->pilot_plan : own_pilot_plan;
-    if (sparse_pilot && !(share_pilot && shared->pilot_planned)) {
-        const CallArrays& arrays = own_arrays ? *own_arrays : *shared->arrays;
-        sw::FilterCall sparse =
-            arrays.call(noisy_copy.data(), pilot.data(), rows, cols, first_factor);
-        sparse.frame = frame;
-        sparse.entry_step = settings.pilot_step;
-        pilot_plan = plan_passes(sparse, sparse_passes,
-                                 share_pilot ? sw::LevelScope::kAnyImage : sw::LevelScope::kThisImage);
-        if (share_pilot) shared->pilot_planned = true;
-    }
     const double share = 0.9 / settings.passes;
     // How far outside the data's range an estimate may come and still be
     // taken as an estimate (see settle): 4 noise deviations, at most 0.05 of
@@ -382,11 +370,12 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
         noisy_copy = noisy.pixels;
         pilot = pass == 0 ? noisy.pixels : estimate;
         if (pass > 0) previous = estimate;
-        run_pass(pass < sparse_passes ? pilot_plan : plan, noisy_copy.data(), pilot.data(),
-                 pass == 0 ? first_factor : second_factor,
-                 frame, estimate.data(), threads, [&](double fraction) {
+        run_pass(plan, noisy_copy.data(), pilot.data(), pass == 0 ? first_factor : second_factor,
+                 frame, estimate.data(), threads,
+                 [&](double fraction) {
                      return !progress || progress(begin + share * fraction, phase);
-                 });
+                 },
+                 pass < sparse_passes ? settings.pilot_step : 1);
         at = begin + share;
         stage = phase;
         const uint32_t h = settings.adaptive ? settings.rule.lengths.back() : settings.square_scale;

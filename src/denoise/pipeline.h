@@ -101,9 +101,6 @@ struct SharedShapes {
     std::unique_ptr<CallArrays> arrays;
     sw::Plan plan;
     bool planned = false;
-    // The sparse first pass's plan, shared the same way (its levels too).
-    sw::Plan pilot_plan;
-    bool pilot_planned = false;
 };
 
 // Runs the whole denoiser; see sw::denoise.

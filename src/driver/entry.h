@@ -154,7 +154,7 @@ float entry_levels(const EntryInputs<HC>& in, const EntryState& e, uint64_t key,
                                      sc.column_count, sc.row_count, sc.row_cursor,
                                      e.gather.max_column_count, in.state->transform_table,
                                      sc.shape_mask, shape.by_columns, e.gather.shape_size, levels);
-    if (store != nullptr) store->save(key, levels, dc_level);
+    if (store != nullptr) store->save(key, sc.noisy_coefficients, levels, dc_level);
     return dc_level;
 }
 

@@ -9,6 +9,21 @@
 // bit for bit, in every pass: the first pass stores them, later ones read
 // them. Each key is written by the one thread that computes its key change.
 //
+// Where a coefficient was exactly 0 the store keeps a NaN (no level was
+// computed there). A load gives 0 wherever the loading entry's coefficient
+// is 0 and the stored level everywhere else; where that entry has a
+// coefficient the stored one lacked, the load fails and the key's levels
+// are computed (and stored) afresh. So loaded levels have the bits of
+// computed ones even when another entry of the same shape computed them.
+//
+// Keys by shape: when every key of the processing list is one run and the
+// keys count 1, 2, 3, ... in list order (the denoiser's lists: one key per
+// distinct shape), a key's levels depend on its shape alone, up to the
+// zeros above. The store then serves a pass that skips entries (a sparse
+// pass, FilterCall::entry_step) as well: its key changes are mapped to the
+// list's keys (`slot_of_change`), so the levels a sparse pass computes serve
+// the full passes after it and the other way round.
+//
 // A plan may instead hold one flat level (see LevelRule in plan.h): with a
 // flat spectrum and orthonormal transforms every coefficient's variance is
 // the spectrum's value, so the levels need no spectra at all. They then
@@ -17,8 +32,10 @@
 #define SHAPEWIENER_DRIVER_LEVEL_STORE_H
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <vector>
 
 namespace sw {
@@ -30,17 +47,19 @@ struct LevelStore {
     std::vector<uint8_t> known;  // keys; 1 once stored
     bool flat = false;           // every level is flat_level (area set, nothing stored)
     float flat_level = 0.0f;
-    // Stored levels serve other noisy images too (LevelScope::kAnyImage):
-    // a load gives 0 wherever the entry's noisy coefficient is exactly 0.
+    // Stored levels serve other noisy images too (LevelScope::kAnyImage).
     bool any_image = false;
+    // Keys by shape (see above): key change number i of the running pass is
+    // the list's key slot_of_change[i] (empty: i itself).
+    std::vector<uint32_t> slot_of_change;
 
     uint64_t keys() const { return known.size(); }
 
-    // Writes key `key`'s levels into `levels_out` and returns true when they
-    // are stored, or flat: then every coefficient that is exactly 0 in
-    // `noisy_coefficients` (the key's first entry) gets 0, as it would from
-    // the spectra, every other one and the mean flat_level. Stored levels
-    // for any image get the same zeros.
+    // Writes key change `key`'s levels into `levels_out` and returns true
+    // when they are stored, or flat: then every coefficient that is exactly
+    // 0 in `noisy_coefficients` (the key's first entry) gets 0, as it would
+    // from the spectra, every other one and the mean flat_level. False where
+    // the stored levels lack one of the entry's coefficients.
     bool load(uint64_t key, const float* noisy_coefficients, float* levels_out,
               float* dc_out) const {
         if (flat) {
@@ -50,25 +69,39 @@ struct LevelStore {
             *dc_out = flat_level;
             return true;
         }
-        if (key >= known.size() || known[key] == 0) return false;
-        const float* stored = levels.data() + key * area;
-        if (any_image) {
-            for (uint32_t t = 0; t < area; ++t) {
-                levels_out[t] = noisy_coefficients[t] == 0.0f ? 0.0f : stored[t];
+        const uint64_t slot = slot_of(key);
+        if (slot >= known.size() || known[slot] == 0) return false;
+        const float* stored = levels.data() + slot * area;
+        for (uint32_t t = 0; t < area; ++t) {
+            if (noisy_coefficients[t] == 0.0f) {
+                levels_out[t] = 0.0f;
+            } else if (std::isnan(stored[t])) {
+                return false;
+            } else {
+                levels_out[t] = stored[t];
             }
-        } else {
-            std::memcpy(levels_out, stored, sizeof(float) * area);
         }
-        *dc_out = dc[key];
+        *dc_out = dc[slot];
         return true;
     }
-    void save(uint64_t key, const float* levels_in, float dc_in) {
-        if (key >= known.size()) return;
-        std::memcpy(levels.data() + key * area, levels_in, sizeof(float) * area);
-        dc[key] = dc_in;
-        known[key] = 1;
+    void save(uint64_t key, const float* noisy_coefficients, const float* levels_in, float dc_in) {
+        const uint64_t slot = slot_of(key);
+        if (slot >= known.size()) return;
+        float* stored = levels.data() + slot * area;
+        for (uint32_t t = 0; t < area; ++t) {
+            stored[t] = noisy_coefficients[t] == 0.0f ? std::numeric_limits<float>::quiet_NaN()
+                                                      : levels_in[t];
+        }
+        dc[slot] = dc_in;
+        known[slot] = 1;
     }
     void forget() { std::fill(known.begin(), known.end(), uint8_t{0}); }
+
+private:
+    uint64_t slot_of(uint64_t key) const {
+        if (slot_of_change.empty()) return key;
+        return key < slot_of_change.size() ? slot_of_change[key] : known.size();
+    }
 };
 
 }  // namespace sw

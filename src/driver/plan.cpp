@@ -16,6 +16,9 @@ struct Plan::State {
     FilterCall call;
     uint32_t h = 1;
     bool keep_levels = false;
+    // The list's keys are runs numbered 1, 2, 3, ... in list order, and no
+    // entry is skipped for coverage: key change i of a full pass is key i + 1.
+    bool numbered_keys = false;
     LevelStore store;
     // What the stored levels were computed on.
     bool bound = false;
@@ -47,6 +50,38 @@ uint64_t list_key_changes(const FilterCall& call) {
     uint64_t changes = 0;
     for (uint64_t i = 0; i < count; ++i) changes += (i == 0 || keys[i] != keys[i - 1]) ? 1 : 0;
     return changes;
+}
+
+// Whether the list's keys are runs numbered 1, 2, 3, ... in list order.
+bool keys_numbered_in_order(const FilterCall& call) {
+    const uint64_t count = call.image_dims.elements();
+    const int32_t* keys = call.processing_list.data + count;
+    if (count == 0 || keys[0] != 1) return false;
+    for (uint64_t i = 1; i < count; ++i) {
+        if (keys[i] != keys[i - 1] && keys[i] != keys[i - 1] + 1) return false;
+    }
+    return true;
+}
+
+// The list's key (0-based) of every key change of a pass over the entries
+// on every step-th row and column of the frame, in order.
+std::vector<uint32_t> sparse_key_slots(const FilterCall& call, const FilterCall::Frame& frame,
+                                       uint32_t step) {
+    const uint32_t m = static_cast<uint32_t>(call.image_dims.rows());
+    const uint64_t count = call.image_dims.elements();
+    const int32_t* pixels = call.processing_list.data;
+    const int32_t* keys = pixels + count;
+    const uint32_t row0 = frame.rows > 0 ? frame.row0 : 0;
+    const uint32_t col0 = frame.rows > 0 ? frame.col0 : 0;
+    std::vector<uint32_t> slots;
+    int32_t previous = 0;
+    for (uint64_t i = 0; i < count; ++i) {
+        const uint32_t q = static_cast<uint32_t>(pixels[i]) - 1;
+        if ((q % m + row0) % step != 0 || (q / m + col0) % step != 0) continue;
+        if (slots.empty() || keys[i] != previous) slots.push_back(static_cast<uint32_t>(keys[i] - 1));
+        previous = keys[i];
+    }
+    return slots;
 }
 
 bool same_frame(const FilterCall::Frame& a, const FilterCall::Frame& b) {
@@ -112,6 +147,7 @@ Error plan_call(const FilterCall& call, Plan::State* s, bool keep_levels, LevelR
     if (!keep_levels) return Error();
     const uint64_t w = 2 * uint64_t{s->h} - 1;
     const uint64_t keys = list_key_changes(call);
+    s->numbered_keys = call.coverage_threshold >= 1e9 && keys_numbered_in_order(call);
     swcancel::cancel_point();
     if (keys * (w * w + 1) * sizeof(float) > Plan::kMaxStoredBytes) return Error();
     try {
@@ -138,14 +174,17 @@ Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels, LevelRule 
     return plan_call(call, plan->state_.get(), keep_levels, rule, scope);
 }
 
-Error execute(Plan& plan, double* noisy_image, double* pilot_image, double wiener_variance_factor,
-              const FilterCall::Frame& frame, double* output, const RunOptions& options) {
-    Plan::State& s = *plan.state_;
+namespace {
+
+Error execute_pass(Plan::State& s, uint32_t entry_step, bool by_shape, double* noisy_image,
+                   double* pilot_image, double wiener_variance_factor,
+                   const FilterCall::Frame& frame, double* output, const RunOptions& options) {
     FilterCall call = s.call;
     call.noisy_image = noisy_image;
     call.pilot_image = pilot_image;
     call.wiener_variance_factor = wiener_variance_factor;
     call.frame = frame;
+    if (entry_step > 0) call.entry_step = entry_step;
     LevelStore* store = s.store.flat ? &s.store : nullptr;
     if (s.keep_levels && s.store.any_image) {
         if (!s.bound || !same_frame(frame, s.frame)) {
@@ -170,7 +209,37 @@ Error execute(Plan& plan, double* noisy_image, double* pilot_image, double wiene
         }
         if (s.bound) store = &s.store;
     }
+    // A pass that skips other entries than the planned call numbers its key
+    // changes differently: it maps them to the list's keys where the keys
+    // are numbered shapes, and else keeps off the store.
+    s.store.slot_of_change.clear();
+    if (store == &s.store && !s.store.flat && call.entry_step != s.call.entry_step) {
+        if (!by_shape || !s.numbered_keys || s.call.entry_step > 1) {
+            store = nullptr;
+        } else if (call.entry_step > 1) {
+            try {
+                s.store.slot_of_change = sparse_key_slots(call, frame, call.entry_step);
+            } catch (const std::bad_alloc&) {
+                store = nullptr;
+            }
+        }
+    }
     return stored_levels_entry(s.h)(call, output, options, s.h, store);
+}
+
+}  // namespace
+
+Error execute(Plan& plan, double* noisy_image, double* pilot_image, double wiener_variance_factor,
+              const FilterCall::Frame& frame, double* output, const RunOptions& options) {
+    return execute_pass(*plan.state_, 0, false, noisy_image, pilot_image, wiener_variance_factor,
+                        frame, output, options);
+}
+
+Error execute_sparse(Plan& plan, uint32_t entry_step, double* noisy_image, double* pilot_image,
+                     double wiener_variance_factor, const FilterCall::Frame& frame,
+                     double* output, const RunOptions& options) {
+    return execute_pass(*plan.state_, entry_step == 0 ? 1 : entry_step, true, noisy_image,
+                        pilot_image, wiener_variance_factor, frame, output, options);
 }
 
 Error run(const FilterCall& call, double* output, const RunOptions& options) {
