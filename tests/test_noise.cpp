@@ -126,6 +126,37 @@ TEST(EstimateNoise, KnownSpectra) {
     EXPECT_LT(sw::estimate_noise(sw::Image{kSize, kSize, img}).sigma, 1e-3);
 }
 
+// An 8-bit image (values k / 255): noise within a couple of grey levels
+// reads as none, and blind denoising leaves the image as it is; stronger
+// noise is read as usual.
+TEST(EstimateNoise, QuantisedImageWithoutNoise) {
+    const struct {
+        const char* name;
+        double sigma;  // grey levels, before rounding
+        bool none;
+    } table[] = {
+        {"no noise", 0.0, true},
+        {"one level", 1.0, true},
+        {"four levels", 4.0, false},
+    };
+    const std::vector<double> img = scene();
+    const std::vector<double> w = noise(spectrum(white, 1.0), 11);
+    for (const auto& c : table) {
+        SCOPED_TRACE(c.name);
+        sw::Image z{kSize, kSize, std::vector<double>(img.size())};
+        for (size_t i = 0; i < img.size(); ++i) z.pixels[i] = std::nearbyint(255.0 * img[i] + c.sigma * w[i]) / 255.0;
+        const sw::NoiseEstimate e = sw::estimate_noise(z);
+        if (c.none) {
+            EXPECT_EQ(e.sigma, 0.0);
+            sw::DenoiseOptions fast;
+            fast.preset = "fast";
+            EXPECT_EQ(sw::denoise_blind(z, fast).pixels, z.pixels);
+        } else {
+            EXPECT_NEAR(e.sigma * 255.0, std::hypot(c.sigma, std::sqrt(1.0 / 12.0)), 0.1 * c.sigma);
+        }
+    }
+}
+
 TEST(EstimateNoise, SameBitsForAnyThreadCount) {
     const std::vector<double> img = scene();
     std::vector<double> z = noise(spectrum(line9, 0.1), 3);

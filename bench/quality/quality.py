@@ -256,13 +256,13 @@ def write_report(path, records, methods, ours_labels, info):
             smeans = {m: _mean([val(k, m, "ssim") for k in ks]) for m in contenders}
             win = max(contenders, key=lambda m: means[m])
             swin = max(contenders, key=lambda m: smeans[m])
-            best_peer = max(peer_set, key=lambda m: means[m])
             row = [n] + [f"{means[m]:.2f}" for m in shown] + [f"**{win}**", swin]
-            if ours_labels:
+            if ours_labels and peer_set:
+                best_peer = max(peer_set, key=lambda m: means[m])
                 row.append(" / ".join(f"{means[o] - means[best_peer]:+.2f}" for o in ours_labels))
             rows.append(row)
         head = ["noise"] + shown + ["winner (PSNR)", "winner (SSIM)"]
-        if ours_labels:
+        if ours_labels and peer_set:
             head.append("ours - best peer (dB)")
         L.append(f"## Mean PSNR per noise kind, {label}\n")
         L.append(table(head, rows))
@@ -481,7 +481,7 @@ def main(argv=None):
     write_csv(os.path.splitext(results)[0] + ".csv", records, methods)
     print(f"wrote {results}", file=sys.stderr)
 
-    if figure_ours and FIGURE_CASE in records:
+    if figure_ours and FIGURE_CASE in records and peer_list:
         c = FIGURE_CASE
         best_peer = max(peer_list, key=lambda m: records[c][m]["psnr"])
         clean, noisy, psd = build_case(c, a.seed)

@@ -50,7 +50,10 @@ struct NoiseEstimate {
 // interpolated to the image's size. Narrow peaks, which the blocks blur,
 // take their shape from the whole image's periodogram. Without such peaks,
 // a spectrum flat above 0.14 cycles per pixel is taken as white noise (its
-// rise towards DC as the image's own structure) and made flat.
+// rise towards DC as the image's own structure) and made flat. On a
+// quantised image (all values on a lattice of step q, e.g. 8-bit data) an
+// estimate below 2 q is taken as no noise: psd all zero, sigma 0, and
+// denoise_blind returns the image unchanged.
 // Progress phase: "noise estimate". Throws DenoiseError:
 // "shapewiener:image:<reason>" (empty, size, notFinite, tooLarge, tooSmall),
 // "shapewiener:denoise:interrupted".

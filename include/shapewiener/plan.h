@@ -32,7 +32,16 @@ namespace sw {
 //    without any spectrum work. The levels then equal the computed ones up
 //    to rounding, not bit for bit: for callers that do not promise run()'s
 //    bits (the denoiser). Any other call is planned as with kComputed.
-enum class LevelRule { kComputed, kFlatShortcut };
+//  kShapeLevels: as kFlatShortcut, and every coefficient of a key's shape
+//    gets its level whatever the entry's values. run() gives a coefficient
+//    level 0 where the key's first entry has it exactly 0 (as the rounding
+//    of the mean removal can leave it), so its levels depend on which entry
+//    comes first: a tile of an image, or another image, may have another
+//    first entry. Here a key's levels follow from its shape and the
+//    spectrum alone: a tile executed with its frame gets, for every key it
+//    keeps, the levels the whole image gets, and stored levels serve any
+//    noisy image. Equal to run()'s except where it would give 0.
+enum class LevelRule { kComputed, kFlatShortcut, kShapeLevels };
 
 // Which noisy images a plan's stored levels serve.
 //  kThisImage: the one that computed them (run()'s bits).
@@ -90,7 +99,8 @@ Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels = true,
 // planned; both dithered in place), Wiener factor and frame. Returns what
 // run() returns. The stored levels are those of the first execution's noisy
 // image and frame; an execution with another frame, or (LevelScope::
-// kThisImage) another noisy image, computes (and stores) them afresh.
+// kThisImage, unless LevelRule::kShapeLevels) another noisy image, computes
+// (and stores) them afresh.
 Error execute(Plan& plan, double* noisy_image, double* pilot_image, double wiener_variance_factor,
               const FilterCall::Frame& frame, double* output,
               const RunOptions& options = RunOptions());

@@ -105,12 +105,6 @@ def _tiled(chunks, rows, cols, halo, tile):
     return blocks
 
 
-# Colour tiles: off for now, every colour image is denoised whole in one
-# task (tiles of channels that share one plan do not yet give the whole
-# image's bits).
-_COLOUR_TILES = False
-
-
 def _colour_chunks(chunks, channels):
     """Tiles over the two spatial axes only: the channels stay together."""
     if chunks is None or np.ndim(chunks) == 0:
@@ -153,8 +147,7 @@ def _denoise_colour(array, sigma, kernel, psd, channel_covariance, preset, chunk
                                             noise["channel_covariance"], (rows, cols), _number,
                                             _as_matrix)
     out_dtype = dtype if dtype.kind in "iu" else np.float64
-    if not _COLOUR_TILES or any(_core.noise_has_peaks(rows, cols, *m, str(preset))
-                                for m in models):
+    if any(_core.noise_has_peaks(rows, cols, *m, str(preset)) for m in models):
         # Narrow noise peaks are removed over the whole image at once: the
         # image is denoised whole, in one task.
         task = dask.delayed(_denoise_whole, pure=True)(array, noise, preset, threads, dtype)

@@ -7,7 +7,7 @@ import os
 import numpy as np
 import pytest
 
-from conftest import need
+from conftest import ROOT, need
 from test_denoise import sample_image
 
 
@@ -35,13 +35,16 @@ def stripes_psd(shape, sigma):
     return p * (sigma * sigma / p.mean())
 
 
-@pytest.mark.parametrize("noise", ["kernel", "stripes", "uint8", "blind", "rgb correlated",
-                                   "rgb blind"])
+@pytest.mark.parametrize("noise", ["kernel", "stripes", "uint8", "blind", "photo flat psd",
+                                   "rgb correlated", "rgb flat psd per channel", "rgb blind"])
 def test_tiles_give_the_whole_images_bits(denoiser, client, noise):
     """Chunks smaller than twice the halo; the default preset: tests/test_tile.cpp.
     Stripes go through the global first stage before the tiles; a uint8
     image comes back as uint8, with its noise in grey levels; without a
-    noise description every tile gets the whole image's estimate. Colour
+    noise description every tile gets the whole image's estimate. A noisy
+    photo's 8-bit values leave some coefficients exactly 0: a key whose
+    first entry in a tile is not its first in the whole image keeps the
+    whole image's levels all the same. Colour
     images are cut over their two spatial axes only (the chunks asked for
     along the channels are ignored)."""
     import shapewiener.dask
@@ -53,6 +56,14 @@ def test_tiles_give_the_whole_images_bits(denoiser, client, noise):
         args = {"channel_covariance": 4e-4 * np.array([[4, 2, 1], [2, 4, 2], [1, 2, 4]])}
         if noise == "rgb blind":
             z, args = (z * 255).astype(np.uint8), {}
+        elif noise == "rgb flat psd per channel":
+            args = {"psd": np.full(z.shape, 1e-3)}
+    elif noise == "photo flat psd":
+        from shapewiener import _core
+        rgb, _ = _core.read_channels(str(ROOT / "data" / "astronaut.png"))
+        noisy = rgb[:80, :72, 2] + 15 * np.random.default_rng(7).standard_normal((80, 72))
+        z = np.clip(np.rint(noisy), 0, 255) / 255
+        args = {"psd": np.full(z.shape, 1e-3)}
     elif noise in ("uint8", "blind"):
         z = (z * 255).astype(np.uint8)
         args = {"sigma": 12.0} if noise == "uint8" else {}

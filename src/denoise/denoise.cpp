@@ -133,9 +133,9 @@ double local_mean(const std::vector<double>& values, uint32_t rows, uint32_t col
 
 // A pass's estimate where it made none or one the data cannot hold. The
 // filter gives NaN for a shape with a coefficient whose noise level is 0
-// (its value was exactly 0 on the key's first entry, as the rounding
-// residue of the mean removal can be) where a later entry of the key has a
-// residue and the pilot none: such a pixel keeps the pass's input. Noise
+// where the entry has a value and the pilot none (the levels are those of
+// the key's shape, LevelRule::kShapeLevels, so only a spectrum with zeros
+// does that): such a pixel keeps the pass's input. Noise
 // that swamps every coefficient gives NaN everywhere (the estimate's
 // variance rounds to 0), and noise far above what the values can hold
 // pulls each shape's mean toward the working zero, out of the data's range

@@ -69,9 +69,10 @@ void run_module(const sw::FilterCall& call, double* output, unsigned threads,
 
 sw::Plan plan_passes(const sw::FilterCall& call, int passes, sw::LevelScope scope) {
     sw::Plan plan;
-    // White noise: the levels without spectra (equal up to rounding).
+    // A key's levels from its shape alone, whichever entry comes first (a
+    // tile gets the whole image's); white noise: without spectra.
     raise_if(sw::make_plan(call, &plan, passes > 1 || scope == sw::LevelScope::kAnyImage,
-                           sw::LevelRule::kFlatShortcut, scope));
+                           sw::LevelRule::kShapeLevels, scope));
     return plan;
 }
 

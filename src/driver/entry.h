@@ -147,14 +147,27 @@ float entry_levels(const EntryInputs<HC>& in, const EntryState& e, uint64_t key,
         return dc_level;
     }
     const FilterCall& call = *in.call;
+    // Every coefficient of the shape (LevelRule::kShapeLevels): the levels
+    // are asked for where the forward transform puts coefficients, r * W + k
+    // for k < row_count[r], whatever their values. The pilot gather array
+    // holds the flags: it is not read again before the shrinkage clears it.
+    const float* wanted = sc.noisy_coefficients;
+    if (store != nullptr && store->shape_levels) {
+        const uint32_t w = in.box.W();
+        std::memset(sc.pilot_gather, 0, sizeof(float) * w * w);
+        for (uint32_t r = 0; r < static_cast<uint32_t>(e.gather.max_column_count); ++r) {
+            for (int32_t k = 0; k < sc.row_count[r]; ++k) sc.pilot_gather[r * w + k] = 1.0f;
+        }
+        wanted = sc.pilot_gather;
+    }
     const SpectrumContext spectrum{round_to_unsigned(call.dft_size), in.state->twiddle,
                                    sc.spatial_block, sc.row_spectrum, sc.block_spectrum,
                                    call.noise_psd.data, call.noise_level_factor};
-    dc_level = Kernels::noise_levels(in.box, spectrum, sc.noisy_coefficients, sc.noisy_gather,
+    dc_level = Kernels::noise_levels(in.box, spectrum, wanted, sc.noisy_gather,
                                      sc.column_count, sc.row_count, sc.row_cursor,
                                      e.gather.max_column_count, in.state->transform_table,
                                      sc.shape_mask, shape.by_columns, e.gather.shape_size, levels);
-    if (store != nullptr) store->save(key, sc.noisy_coefficients, levels, dc_level);
+    if (store != nullptr) store->save(key, wanted, levels, dc_level);
     return dc_level;
 }
 

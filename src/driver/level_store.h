@@ -49,6 +49,11 @@ struct LevelStore {
     float flat_level = 0.0f;
     // Stored levels serve other noisy images too (LevelScope::kAnyImage).
     bool any_image = false;
+    // Every coefficient of the shape has its level, whatever the entry's
+    // values (LevelRule::kShapeLevels): a key's levels follow from its shape
+    // alone, whichever entry comes first. Set on a store that keeps nothing
+    // too (keys() 0): the entries that compute levels then ask for all.
+    bool shape_levels = false;
     // Keys by shape (see above): key change number i of the running pass is
     // the list's key slot_of_change[i] (empty: i itself).
     std::vector<uint32_t> slot_of_change;
@@ -58,13 +63,15 @@ struct LevelStore {
     // Writes key change `key`'s levels into `levels_out` and returns true
     // when they are stored, or flat: then every coefficient that is exactly
     // 0 in `noisy_coefficients` (the key's first entry) gets 0, as it would
-    // from the spectra, every other one and the mean flat_level. False where
-    // the stored levels lack one of the entry's coefficients.
+    // from the spectra (not with shape_levels), every other one and the mean
+    // flat_level. False where the stored levels lack one of the entry's
+    // coefficients.
     bool load(uint64_t key, const float* noisy_coefficients, float* levels_out,
               float* dc_out) const {
         if (flat) {
             for (uint32_t t = 0; t < area; ++t) {
-                levels_out[t] = noisy_coefficients[t] == 0.0f ? 0.0f : flat_level;
+                levels_out[t] =
+                    noisy_coefficients[t] == 0.0f && !shape_levels ? 0.0f : flat_level;
             }
             *dc_out = flat_level;
             return true;

@@ -20,6 +20,8 @@ struct Plan::State {
     // entry is skipped for coverage: key change i of a full pass is key i + 1.
     bool numbered_keys = false;
     LevelStore store;
+    // Keeps nothing; only says whether levels are of the whole shape.
+    LevelStore unstored;
     // What the stored levels were computed on.
     bool bound = false;
     std::vector<double> noisy;
@@ -136,8 +138,11 @@ Error plan_call(const FilterCall& call, Plan::State* s, bool keep_levels, LevelR
     s->call = call;
     s->h = round_to_unsigned(call.max_scale);
     s->keep_levels = false;
+    const bool shape = rule == LevelRule::kShapeLevels;
+    s->store.shape_levels = shape;
+    s->unstored.shape_levels = shape;
     float level = 0.0f;
-    if (rule == LevelRule::kFlatShortcut && flat_level(call, &level)) {
+    if (rule != LevelRule::kComputed && flat_level(call, &level)) {
         const uint64_t w = 2 * uint64_t{s->h} - 1;
         s->store.area = static_cast<uint32_t>(w * w);
         s->store.flat = true;
@@ -159,6 +164,7 @@ Error plan_call(const FilterCall& call, Plan::State* s, bool keep_levels, LevelR
         s->keep_levels = true;
     } catch (const std::bad_alloc&) {
         s->store = LevelStore();  // computed per execution instead
+        s->store.shape_levels = shape;
     }
     return Error();
 }
@@ -186,7 +192,8 @@ Error execute_pass(Plan::State& s, uint32_t entry_step, bool by_shape, double* n
     call.frame = frame;
     if (entry_step > 0) call.entry_step = entry_step;
     LevelStore* store = s.store.flat ? &s.store : nullptr;
-    if (s.keep_levels && s.store.any_image) {
+    if (s.keep_levels && (s.store.any_image || s.store.shape_levels)) {
+        // Levels that do not depend on the noisy image.
         if (!s.bound || !same_frame(frame, s.frame)) {
             s.store.forget();
             s.frame = frame;
@@ -224,6 +231,9 @@ Error execute_pass(Plan::State& s, uint32_t entry_step, bool by_shape, double* n
             }
         }
     }
+    // Nothing stored: every key change computes its levels (of every
+    // coefficient of the shape, with LevelRule::kShapeLevels).
+    if (store == nullptr && s.unstored.shape_levels) store = &s.unstored;
     return stored_levels_entry(s.h)(call, output, options, s.h, store);
 }
 
