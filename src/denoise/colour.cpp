@@ -522,7 +522,13 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
                 frame.value_min = colour.tile_ranges[2 * k];
                 frame.value_max = colour.tile_ranges[2 * k + 1];
             }
-            const Image estimate = run_pipeline(channel, models[k], settings, options.threads,
+            // The colour differences (rows 1 and 2 of the rotation) carry
+            // little detail: their second pass, too, runs on the sparse
+            // lattice (bench/RESULTS.md: -0.005 dB on the colour benchmark,
+            // their passes 0.75 of their time).
+            Settings channel_settings = settings;
+            if (colour.joint && k > 0) channel_settings.sparse_passes = 2;
+            const Image estimate = run_pipeline(channel, models[k], channel_settings, options.threads,
                                                 part, &one, frame,
                                                 colour.joint ? &shared : nullptr);
             std::copy(estimate.pixels.begin(), estimate.pixels.end(), rotated.begin() + k * plane);

@@ -98,12 +98,12 @@ swcaller::ShapeArguments adaptive_shapes(const double* image, uint32_t rows, uin
     return swcaller::make_shape_arguments(h, std::move(scale_set), std::move(map), true, ties);
 }
 
-RangeMap working_range(double lo, double hi, bool normalise) {
+RangeMap working_range(double lo, double width, bool normalise) {
     RangeMap m;
     if (!normalise) return m;
     // [min, max] onto [0.1, 0.9]: the module clips every estimate to [0, 1]
     // and an estimate of exactly 0 everywhere on a shape gets weight 1/0.
-    m.scale = hi > lo ? (hi - lo) / 0.8 : 1.0;
+    m.scale = width > 0.0 ? width / 0.8 : 1.0;
     m.offset = lo - 0.1 * m.scale;
     return m;
 }
@@ -281,7 +281,7 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     }
     // Images that share a plan map ranges of one width (see SharedShapes).
     const double width = shared != nullptr ? std::max(shared->range_width, hi - lo) : hi - lo;
-    const RangeMap range = working_range(lo, lo + width, settings.normalise_range);
+    const RangeMap range = working_range(lo, width, settings.normalise_range);
     swcaller::Image noisy(rows, cols);
     for (size_t p = 0; p < noisy.size(); ++p) {
         noisy.pixels[p] = (input.pixels[p] - range.offset) / range.scale;
@@ -351,9 +351,11 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     sw::Plan& plan = shared != nullptr && shared->planned && shared->psd == psd ? shared->plan
                                                                               : own_plan;
     // The first pass, whose estimate is only a pilot, processes the pixels
-    // on every pilot_step-th row and column; it shares the plan's levels
-    // with the full passes (the list has one key per distinct shape).
+    // on every pilot_step-th row and column (so do the first
+    // settings.sparse_passes passes); it shares the plan's levels with the
+    // full passes (the list has one key per distinct shape).
     const bool sparse_pilot = settings.passes > 1 && settings.pilot_step > 1;
+    const int sparse_passes = sparse_pilot ? std::min(settings.sparse_passes, settings.passes - 1) : 0;
     const double share = 0.9 / settings.passes;
     // How far outside the data's range an estimate may come and still be
     // taken as an estimate (see settle): 4 noise deviations, at most 0.05 of
@@ -373,7 +375,7 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
                  [&](double fraction) {
                      return !progress || progress(begin + share * fraction, phase);
                  },
-                 pass == 0 && sparse_pilot ? settings.pilot_step : 1);
+                 pass < sparse_passes ? settings.pilot_step : 1);
         at = begin + share;
         stage = phase;
         const uint32_t h = settings.adaptive ? settings.rule.lengths.back() : settings.square_scale;
@@ -386,8 +388,8 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     if (sparse_pilot) {
         const PassCount first =
             sparse_pass_count(shapes.list, rows, frame.row0, frame.col0, settings.pilot_step);
-        done.accepted_entries -= uint64_t{rows} * cols - first.entries;
-        done.key_changes -= shapes.list.key_changes - first.key_changes;
+        done.accepted_entries -= (uint64_t{rows} * cols - first.entries) * sparse_passes;
+        done.key_changes -= (shapes.list.key_changes - first.key_changes) * sparse_passes;
     }
 
     sw::Image out;

@@ -36,7 +36,11 @@ struct Settings {
     // The first pass's estimate is only the second's pilot: it processes
     // the pixels on every pilot_step-th row and column (of the frame) and
     // leaves the rest to their neighbours' shapes. 1: every pixel.
+    // `sparse_passes`: how many passes (from the first, fewer than
+    // `passes`) run on that lattice; the colour differences of a colour
+    // image, smooth where the luminance has the detail, take two.
     uint32_t pilot_step = 2;
+    int sparse_passes = 1;
     // Map the image affinely onto [0, 1] before filtering (see denoise.h);
     // off: filter the values as they are.
     bool normalise_range = true;
@@ -64,13 +68,15 @@ swcaller::ShapeArguments adaptive_shapes(const double* image, uint32_t rows, uin
                                          unsigned threads = 1);
 
 // The affine map onto the filter's working range: working = (x - offset) /
-// scale takes values in [lo, hi] onto [0.1, 0.9] (lo == hi onto 0.1 with
-// scale 1); without `normalise` the identity.
+// scale takes values in [lo, lo + width] onto [0.1, 0.9] (width 0: lo onto
+// 0.1 with scale 1); without `normalise` the identity. The scale follows
+// from the width alone, so images of one width get the same scale bit for
+// bit whatever their lo.
 struct RangeMap {
     double offset = 0.0;
     double scale = 1.0;
 };
-RangeMap working_range(double lo, double hi, bool normalise);
+RangeMap working_range(double lo, double width, bool normalise);
 
 // Shapes shared by several images of one size (the channels of a colour
 // image): the first run_pipeline that needs shapes chooses them on its own
