@@ -79,6 +79,11 @@ struct LevelStore {
         const uint64_t slot = slot_of(key);
         if (slot >= known.size() || known[slot] == 0) return false;
         const float* stored = levels.data() + slot * area;
+        if (shape_levels) {  // the key's levels whatever the entry: nothing to check
+            std::memcpy(levels_out, stored, sizeof(float) * area);
+            *dc_out = dc[slot];
+            return true;
+        }
         for (uint32_t t = 0; t < area; ++t) {
             if (noisy_coefficients[t] == 0.0f) {
                 levels_out[t] = 0.0f;
