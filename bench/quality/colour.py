@@ -240,11 +240,12 @@ def summary(rows):
         print(f"| {noise} | {corr} | " + " | ".join(f"{m[c]:.2f}" for c in cols) +
               f" | {m['colour'] - best:+.2f} | {m['colour'] - m['perchannel']:+.2f} |")
     ssim_cols = ("colour", "perchannel", "opencv", "skimage")
-    print("mean SSIM: " + ", ".join(f"{c} {mean([r[c + '_ssim'] for r in rows]):.4f}" for c in ssim_cols))
-    print(f"CPU s per image: colour {mean([r['colour_cpu_s'] for r in rows]):.2f}, "
-          f"per-channel {mean([r['perchannel_cpu_s'] for r in rows]):.2f} "
-          f"(grey image: a third of that); colour / grey = "
-          f"{3 * mean([r['colour_cpu_s'] for r in rows]) / mean([r['perchannel_cpu_s'] for r in rows]):.2f}")
+    print("mean SSIM: " + ", ".join(f"{c} {mean([r.get(c + '_ssim') for r in rows]):.4f}"
+                                    for c in ssim_cols))
+    colour_s = mean([r.get("colour_cpu_s") for r in rows])
+    per_s = mean([r.get("perchannel_cpu_s") for r in rows])
+    print(f"CPU s per image: colour {colour_s:.2f}, per-channel {per_s:.2f} "
+          f"(grey image: a third of that); colour / grey = {3 * colour_s / per_s:.2f}")
 
 
 if __name__ == "__main__":
