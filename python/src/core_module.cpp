@@ -258,6 +258,17 @@ py::object remove_peaks_call(py::array_t<double> image, const std::string& noise
                           owned_matrix(std::move(residual.psd), out.rows, out.cols));
 }
 
+// A tile's frame from the tuple (frame rows, frame cols, row0, col0, ranges...)
+// into options.tile; the tuple is returned for the ranges.
+py::tuple tile_frame(const py::object& tile, sw::DenoiseOptions* options) {
+    const py::tuple t = tile.cast<py::tuple>();
+    options->tile.rows = t[0].cast<uint32_t>();
+    options->tile.cols = t[1].cast<uint32_t>();
+    options->tile.row0 = t[2].cast<uint32_t>();
+    options->tile.col0 = t[3].cast<uint32_t>();
+    return t;
+}
+
 py::tuple denoise_call(py::array_t<double> image, const std::string& noise,
                        double sigma, py::object kernel, py::object psd, const std::string& preset,
                        unsigned threads, py::object progress, py::object tile, bool peaks) {
@@ -268,11 +279,7 @@ py::tuple denoise_call(py::array_t<double> image, const std::string& noise,
     options.preset = preset;
     options.threads = threads;
     if (!tile.is_none()) {
-        const py::tuple t = tile.cast<py::tuple>();
-        options.tile.rows = t[0].cast<uint32_t>();
-        options.tile.cols = t[1].cast<uint32_t>();
-        options.tile.row0 = t[2].cast<uint32_t>();
-        options.tile.col0 = t[3].cast<uint32_t>();
+        const py::tuple t = tile_frame(tile, &options);
         options.tile.value_min = t[4].cast<double>();
         options.tile.value_max = t[5].cast<double>();
     }
@@ -399,11 +406,7 @@ py::tuple denoise_colour_call(py::array_t<double> image, const std::string& kind
     options.threads = threads;
     sw::ColourOptions colour = colour_options_of(basis, joint);
     if (!tile.is_none()) {
-        const py::tuple t = tile.cast<py::tuple>();
-        options.tile.rows = t[0].cast<uint32_t>();
-        options.tile.cols = t[1].cast<uint32_t>();
-        options.tile.row0 = t[2].cast<uint32_t>();
-        options.tile.col0 = t[3].cast<uint32_t>();
+        const py::tuple t = tile_frame(tile, &options);
         for (size_t k = 0; k < 6; ++k) colour.tile_ranges[k] = t[4 + k].cast<double>();
     }
     sw::ColourImage result;
