@@ -198,16 +198,19 @@ struct TransformArrays {
 };
 
 TransformArrays run_transforms(const Shape& s, const std::vector<float>& ng,
-                               const std::vector<float>& pg, bool fast) {
+                               const std::vector<float>& pg, bool fast,
+                               bool round_steps = true) {
     const uint32_t area = s.w * s.w;
     TransformArrays a{ng, pg, std::vector<float>(area), std::vector<float>(area),
                       std::vector<float>(area), std::vector<int32_t>(s.w), std::vector<int32_t>(s.w)};
     const int32_t mcc = s.g.max_column_count;
     if (fast) {
+        const Level level = sw::simd::active();
         sw::forward_transform_fast(s.box, a.ng.data(), a.pg.data(), a.nc.data(), a.pc.data(),
-                                   s.cc.data(), a.rc.data(), mcc, s.table.data());
+                                   s.cc.data(), a.rc.data(), mcc, s.table.data(), level,
+                                   round_steps);
         sw::inverse_transform_fast(s.box, a.nc.data(), a.out.data(), s.cc.data(), a.rc.data(),
-                                   a.cursor.data(), mcc, s.table.data());
+                                   a.cursor.data(), mcc, s.table.data(), level, round_steps);
     } else {
         sw::forward_transform(s.box, a.ng.data(), a.pg.data(), a.nc.data(), a.pc.data(),
                               s.cc.data(), a.rc.data(), mcc, s.table.data());
@@ -217,10 +220,20 @@ TransformArrays run_transforms(const Shape& s, const std::vector<float>& ng,
     return a;
 }
 
-// Every level against the reference on one shape and its gathered values.
+// Every level against the reference on one shape and its gathered values;
+// the unrounded sums: the same bits at every level (the reference level,
+// which runs the one-lane kernels, included).
 void expect_transforms_match(const Shape& s, const std::vector<float>& ng,
                              const std::vector<float>& pg, const std::string& what) {
     const TransformArrays want = run_transforms(s, ng, pg, false);
+    ASSERT_TRUE(sw::simd::set_level(Level::reference));
+    const TransformArrays loose = run_transforms(s, ng, pg, true, false);
+    for (Level level : levels_here()) {
+        ASSERT_TRUE(sw::simd::set_level(level));
+        const TransformArrays unrounded = run_transforms(s, ng, pg, true, false);
+        EXPECT_EQ(first_difference(loose.nc, unrounded.nc), UINT32_MAX) << what << " unrounded";
+        EXPECT_EQ(first_difference(loose.out, unrounded.out), UINT32_MAX) << what << " unrounded";
+    }
     for (Level level : levels_here()) {
         ASSERT_TRUE(sw::simd::set_level(level));
         const TransformArrays got = run_transforms(s, ng, pg, true);

@@ -146,6 +146,11 @@ struct FilterCall {
     // s; the other entries are skipped as the coverage test skips them.
     // Pixels no processed shape covers get NaN. 1: every entry.
     uint32_t entry_step = 1;
+    // Not an argument of the module: the shape transforms keep each running
+    // sum in double and round it to float once, where the module rounds
+    // every step. Results equal the module's up to rounding, not bit for
+    // bit (the denoiser's choice; the reference kernels ignore it).
+    bool unrounded_sums = false;
 };
 
 // What went wrong. Each code is one <reason> of the identifier

@@ -29,6 +29,7 @@
 #include "shape/shape.h"
 #include "shape/shape_layout.h"
 #include "shapewiener/filter.h"
+#include "simd/simd.h"
 #include "spectrum/noise_level.h"
 
 namespace sw {
@@ -130,9 +131,16 @@ EntryState entry_gather(const EntryInputs<HC>& in, uint32_t q, uint64_t key, con
 // The forward transform into the scratch set's coefficient blocks.
 template <class Kernels, uint32_t HC>
 void entry_forward(const EntryInputs<HC>& in, const EntryState& e, const EntryScratch& sc) {
-    Kernels::forward(in.box, sc.noisy_gather, sc.pilot_gather, sc.noisy_coefficients,
-                     sc.pilot_coefficients, sc.column_count, sc.row_count,
-                     e.gather.max_column_count, in.state->transform_table);
+    if constexpr (Kernels::kListedShapes) {
+        Kernels::forward(in.box, sc.noisy_gather, sc.pilot_gather, sc.noisy_coefficients,
+                         sc.pilot_coefficients, sc.column_count, sc.row_count,
+                         e.gather.max_column_count, in.state->transform_table, simd::active(),
+                         !in.call->unrounded_sums);
+    } else {
+        Kernels::forward(in.box, sc.noisy_gather, sc.pilot_gather, sc.noisy_coefficients,
+                         sc.pilot_coefficients, sc.column_count, sc.row_count,
+                         e.gather.max_column_count, in.state->transform_table);
+    }
 }
 
 // The levels of key number `key` from its first accepted entry (just
@@ -197,9 +205,15 @@ ShrinkResult entry_shrink(const EntryInputs<HC>& in, const EntryState& e, const 
 // array (packed).
 template <class Kernels, uint32_t HC>
 void entry_inverse(const EntryInputs<HC>& in, const EntryState& e, const EntryScratch& sc) {
-    Kernels::inverse(in.box, sc.noisy_coefficients, sc.noisy_gather, sc.column_count,
-                     sc.row_count, sc.row_cursor, e.gather.max_column_count,
-                     in.state->transform_table);
+    if constexpr (Kernels::kListedShapes) {
+        Kernels::inverse(in.box, sc.noisy_coefficients, sc.noisy_gather, sc.column_count,
+                         sc.row_count, sc.row_cursor, e.gather.max_column_count,
+                         in.state->transform_table, simd::active(), !in.call->unrounded_sums);
+    } else {
+        Kernels::inverse(in.box, sc.noisy_coefficients, sc.noisy_gather, sc.column_count,
+                         sc.row_count, sc.row_cursor, e.gather.max_column_count,
+                         in.state->transform_table);
+    }
 }
 
 // Adds the entry's estimate into output, weight sums and coverage counts.

@@ -9,14 +9,19 @@
 namespace sw {
 namespace {
 
-LinesFunction lines_for(simd::Level level) {
+LinesFunction lines_for(simd::Level level, bool round_steps) {
     switch (simd::supported(level) ? level : simd::Level::scalar) {
 #if SHAPEWIENER_X86_SIMD
-        case simd::Level::sse2: return transform_sse2::run_lines;
-        case simd::Level::avx2: return transform_avx2::run_lines;
-        case simd::Level::avx512: return transform_avx512::run_lines;
+        case simd::Level::sse2:
+            return round_steps ? transform_sse2::run_lines : transform_sse2::unrounded::run_lines;
+        case simd::Level::avx2:
+            return round_steps ? transform_avx2::run_lines : transform_avx2::unrounded::run_lines;
+        case simd::Level::avx512:
+            return round_steps ? transform_avx512::run_lines
+                               : transform_avx512::unrounded::run_lines;
 #endif
-        default: return transform_scalar::run_lines;
+        default:
+            return round_steps ? transform_scalar::run_lines : transform_scalar::unrounded::run_lines;
     }
 }
 
@@ -27,8 +32,13 @@ LinesFunction lines_for(simd::Level level) {
 // itself) is not computed again: its outputs are copies.
 class Stage {
 public:
-    Stage(ProductLine* lines, ProductLine* copies, double* widened, LinesFunction run)
-        : lines_(lines), copies_(copies), widened_(widened), run_(run) {}
+    Stage(ProductLine* lines, ProductLine* copies, double* widened, simd::Level level,
+          bool round_steps)
+        : lines_(lines),
+          copies_(copies),
+          widened_(widened),
+          run_(lines_for(level, round_steps)),
+          round_steps_(round_steps) {}
 
     void add(const double* m, uint32_t len, const float* x, float* out,
              const float* y = nullptr, float* yo = nullptr) {
@@ -39,9 +49,10 @@ public:
             y = nullptr;
         }
         if (len > kMaxProductLine) {
-            for (uint32_t i = 0; i < len; ++i) out[i] = apply_row(x, m, len, i);
+            const auto row = round_steps_ ? apply_row : apply_row_unrounded;
+            for (uint32_t i = 0; i < len; ++i) out[i] = row(x, m, len, i);
             if (y != nullptr) {
-                for (uint32_t i = 0; i < len; ++i) yo[i] = apply_row(y, m, len, i);
+                for (uint32_t i = 0; i < len; ++i) yo[i] = row(y, m, len, i);
             }
             return;
         }
@@ -71,6 +82,7 @@ private:
     ProductLine* copies_;  // yo: the computed outputs, out: where they are copied
     double* widened_;
     LinesFunction run_;
+    bool round_steps_;
     uint32_t count_ = 0;
     uint32_t copy_count_ = 0;
     size_t used_ = 0;
@@ -289,14 +301,16 @@ void forward_transform_lanes(uint32_t w, simd::Level level, float* noisy_gather,
                              float* pilot_gather, float* noisy_coefficients,
                              float* pilot_coefficients, const int32_t* column_count,
                              int32_t* row_count, int32_t max_column_count,
-                             const double* const* transform_table) {
-    if (pixels(column_count, w) < kSmallForward || !t_scratch.reserve(w)) {
+                             const double* const* transform_table, bool round_steps) {
+    // (Without scratch memory the unrounded rule falls back to the rounded
+    // reference too: the results differ in their last bits only.)
+    if ((round_steps && pixels(column_count, w) < kSmallForward) || !t_scratch.reserve(w)) {
         forward_transform(SideBox{w}, noisy_gather, pilot_gather, noisy_coefficients,
                           pilot_coefficients, column_count, row_count, max_column_count,
                           transform_table);
         return;
     }
-    Stage stage(t_scratch.lines, t_scratch.copies, t_scratch.widened, lines_for(level));
+    Stage stage(t_scratch.lines, t_scratch.copies, t_scratch.widened, level, round_steps);
     // First-stage coefficient f of column j, at j*W + f here (the reference
     // keeps it at j + f*W of the coefficient block until it moves on).
     float* noisy_first = t_scratch.values;
@@ -356,24 +370,26 @@ void forward_transform_lanes(uint32_t w, simd::Level level, float* noisy_gather,
 void inverse_transform_lanes(uint32_t w, simd::Level level, float* coefficients, float* out,
                              const int32_t* column_count, const int32_t* row_count,
                              int32_t* row_cursor, int32_t max_column_count,
-                             const double* const* transform_table) {
+                             const double* const* transform_table, bool round_steps) {
     // With one lane the reference's products are as fast; so they are for
-    // small shapes, with no set-up.
-    if (level == simd::Level::scalar || pixels(column_count, w) < kSmallInverse ||
+    // small shapes, with no set-up (rounded steps only).
+    if ((round_steps &&
+         (level == simd::Level::scalar || pixels(column_count, w) < kSmallInverse)) ||
         !t_scratch.reserve(w) || !t_transposes.reserve(w < kMaxProductLine ? w : kMaxProductLine)) {
         inverse_transform(SideBox{w}, coefficients, out, column_count, row_count,
                           row_cursor, max_column_count, transform_table);
         return;
     }
     t_transposes.next_call();
-    Stage stage(t_scratch.lines, t_scratch.copies, t_scratch.widened, lines_for(level));
+    Stage stage(t_scratch.lines, t_scratch.copies, t_scratch.widened, level, round_steps);
     // The transposed product with T is the product with its transpose.
     auto add = [&](uint32_t len, const float* c, float* to) {
         const double* t = transform_table[len - 1];
         if (len <= kMaxProductLine) {
             stage.add(t_transposes.transposed(t, len), len, c, to);
         } else {
-            for (uint32_t s = 0; s < len; ++s) to[s] = apply_transposed(c, t, len, s);
+            const auto product = round_steps ? apply_transposed : apply_transposed_unrounded;
+            for (uint32_t s = 0; s < len; ++s) to[s] = product(c, t, len, s);
         }
     };
     std::memset(row_cursor, 0, sizeof(int32_t) * w);

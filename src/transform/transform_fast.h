@@ -25,36 +25,45 @@ namespace sw {
 // forward_transform() for a box of side w with `level`'s kernels (not
 // Level::reference; an unsupported level runs the one-lane kernels). Small
 // shapes, and shapes whose scratch cannot be had, go through the reference.
+// With round_steps false every running sum stays in double and is rounded
+// once (apply_row_unrounded(): the same bits at every level; small shapes
+// too go through the lanes).
 void forward_transform_lanes(uint32_t w, simd::Level level, float* noisy_gather,
                              float* pilot_gather, float* noisy_coefficients,
                              float* pilot_coefficients, const int32_t* column_count,
                              int32_t* row_count, int32_t max_column_count,
-                             const double* const* transform_table);
+                             const double* const* transform_table, bool round_steps = true);
 
 // inverse_transform() for a box of side w with `level`'s kernels (as
 // above; the one-lane level uses the reference, which is as fast).
 void inverse_transform_lanes(uint32_t w, simd::Level level, float* coefficients, float* out,
                              const int32_t* column_count, const int32_t* row_count,
                              int32_t* row_cursor, int32_t max_column_count,
-                             const double* const* transform_table);
+                             const double* const* transform_table, bool round_steps = true);
 
 // Drop-in replacements: same arguments and effects as the reference
 // routines, bit for bit, at the active SIMD level or the one given (the
-// reference routines themselves at Level::reference).
+// reference routines themselves at Level::reference). With round_steps
+// false: the unrounded sums, the same bits at every level (Level::reference
+// runs the one-lane kernels).
 template <class Box>
 void forward_transform_fast(const Box& box, float* noisy_gather, float* pilot_gather,
                             float* noisy_coefficients, float* pilot_coefficients,
                             const int32_t* column_count, int32_t* row_count,
                             int32_t max_column_count, const double* const* transform_table,
-                            simd::Level level = simd::active()) {
+                            simd::Level level = simd::active(), bool round_steps = true) {
     if (level == simd::Level::reference) {
-        forward_transform(box, noisy_gather, pilot_gather, noisy_coefficients, pilot_coefficients,
-                          column_count, row_count, max_column_count, transform_table);
-        return;
+        if (round_steps) {
+            forward_transform(box, noisy_gather, pilot_gather, noisy_coefficients,
+                              pilot_coefficients, column_count, row_count, max_column_count,
+                              transform_table);
+            return;
+        }
+        level = simd::Level::scalar;
     }
     forward_transform_lanes(box.W(), level, noisy_gather, pilot_gather, noisy_coefficients,
                             pilot_coefficients, column_count, row_count, max_column_count,
-                            transform_table);
+                            transform_table, round_steps);
 }
 
 template <class Box>
@@ -62,14 +71,17 @@ void inverse_transform_fast(const Box& box, float* coefficients, float* out,
                             const int32_t* column_count, const int32_t* row_count,
                             int32_t* row_cursor, int32_t max_column_count,
                             const double* const* transform_table,
-                            simd::Level level = simd::active()) {
+                            simd::Level level = simd::active(), bool round_steps = true) {
     if (level == simd::Level::reference) {
-        inverse_transform(box, coefficients, out, column_count, row_count, row_cursor,
-                          max_column_count, transform_table);
-        return;
+        if (round_steps) {
+            inverse_transform(box, coefficients, out, column_count, row_count, row_cursor,
+                              max_column_count, transform_table);
+            return;
+        }
+        level = simd::Level::scalar;
     }
     inverse_transform_lanes(box.W(), level, coefficients, out, column_count, row_count,
-                            row_cursor, max_column_count, transform_table);
+                            row_cursor, max_column_count, transform_table, round_steps);
 }
 
 }  // namespace sw

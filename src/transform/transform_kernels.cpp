@@ -35,7 +35,14 @@
 namespace sw {
 namespace transform_scalar {
 #define SHAPEWIENER_DOUBLE_LANES 1
+#define SHAPEWIENER_ROUND_STEPS 1
 #include "transform/transform_lanes.h"
+#undef SHAPEWIENER_ROUND_STEPS
+namespace unrounded {
+#define SHAPEWIENER_ROUND_STEPS 0
+#include "transform/transform_lanes.h"
+#undef SHAPEWIENER_ROUND_STEPS
+}  // namespace unrounded
 #undef SHAPEWIENER_DOUBLE_LANES
 }  // namespace transform_scalar
 }  // namespace sw
@@ -45,7 +52,14 @@ namespace transform_scalar {
 namespace sw {
 namespace transform_sse2 {
 #define SHAPEWIENER_DOUBLE_LANES 2
+#define SHAPEWIENER_ROUND_STEPS 1
 #include "transform/transform_lanes.h"
+#undef SHAPEWIENER_ROUND_STEPS
+namespace unrounded {
+#define SHAPEWIENER_ROUND_STEPS 0
+#include "transform/transform_lanes.h"
+#undef SHAPEWIENER_ROUND_STEPS
+}  // namespace unrounded
 #undef SHAPEWIENER_DOUBLE_LANES
 }  // namespace transform_sse2
 }  // namespace sw
@@ -59,7 +73,14 @@ namespace transform_sse2 {
 namespace sw {
 namespace transform_avx2 {
 #define SHAPEWIENER_DOUBLE_LANES 4
+#define SHAPEWIENER_ROUND_STEPS 1
 #include "transform/transform_lanes.h"
+#undef SHAPEWIENER_ROUND_STEPS
+namespace unrounded {
+#define SHAPEWIENER_ROUND_STEPS 0
+#include "transform/transform_lanes.h"
+#undef SHAPEWIENER_ROUND_STEPS
+}  // namespace unrounded
 #undef SHAPEWIENER_DOUBLE_LANES
 }  // namespace transform_avx2
 }  // namespace sw
@@ -78,7 +99,14 @@ namespace transform_avx2 {
 namespace sw {
 namespace transform_avx512 {
 #define SHAPEWIENER_DOUBLE_LANES 8
+#define SHAPEWIENER_ROUND_STEPS 1
 #include "transform/transform_lanes.h"
+#undef SHAPEWIENER_ROUND_STEPS
+namespace unrounded {
+#define SHAPEWIENER_ROUND_STEPS 0
+#include "transform/transform_lanes.h"
+#undef SHAPEWIENER_ROUND_STEPS
+}  // namespace unrounded
 #undef SHAPEWIENER_DOUBLE_LANES
 }  // namespace transform_avx512
 }  // namespace sw

@@ -27,21 +27,34 @@ struct ProductLine {
 constexpr uint32_t kMaxProductLine = 64;
 
 // Runs all lines (each len <= kMaxProductLine). No output may overlap
-// another line's output.
+// another line's output. Each level's `unrounded::run_lines` keeps the
+// running sums in double (apply_row_unrounded()).
 using LinesFunction = void (*)(const ProductLine* lines, uint32_t count);
 
 namespace transform_scalar {
 void run_lines(const ProductLine* lines, uint32_t count);
+namespace unrounded {
+void run_lines(const ProductLine* lines, uint32_t count);
+}
 }
 #if SHAPEWIENER_X86_SIMD
 namespace transform_sse2 {
 void run_lines(const ProductLine* lines, uint32_t count);
+namespace unrounded {
+void run_lines(const ProductLine* lines, uint32_t count);
+}
 }
 namespace transform_avx2 {
 void run_lines(const ProductLine* lines, uint32_t count);
+namespace unrounded {
+void run_lines(const ProductLine* lines, uint32_t count);
+}
 }
 namespace transform_avx512 {
 void run_lines(const ProductLine* lines, uint32_t count);
+namespace unrounded {
+void run_lines(const ProductLine* lines, uint32_t count);
+}
 }
 #endif
 

@@ -4,7 +4,9 @@
 //   acc = float(double(x[0]) * m[i]);  acc = float(double(acc) + double(x[s]) * m[i + s*len])
 // for s = 1 .. len-1, exactly apply_row() of shape_transform.h; lane i
 // performs these operations for output i. (The transposed products are the
-// same products with the transposed matrix.)
+// same products with the transposed matrix.) With SHAPEWIENER_ROUND_STEPS
+// set to 0 the sums stay in double and only the output is rounded to float
+// (apply_row_unrounded()).
 //
 // Each step of a sum waits for the rounding of the step before, so several
 // sums run interleaved in registers: a line's outputs are cut into chunks
@@ -15,8 +17,9 @@
 // This file has no include guard on purpose: transform_kernels.cpp includes
 // it once per instruction set, inside a namespace of its own, with the macro
 // SHAPEWIENER_DOUBLE_LANES set to the widest double vector (1 for plain
-// scalars), under that instruction set's target attribute. It must not
-// include anything itself.
+// scalars), under that instruction set's target attribute, and once more
+// with SHAPEWIENER_ROUND_STEPS 0 in a namespace `unrounded` inside that. It
+// must not include anything itself.
 
 namespace {
 
@@ -84,6 +87,13 @@ struct Lanes<8> {
 };
 #endif
 
+// A step of a running sum: rounded to float, or kept in double.
+#if SHAPEWIENER_ROUND_STEPS
+#define SHAPEWIENER_STEP(x) V::round(x)
+#else
+#define SHAPEWIENER_STEP(x) (x)
+#endif
+
 // The last chunk of a line ends at len and may overlap the one before it
 // (the overlap is computed twice, with the same bits).
 inline uint32_t chunk_offset(uint32_t c, uint32_t l, uint32_t len) {
@@ -121,8 +131,8 @@ struct Group {
             const double y0 = A == 2 ? l.y[0] : 0.0;
             for (int c = 0; c < C; ++c) {
                 const typename V::D v = V::load(l.m + off[k][c]);
-                acc[k][0][c] = V::round(x0 * v);
-                if constexpr (A == 2) acc[k][A - 1][c] = V::round(y0 * v);
+                acc[k][0][c] = SHAPEWIENER_STEP(x0 * v);
+                if constexpr (A == 2) acc[k][A - 1][c] = SHAPEWIENER_STEP(y0 * v);
             }
         }
     }
@@ -140,8 +150,8 @@ struct Group {
                 const double ys = A == 2 ? y[k][s] : 0.0;
                 for (int c = 0; c < C; ++c) {
                     const typename V::D v = V::load(col + off[k][c]);
-                    acc[k][0][c] = V::round(acc[k][0][c] + xs * v);
-                    if constexpr (A == 2) acc[k][A - 1][c] = V::round(acc[k][A - 1][c] + ys * v);
+                    acc[k][0][c] = SHAPEWIENER_STEP(acc[k][0][c] + xs * v);
+                    if constexpr (A == 2) acc[k][A - 1][c] = SHAPEWIENER_STEP(acc[k][A - 1][c] + ys * v);
                 }
             }
         }
@@ -268,6 +278,8 @@ void run_all(const ProductLine* lines, uint32_t count) {
 #endif
     p1.run();
 }
+
+#undef SHAPEWIENER_STEP
 
 }  // namespace
 
