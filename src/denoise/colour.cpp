@@ -491,6 +491,33 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
             }
         }
         const double largest = *std::max_element(variance.begin(), variance.end());
+        // Channels whose noise has one spatial shape at different levels are
+        // filtered as that shape at one level: channel k divided by
+        // scale[k], so that its noise is the reference channel's (the first
+        // the noise reaches), and its estimate multiplied back. They then
+        // share one plan and its levels (the filter commutes with the
+        // scaling up to rounding).
+        using Kind = ColourNoise::Kind;
+        const bool one_shape =
+            colour.joint &&
+            (noise.kind == Kind::kSame || noise.kind == Kind::kCorrelated ||
+             std::all_of(noise.models.begin(), noise.models.end(),
+                         [](const NoiseModel& m) { return m.kind == NoiseModel::Kind::kWhite; }));
+        std::array<double, 3> scale{1.0, 1.0, 1.0};
+        if (one_shape) {
+            uint32_t reference = kColours;
+            for (uint32_t k = 0; k < kColours; ++k) {
+                if (!(variance[k] > 1e-12 * largest)) continue;
+                if (reference == kColours) {
+                    reference = k;
+                    continue;
+                }
+                if (variance[k] == variance[reference]) continue;
+                scale[k] = std::sqrt(variance[k] / variance[reference]);
+                models[k] = models[reference];
+                for (double& v : channels[k].pixels) v /= scale[k];
+            }
+        }
         // One working-range width for every filtered channel: channels with
         // the same noise then share one plan and its levels. (A tile's
         // channels: their frame's ranges.)
@@ -498,7 +525,8 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
             if (!(variance[k] > 1e-12 * largest)) continue;
             if (tiled) {
                 shared.range_width =
-                    std::max(shared.range_width, colour.tile_ranges[2 * k + 1] - colour.tile_ranges[2 * k]);
+                    std::max(shared.range_width, colour.tile_ranges[2 * k + 1] / scale[k] -
+                                                     colour.tile_ranges[2 * k] / scale[k]);
                 continue;
             }
             const auto [lo, hi] = std::minmax_element(channels[k].pixels.begin(), channels[k].pixels.end());
@@ -519,8 +547,8 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
             TileFrame frame;
             if (tiled) {  // the frame's range of this channel
                 frame = options.tile;
-                frame.value_min = colour.tile_ranges[2 * k];
-                frame.value_max = colour.tile_ranges[2 * k + 1];
+                frame.value_min = colour.tile_ranges[2 * k] / scale[k];
+                frame.value_max = colour.tile_ranges[2 * k + 1] / scale[k];
             }
             // The colour differences (rows 1 and 2 of the rotation) carry
             // little detail: their second pass, too, runs on the sparse
@@ -531,7 +559,7 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
             const Image estimate = run_pipeline(channel, models[k], channel_settings, options.threads,
                                                 part, &one, frame,
                                                 colour.joint ? &shared : nullptr);
-            std::copy(estimate.pixels.begin(), estimate.pixels.end(), rotated.begin() + k * plane);
+            for (size_t p = 0; p < plane; ++p) rotated[p + k * plane] = estimate.pixels[p] * scale[k];
             total.passes = std::max(total.passes, one.passes);
             total.accepted_entries += one.accepted_entries;
             total.key_changes += one.key_changes;

@@ -36,45 +36,37 @@ struct Lanes<1> {
 };
 
 #if SHAPEWIENER_DOUBLE_LANES > 1
-// L doubles and L floats (the vector sizes are written out: they may not
-// depend on a template parameter).
-template <class DV, class FV>
-struct VectorLanes {
-    typedef DV D;
-    static inline D load(const double* p) {
-        D v;
-        __builtin_memcpy(&v, p, sizeof v);
-        return v;
-    }
+// Two and four lanes: the conversions written as the instructions that
+// convert a whole vector at once. GCC 12 splits the generic conversions of
+// these widths in halves and passes one half through memory, which costs
+// more than the products themselves.
+template <>
+struct Lanes<2> {
+    typedef __m128d D;
+    static inline D load(const double* p) { return _mm_loadu_pd(p); }
     static inline D round(D x) {
-        FV f = __builtin_convertvector(x, FV);
-        if constexpr (sizeof(FV) == sizeof(double)) {
-            // Two floats pass as one double: not every compiler puts an
-            // 8-byte vector into a vector register.
-            double bits;
-            __builtin_memcpy(&bits, &f, sizeof bits);
-            SHAPEWIENER_KEEP(bits);
-            __builtin_memcpy(&f, &bits, sizeof bits);
-        } else {
-            SHAPEWIENER_KEEP(f);
-        }
-        return __builtin_convertvector(f, D);
+        __m128 f = _mm_cvtpd_ps(x);
+        SHAPEWIENER_KEEP(f);
+        return _mm_cvtps_pd(f);
     }
     static inline void store(float* p, D x) {
-        const FV f = __builtin_convertvector(x, FV);
-        __builtin_memcpy(p, &f, sizeof f);
+        const __m128 f = _mm_cvtpd_ps(x);
+        __builtin_memcpy(p, &f, 2 * sizeof(float));
     }
 };
-typedef double Double2 __attribute__((vector_size(16)));
-typedef float Float2 __attribute__((vector_size(8)));
-template <>
-struct Lanes<2> : VectorLanes<Double2, Float2> {};
 #endif
 #if SHAPEWIENER_DOUBLE_LANES > 2
-typedef double Double4 __attribute__((vector_size(32)));
-typedef float Float4 __attribute__((vector_size(16)));
 template <>
-struct Lanes<4> : VectorLanes<Double4, Float4> {};
+struct Lanes<4> {
+    typedef __m256d D;
+    static inline D load(const double* p) { return _mm256_loadu_pd(p); }
+    static inline D round(D x) {
+        __m128 f = _mm256_cvtpd_ps(x);
+        SHAPEWIENER_KEEP(f);
+        return _mm256_cvtps_pd(f);
+    }
+    static inline void store(float* p, D x) { _mm_storeu_ps(p, _mm256_cvtpd_ps(x)); }
+};
 #endif
 #if SHAPEWIENER_DOUBLE_LANES > 4
 // With AVX-512 (the only level with eight double lanes): the compiler
