@@ -146,6 +146,10 @@ struct FilterCall {
     // s; the other entries are skipped as the coverage test skips them.
     // Pixels no processed shape covers get NaN. 1: every entry.
     uint32_t entry_step = 1;
+    // With entry_step s > 1: process the entries whose pixel's row plus
+    // column in the frame is a multiple of s instead (diagonal lines; s = 2
+    // is a checkerboard, half the entries).
+    bool entry_diagonal = false;
 };
 
 // What went wrong. Each code is one <reason> of the identifier

@@ -552,10 +552,13 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
             }
             // The colour differences (rows 1 and 2 of the rotation) carry
             // little detail: their second pass, too, runs on the sparse
-            // lattice (bench/RESULTS.md: -0.005 dB on the colour benchmark,
-            // their passes 0.75 of their time).
+            // lattice, and their last on the checkerboard
+            // (bench/RESULTS.md).
             Settings channel_settings = settings;
-            if (colour.joint && k > 0) channel_settings.sparse_passes = 2;
+            if (colour.joint && k > 0) {
+                channel_settings.sparse_passes = 2;
+                channel_settings.checkerboard_last = true;
+            }
             const Image estimate = run_pipeline(channel, models[k], channel_settings, options.threads,
                                                 part, &one, frame,
                                                 colour.joint ? &shared : nullptr);
