@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -17,14 +18,15 @@ constexpr uint32_t kSide = 40;
 
 // A smooth colour image with an edge, plus white noise of `sigma` that is
 // the same in all three channels when `shared`, independent otherwise.
-sw::ColourImage test_image(uint32_t channels, double sigma, bool shared, unsigned seed = 7) {
-    sw::ColourImage im{kSide, kSide, channels, {}};
-    const size_t plane = size_t{kSide} * kSide;
+sw::ColourImage test_image(uint32_t channels, double sigma, bool shared, unsigned seed = 7,
+                           uint32_t side = kSide) {
+    sw::ColourImage im{side, side, channels, {}};
+    const size_t plane = size_t{side} * side;
     im.pixels.resize(plane * channels);
     std::mt19937 gen(seed);
     std::normal_distribution<double> n(0.0, sigma);
     for (size_t p = 0; p < plane; ++p) {
-        const double r = static_cast<double>(p % kSide), c = static_cast<double>(p / kSide);
+        const double r = static_cast<double>(p % side), c = static_cast<double>(p / side);
         const double common = n(gen);
         const double base[4] = {0.3 + 0.4 * (c > 20), 0.2 + 0.01 * r, 0.7 - 0.3 * (r + c > 40), 0.25 * (p % 5)};
         for (uint32_t k = 0; k < channels; ++k) {
@@ -157,6 +159,41 @@ TEST(Colour, GreyImageIsTheGreyCase) {
         sw::denoise_colour(same, sw::ColourNoise::correlated(sw::NoiseModel::white(1), {v, v, v, v, v, v, v, v, v}));
     for (uint32_t k = 0; k < 3; ++k) {
         for (size_t p = 0; p < plane; ++p) EXPECT_NEAR(out.pixels[p + k * plane], expected.pixels[p], 1e-9);
+    }
+}
+
+// Tiles of a colour image, grown by the halo and denoised as parts of the
+// whole (its channel ranges), give the whole image's bits: two tiles of
+// rows, the second starting at an odd row; noise correlated across the
+// channels, so the rotated channels' levels differ; the default preset.
+TEST(Colour, TilesGiveTheWholeImagesBits) {
+    const uint32_t side = 80;
+    const sw::ColourImage noisy = test_image(3, 0.05, false, 7, side);
+    const sw::ColourNoise noise =
+        sw::ColourNoise::correlated(sw::NoiseModel::white(1), {4e-3, 2e-3, 1e-3, 2e-3, 3e-3, 1e-3, 1e-3, 1e-3, 2e-3});
+    const sw::ColourImage whole = sw::denoise_colour(noisy, noise);
+    const uint32_t halo = sw::tile_halo("default"), split = 41;
+    const size_t plane = size_t{side} * side;
+    sw::ColourOptions colour;
+    colour.tile_ranges = sw::colour_ranges(noisy, noise, colour);
+    for (const auto [r0, r1] : {std::array<uint32_t, 2>{0, split}, std::array<uint32_t, 2>{split, side}}) {
+        const uint32_t t0 = r0 > halo ? r0 - halo : 0, t1 = std::min(side, r1 + halo);
+        sw::ColourImage tile{t1 - t0, side, 3, {}};
+        for (size_t p = 0; p < 3 * plane; ++p) {
+            if (p % side >= t0 && p % side < t1) tile.pixels.push_back(noisy.pixels[p]);
+        }
+        sw::DenoiseOptions options;
+        options.tile = {side, side, t0, 0, 0.0, 0.0};
+        const sw::ColourImage out = sw::denoise_colour(tile, noise, options, colour);
+        size_t differ = 0;
+        for (size_t p = 0; p < 3 * plane; ++p) {
+            const uint32_t r = static_cast<uint32_t>(p % side);
+            if (r >= r0 && r < r1) {
+                const size_t q = (r - t0) + (p / side) * size_t{t1 - t0};
+                differ += std::memcmp(&out.pixels[q], &whole.pixels[p], sizeof(double)) != 0;
+            }
+        }
+        EXPECT_EQ(differ, 0u) << "tile from row " << r0;
     }
 }
 

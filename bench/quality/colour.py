@@ -39,6 +39,11 @@ IMAGES = ("astronaut", "coffee", "chelsea")
 NOISES = ("white", "gauss1", "hline9")
 LEVELS = (0.05, 0.1)
 CORRELATED = np.array([[1.0, 0.6, 0.4], [0.6, 1.0, 0.6], [0.4, 0.6, 1.0]])
+# Only in --oracle: a colour-correction matrix of the usual kind (sensor to
+# display RGB) applied to independent noise, whose channels then correlate
+# negatively (-0.49 to +0.04).
+_CCM = np.array([[1.6, -0.5, -0.1], [-0.2, 1.5, -0.3], [0.0, -0.5, 1.5]])
+CORRECTED = (_CCM @ _CCM.T) / np.sqrt(np.outer(np.diag(_CCM @ _CCM.T), np.diag(_CCM @ _CCM.T)))
 SIDE = int(os.environ.get("COLOUR_SIDE", "128"))
 SEED = 20261124
 
@@ -55,7 +60,7 @@ def make_case(image, noise, corr, level):
     shape = clean.shape[:2]
     rng = cases.case_rng(SEED, image, f"{noise}/{corr}", level)
     unit = np.stack([cases.make_noise(noise, shape, 1.0, rng) for _ in range(3)], axis=2)
-    r = CORRELATED if corr == "correlated" else np.eye(3)
+    r = {"correlated": CORRELATED, "corrected": CORRECTED}.get(corr, np.eye(3))
     mixed = unit @ np.linalg.cholesky(r).T  # channel covariance r
     psd = cases.noise_psd(noise, shape, 1.0)
     return clean, clean + level * mixed, psd, level * level * r
@@ -130,18 +135,79 @@ def ours(sw, noisy, psd, cov, corr, mode):
     return out, time.process_time() - start
 
 
+OPPONENT = np.array([[1, 1, 1], [1, 0, -1], [1, -2, 1]]) / np.sqrt([[3], [2], [6]])
+
+
+def oracle():
+    """The ceiling of filtering three channels apart, and the room left for
+    a filter that treats each colour vector as one: 8 x 8 DCT blocks (four
+    shifted grids averaged), each coefficient shrunk by the Wiener factor
+    of the CLEAN coefficient. White noise, the six cases per channel model.
+    rgb: R, G and B apart; opponent: the rotated channels apart (the
+    colour mode's basis); whitened: the opponent rotation after whitening
+    the noise by C^(-1/2); joint: each coefficient's colour vector at once,
+    x x^T (x x^T + C)^-1 y."""
+    from scipy.fft import dctn, idctn
+    b = 8
+
+    def blockwise(y, shrink):
+        acc, count = np.zeros_like(y), np.zeros(y.shape[:2] + (1,))
+        for dr, dc in ((0, 0), (4, 4), (0, 4), (4, 0)):
+            for r in range(dr, y.shape[0] - b + 1, b):
+                for c in range(dc, y.shape[1] - b + 1, b):
+                    win = (slice(r, r + b), slice(c, c + b))
+                    acc[win] += idctn(shrink(dctn(y[win], axes=(0, 1), norm="ortho"), win),
+                                      axes=(0, 1), norm="ortho")
+                    count[win] += 1
+        return acc / np.maximum(count, 1)
+
+    print("| channel noise | rgb | opponent | whitened | joint | opponent - rgb | joint - rgb |")
+    print("|---|---|---|---|---|---|---|")
+    for corr in ("independent", "correlated", "corrected"):
+        res = []
+        for image in IMAGES:
+            for level in LEVELS:
+                clean, noisy, _, cov = make_case(image, "white", corr, level)
+                coef = lambda win: dctn(clean[win], axes=(0, 1), norm="ortho")  # noqa: E731
+
+                def apart(a):
+                    d, inv = np.diag(a @ cov @ a.T), np.linalg.inv(a)
+                    return lambda y, win: ((coef(win) @ a.T) ** 2 / ((coef(win) @ a.T) ** 2 + d)
+                                           * (y @ a.T)) @ inv.T
+                w, v = np.linalg.eigh(cov)
+                whitened = OPPONENT @ v @ np.diag(w ** -0.5) @ v.T
+                icov = np.linalg.inv(cov)
+
+                def joint(y, win):
+                    x = coef(win)
+                    q = np.einsum("...i,ij,...j->...", x, icov, y)
+                    p = np.einsum("...i,ij,...j->...", x, icov, x)
+                    return x * (q / (1 + p))[..., None]
+                res.append([psnr(clean, blockwise(noisy, f)) for f in
+                            (apart(np.eye(3)), apart(OPPONENT), apart(whitened), joint)])
+        m = np.mean(res, axis=0)
+        print(f"| {corr} | " + " | ".join(f"{x:.2f}" for x in m) +
+              f" | {m[1] - m[0]:+.2f} | {m[3] - m[0]:+.2f} |", flush=True)
+
+
 def main(argv=None):
     ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     ap.add_argument("--python", default="build/python", help="folder holding the shapewiener package")
     ap.add_argument("--images", default=",".join(IMAGES))
     ap.add_argument("--out", default=HERE)
+    ap.add_argument("--channels", default="independent,correlated",
+                    help="channel noise models (comma-separated); also: corrected (see CORRECTED)")
     ap.add_argument("--modes", help="run only these of ours (comma-separated), e.g. "
                                     "blind,perchannel_blind")
     ap.add_argument("--merge", nargs="+", metavar="CSV",
                     help="merge these COLOUR.csv files (runs over parts of --images) into "
                          "--out's and print the summary; nothing is run")
     ap.add_argument("--figure", help="write noisy | ours | per-channel | best peer to this PNG")
+    ap.add_argument("--oracle", action="store_true",
+                    help="print the clean-coefficient Wiener ceilings (see oracle()); nothing else")
     a = ap.parse_args(argv)
+    if a.oracle:
+        return oracle()
     if a.merge:
         rows = []
         for path in a.merge:
@@ -165,7 +231,7 @@ def main(argv=None):
     rows = []
     for image in a.images.split(","):
         for noise in NOISES:
-            for corr in ("independent", "correlated"):
+            for corr in a.channels.split(","):
                 for level in LEVELS:
                     name = f"{image}/{noise}/{corr}/{level:g}"
                     clean, noisy, psd, cov = make_case(image, noise, corr, level)
@@ -185,7 +251,7 @@ def main(argv=None):
                         row[method] = float(got["psnr"])
                         row[method + "_ssim"] = float(got["ssim"])
                     modes = ("colour", "perchannel", "blind", "perchannel_blind") + (
-                        ("noisebasis",) if corr == "correlated" else ())
+                        ("noisebasis",) if corr != "independent" else ())
                     for mode in (m for m in modes if not a.modes or m in a.modes.split(",")):
                         out, seconds = ours(sw, noisy, psd, cov, corr, mode)
                         row[mode] = psnr(clean, out)

@@ -110,12 +110,14 @@ struct ColourNoiseEstimate {
 // Estimates the noise of a colour image (at least 16 x 16 pixels; a fourth
 // channel is ignored). The channels are rotated as denoise_colour rotates
 // them (luminance and two opponent differences) and each rotated channel's
-// spectrum estimated (estimate_noise). The shape is read from the two
-// colour-difference channels, where the image has the least structure; each
+// spectrum estimated (estimate_noise). The shape is read from all three:
+// at each frequency, the mean of their spectra (each divided by its level)
+// that lie near the smallest, since structure mistaken for noise (the
+// luminance's detail, a colourful image's colour detail) raises some
+// channels at some frequencies, while the noise has one shape in all. Each
 // rotated channel's variance is the median, over the frequencies, of its
-// spectrum's ratio to that shape (texture mistaken for noise raises some
-// frequencies, not all), and each pair's covariance is read the same way
-// from the spectrum of the pair's sum. Same image, same bits, whatever
+// spectrum's ratio to that shape, and each pair's covariance is read the
+// same way from the spectrum of the pair's sum. Same image, same bits, whatever
 // options.threads.
 // Progress phase: "noise estimate". Throws as estimate_noise and, for a bad
 // image, as denoise_colour.

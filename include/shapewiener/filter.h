@@ -146,6 +146,10 @@ struct FilterCall {
     // s; the other entries are skipped as the coverage test skips them.
     // Pixels no processed shape covers get NaN. 1: every entry.
     uint32_t entry_step = 1;
+    // With entry_step s > 1: process the entries whose pixel's row plus
+    // column in the frame is a multiple of s instead (diagonal lines; s = 2
+    // is a checkerboard, half the entries).
+    bool entry_diagonal = false;
     // Not an argument of the module: the shape transforms keep each running
     // sum in double and round it to float once, where the module rounds
     // every step. Results equal the module's up to rounding, not bit for

@@ -83,7 +83,7 @@ private:
     friend Error execute_sparse(Plan& plan, uint32_t entry_step, double* noisy_image,
                                 double* pilot_image, double wiener_variance_factor,
                                 const FilterCall::Frame& frame, double* output,
-                                const RunOptions& options);
+                                const RunOptions& options, bool diagonal);
 };
 
 // Checks `call` as check() does and plans it. The plan refers to the call's
@@ -115,9 +115,11 @@ Error execute(Plan& plan, double* noisy_image, double* pilot_image, double wiene
 // a sparse first pass computes the levels of the keys it meets, and the
 // full passes after it compute only the rest; every level has the bits a
 // computing pass gives it. Other plans: the pass computes its own levels.
+// `diagonal`: FilterCall::entry_diagonal (the entries on diagonal lines).
 Error execute_sparse(Plan& plan, uint32_t entry_step, double* noisy_image, double* pilot_image,
                      double wiener_variance_factor, const FilterCall::Frame& frame,
-                     double* output, const RunOptions& options = RunOptions());
+                     double* output, const RunOptions& options = RunOptions(),
+                     bool diagonal = false);
 
 }  // namespace sw
 

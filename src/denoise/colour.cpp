@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <new>
 #include <string>
 #include <utility>
@@ -159,6 +160,12 @@ void check_colour_image(const sw::ColourImage& image) {
                                            std::to_string(image.cols) + " x " +
                                            std::to_string(image.channels) + ".");
     }
+}
+
+double mean_of(const std::vector<double>& v) {
+    double sum = 0.0;
+    for (double x : v) sum += x;
+    return sum / static_cast<double>(v.size());
 }
 
 // A spatial model scaled to per-pixel variance `variance`.
@@ -338,36 +345,59 @@ ColourNoiseEstimate estimate_colour_noise(const ColourImage& image,
         }
         psd[k] = std::move(e.psd);
     }
-    // The shape: the colour differences' spectra together (the luminance's
-    // when they hold nothing), scaled to mean 1.
+    // The shape. A first guess: the colour differences' spectra together
+    // (the luminance's when they hold nothing). Then, kShapeRounds times,
+    // each rotated channel's spectrum is divided by its level (the median
+    // of its ratio to the guess), and the shape at each frequency is the
+    // mean of those within kShapeSpread of their smallest: the noise has
+    // one shape in every channel, while structure (the luminance's detail,
+    // or the colour detail of a colourful image) raises some channels'
+    // spectra at some frequencies.
     std::vector<double> shape(plane);
-    double total = 0.0;
-    for (size_t f = 0; f < plane; ++f) {
-        shape[f] = psd[1][f] + psd[2][f];
-        total += shape[f];
+    for (size_t f = 0; f < plane; ++f) shape[f] = psd[1][f] + psd[2][f];
+    if (!(mean_of(shape) > 0.0)) shape = psd[0];
+    std::vector<double> ratio;
+    ratio.reserve(plane);
+    const auto median_ratio = [&](const std::vector<double>& spectrum) {
+        ratio.clear();
+        for (size_t f = 0; f < plane; ++f) {
+            if (shape[f] > 0.0) ratio.push_back(spectrum[f] / shape[f]);
+        }
+        const size_t at = (ratio.size() - 1) / 2;
+        std::nth_element(ratio.begin(), ratio.begin() + static_cast<std::ptrdiff_t>(at), ratio.end());
+        return ratio[at];
+    };
+    constexpr int kShapeRounds = 3;
+    constexpr double kShapeSpread = 3.0;
+    for (int round = 0; round < kShapeRounds && mean_of(shape) > 0.0; ++round) {
+        std::array<double, kColours> level{};
+        for (uint32_t k = 0; k < kColours; ++k) level[k] = median_ratio(psd[k]);
+        if (!(std::max({level[0], level[1], level[2]}) > 0.0)) break;
+        for (size_t f = 0; f < plane; ++f) {
+            std::array<double, kColours> v{};
+            double smallest = std::numeric_limits<double>::infinity();
+            for (uint32_t k = 0; k < kColours; ++k) {
+                v[k] = level[k] > 0.0 ? psd[k][f] / level[k] : -1.0;  // -1: no noise to read
+                if (v[k] >= 0.0) smallest = std::min(smallest, v[k]);
+            }
+            double sum = 0.0;
+            int count = 0;
+            for (uint32_t k = 0; k < kColours; ++k) {
+                if (v[k] >= 0.0 && v[k] <= kShapeSpread * smallest) {
+                    sum += v[k];
+                    ++count;
+                }
+            }
+            shape[f] = sum / count;
+        }
     }
-    if (!(total > 0.0)) {
-        shape = psd[0];
-        total = 0.0;
-        for (double v : shape) total += v;
-    }
+    const double total = mean_of(shape);
     // Each image's variance: the median of its spectrum's ratio to the
     // shape, over the frequencies the shape holds.
     std::array<double, kImages> variance{};
     if (total > 0.0) {
-        const double mean = total / static_cast<double>(plane);
-        for (double& v : shape) v /= mean;
-        std::vector<double> ratio;
-        ratio.reserve(plane);
-        for (uint32_t k = 0; k < kImages; ++k) {
-            ratio.clear();
-            for (size_t f = 0; f < plane; ++f) {
-                if (shape[f] > 0.0) ratio.push_back(psd[k][f] / shape[f]);
-            }
-            const size_t at = (ratio.size() - 1) / 2;
-            std::nth_element(ratio.begin(), ratio.begin() + static_cast<std::ptrdiff_t>(at), ratio.end());
-            variance[k] = ratio[at];
-        }
+        for (double& v : shape) v /= total;
+        for (uint32_t k = 0; k < kImages; ++k) variance[k] = median_ratio(psd[k]);
     }
     // The rotated channels' covariance b: its off-diagonal part scaled down
     // as far as needed to keep it positive semi-definite (the diagonal, what
@@ -552,10 +582,13 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
             }
             // The colour differences (rows 1 and 2 of the rotation) carry
             // little detail: their second pass, too, runs on the sparse
-            // lattice (bench/RESULTS.md: -0.005 dB on the colour benchmark,
-            // their passes 0.75 of their time).
+            // lattice, and their last on the checkerboard
+            // (bench/RESULTS.md).
             Settings channel_settings = settings;
-            if (colour.joint && k > 0) channel_settings.sparse_passes = 2;
+            if (colour.joint && k > 0) {
+                channel_settings.sparse_passes = 2;
+                channel_settings.checkerboard_last = true;
+            }
             const Image estimate = run_pipeline(channel, models[k], channel_settings, options.threads,
                                                 part, &one, frame,
                                                 colour.joint ? &shared : nullptr);

@@ -12,6 +12,7 @@
 #include "denoise/fail.h"
 #include "denoise/module.h"
 #include "denoise/pipeline.h"
+#include "driver/filter.h"
 #include "driver/parallel.h"
 #include "shapewiener/units.h"
 
@@ -190,12 +191,12 @@ struct PassCount {
     uint64_t key_changes = 0;
 };
 PassCount sparse_pass_count(const swcaller::ProcessingList& list, uint32_t rows, uint32_t row0,
-                            uint32_t col0, uint32_t step) {
+                            uint32_t col0, uint32_t step, bool diagonal = false) {
     PassCount n;
     int32_t previous = 0;
     for (size_t i = 0; i < list.pixels.size(); ++i) {
         const uint32_t q = static_cast<uint32_t>(list.pixels[i]) - 1;
-        if ((q % rows + row0) % step != 0 || (q / rows + col0) % step != 0) continue;
+        if (!sw::on_entry_lattice(q % rows + row0, q / rows + col0, step, diagonal)) continue;
         n.key_changes += n.entries == 0 || list.keys[i] != previous;
         previous = list.keys[i];
         ++n.entries;
@@ -356,6 +357,7 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     // full passes (the list has one key per distinct shape).
     const bool sparse_pilot = settings.passes > 1 && settings.pilot_step > 1;
     const int sparse_passes = sparse_pilot ? std::min(settings.sparse_passes, settings.passes - 1) : 0;
+    const bool checkerboard = settings.checkerboard_last && settings.passes > 1;
     const double share = 0.9 / settings.passes;
     // How far outside the data's range an estimate may come and still be
     // taken as an estimate (see settle): 4 noise deviations, at most 0.05 of
@@ -375,7 +377,10 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
                  [&](double fraction) {
                      return !progress || progress(begin + share * fraction, phase);
                  },
-                 pass < sparse_passes ? settings.pilot_step : 1);
+                 pass < sparse_passes ? settings.pilot_step
+                 : checkerboard && pass == settings.passes - 1 ? 2
+                                                               : 1,
+                 checkerboard && pass == settings.passes - 1);
         at = begin + share;
         stage = phase;
         const uint32_t h = settings.adaptive ? settings.rule.lengths.back() : settings.square_scale;
@@ -390,6 +395,11 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
             sparse_pass_count(shapes.list, rows, frame.row0, frame.col0, settings.pilot_step);
         done.accepted_entries -= (uint64_t{rows} * cols - first.entries) * sparse_passes;
         done.key_changes -= (shapes.list.key_changes - first.key_changes) * sparse_passes;
+    }
+    if (checkerboard) {
+        const PassCount last = sparse_pass_count(shapes.list, rows, frame.row0, frame.col0, 2, true);
+        done.accepted_entries -= uint64_t{rows} * cols - last.entries;
+        done.key_changes -= shapes.list.key_changes - last.key_changes;
     }
 
     sw::Image out;

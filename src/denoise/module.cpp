@@ -82,10 +82,10 @@ sw::Plan plan_passes(const sw::FilterCall& call, int passes, sw::LevelScope scop
 
 void run_pass(sw::Plan& plan, double* noisy, double* pilot, double wiener_variance_factor,
               const sw::FilterCall::Frame& frame, double* output, unsigned threads,
-              const std::function<bool(double)>& progress, uint32_t entry_step) {
+              const std::function<bool(double)>& progress, uint32_t entry_step, bool diagonal) {
     raise_if(entry_step > 1 ? sw::execute_sparse(plan, entry_step, noisy, pilot,
                                                  wiener_variance_factor, frame, output,
-                                                 run_options(threads, progress))
+                                                 run_options(threads, progress), diagonal)
                             : sw::execute(plan, noisy, pilot, wiener_variance_factor, frame,
                                           output, run_options(threads, progress)));
 }

@@ -46,10 +46,12 @@ void run_module(const sw::FilterCall& call, double* output, unsigned threads,
 sw::Plan plan_passes(const sw::FilterCall& call, int passes,
                      sw::LevelScope scope = sw::LevelScope::kThisImage);
 // `entry_step` > 1: a sparse pass (sw::execute_sparse; the plan's list has
-// one key per distinct shape), sharing the levels with the full passes.
+// one key per distinct shape), sharing the levels with the full passes;
+// `diagonal`: its entries on diagonal lines (FilterCall::entry_diagonal).
 void run_pass(sw::Plan& plan, double* noisy, double* pilot, double wiener_variance_factor,
               const sw::FilterCall::Frame& frame, double* output, unsigned threads,
-              const std::function<bool(double)>& progress, uint32_t entry_step = 1);
+              const std::function<bool(double)>& progress, uint32_t entry_step = 1,
+              bool diagonal = false);
 
 }  // namespace swdenoise
 

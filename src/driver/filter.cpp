@@ -78,7 +78,7 @@ Error serial_filter(const FilterCall& call, double* output, const RunOptions& op
         }
         const uint32_t q = static_cast<uint32_t>(processing_pixels[i]) - 1;
         if (cs.coverage_count[q] > coverage_threshold) continue;
-        if (step > 1 && ((q % m + row0) % step != 0 || (q / m + col0) % step != 0)) continue;
+        if (!on_entry_lattice(q % m + row0, q / m + col0, step, call.entry_diagonal)) continue;
 
         SW_PHASE_MARK(kPhaseShape);
         const int32_t key = processing_keys[i];

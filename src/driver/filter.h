@@ -8,6 +8,14 @@
 
 namespace sw {
 
+// Whether the entry of the pixel at (row, col) of the frame is on the
+// lattice a pass with FilterCall::entry_step `step` and entry_diagonal
+// `diagonal` processes.
+inline bool on_entry_lattice(uint32_t row, uint32_t col, uint32_t step, bool diagonal) {
+    if (step <= 1) return true;
+    return diagonal ? (uint64_t{row} + col) % step == 0 : row % step == 0 && col % step == 0;
+}
+
 // An Error with the given code, identifier and message.
 Error call_error(ErrorCode code, const char* identifier, const char* message);
 

@@ -263,7 +263,7 @@ private:
             if (skipping_ && cs.coverage_count[q] > threshold_) continue;
             const uint32_t col = q / m_;
             const uint32_t row = q - col * m_;
-            if (step_ > 1 && ((row + row0_) % step_ != 0 || (col + col0_) % step_ != 0)) continue;
+            if (!on_entry_lattice(row + row0_, col + col0_, step_, call_.entry_diagonal)) continue;
             const ClippedBox clip = clipped_box(row, col, m_, k_, box_.H());
             const uint64_t area = uint64_t{clip.r1 - clip.r0 + 1} * (clip.c1 - clip.c0 + 1);
             const int32_t key = keys[list_at_];

@@ -79,7 +79,7 @@ std::vector<uint32_t> sparse_key_slots(const FilterCall& call, const FilterCall:
     int32_t previous = 0;
     for (uint64_t i = 0; i < count; ++i) {
         const uint32_t q = static_cast<uint32_t>(pixels[i]) - 1;
-        if ((q % m + row0) % step != 0 || (q / m + col0) % step != 0) continue;
+        if (!on_entry_lattice(q % m + row0, q / m + col0, step, call.entry_diagonal)) continue;
         if (slots.empty() || keys[i] != previous) slots.push_back(static_cast<uint32_t>(keys[i] - 1));
         previous = keys[i];
     }
@@ -182,8 +182,8 @@ Error make_plan(const FilterCall& call, Plan* plan, bool keep_levels, LevelRule 
 
 namespace {
 
-Error execute_pass(Plan::State& s, uint32_t entry_step, bool by_shape, double* noisy_image,
-                   double* pilot_image, double wiener_variance_factor,
+Error execute_pass(Plan::State& s, uint32_t entry_step, bool diagonal, bool by_shape,
+                   double* noisy_image, double* pilot_image, double wiener_variance_factor,
                    const FilterCall::Frame& frame, double* output, const RunOptions& options) {
     FilterCall call = s.call;
     call.noisy_image = noisy_image;
@@ -191,6 +191,7 @@ Error execute_pass(Plan::State& s, uint32_t entry_step, bool by_shape, double* n
     call.wiener_variance_factor = wiener_variance_factor;
     call.frame = frame;
     if (entry_step > 0) call.entry_step = entry_step;
+    call.entry_diagonal = diagonal && call.entry_step > 1;
     LevelStore* store = s.store.flat ? &s.store : nullptr;
     if (s.keep_levels && (s.store.any_image || s.store.shape_levels)) {
         // Levels that do not depend on the noisy image.
@@ -220,7 +221,8 @@ Error execute_pass(Plan::State& s, uint32_t entry_step, bool by_shape, double* n
     // changes differently: it maps them to the list's keys where the keys
     // are numbered shapes, and else keeps off the store.
     s.store.slot_of_change.clear();
-    if (store == &s.store && !s.store.flat && call.entry_step != s.call.entry_step) {
+    if (store == &s.store && !s.store.flat &&
+        (call.entry_step != s.call.entry_step || call.entry_diagonal != s.call.entry_diagonal)) {
         if (!by_shape || !s.numbered_keys || s.call.entry_step > 1) {
             store = nullptr;
         } else if (call.entry_step > 1) {
@@ -241,14 +243,14 @@ Error execute_pass(Plan::State& s, uint32_t entry_step, bool by_shape, double* n
 
 Error execute(Plan& plan, double* noisy_image, double* pilot_image, double wiener_variance_factor,
               const FilterCall::Frame& frame, double* output, const RunOptions& options) {
-    return execute_pass(*plan.state_, 0, false, noisy_image, pilot_image, wiener_variance_factor,
-                        frame, output, options);
+    return execute_pass(*plan.state_, 0, false, false, noisy_image, pilot_image,
+                        wiener_variance_factor, frame, output, options);
 }
 
 Error execute_sparse(Plan& plan, uint32_t entry_step, double* noisy_image, double* pilot_image,
                      double wiener_variance_factor, const FilterCall::Frame& frame,
-                     double* output, const RunOptions& options) {
-    return execute_pass(*plan.state_, entry_step == 0 ? 1 : entry_step, true, noisy_image,
+                     double* output, const RunOptions& options, bool diagonal) {
+    return execute_pass(*plan.state_, entry_step == 0 ? 1 : entry_step, diagonal, true, noisy_image,
                         pilot_image, wiener_variance_factor, frame, output, options);
 }
 
