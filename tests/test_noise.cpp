@@ -137,23 +137,26 @@ TEST(EstimateNoise, KnownSpectra) {
 
 // An 8-bit image (values k / 255): noise within a couple of grey levels
 // reads as none, and blind denoising leaves the image as it is; stronger
-// noise is read as usual.
+// noise is read as usual, also where a third of the image is black and its
+// noise cut off at 0 (those flat blocks hold less noise than the noise has).
 TEST(EstimateNoise, QuantisedImageWithoutNoise) {
     const struct {
         const char* name;
         double sigma;  // grey levels, before rounding
         bool none;
+        double shift;  // taken off the image before rounding and clipping
     } table[] = {
-        {"no noise", 0.0, true},
-        {"one level", 1.0, true},
-        {"four levels", 4.0, false},
+        {"no noise", 0.0, true, 0.0},
+        {"one level", 1.0, true, 0.0},
+        {"four levels", 4.0, false, 0.0},
+        {"twelve levels, clipped at black", 12.0, false, 0.38},
     };
     const std::vector<double> img = scene();
     const std::vector<double> w = noise(spectrum(white, 1.0), 11);
     for (const auto& c : table) {
         SCOPED_TRACE(c.name);
         sw::Image z{kSize, kSize, std::vector<double>(img.size())};
-        for (size_t i = 0; i < img.size(); ++i) z.pixels[i] = std::nearbyint(255.0 * img[i] + c.sigma * w[i]) / 255.0;
+        for (size_t i = 0; i < img.size(); ++i) z.pixels[i] = std::max(0.0, std::nearbyint(255.0 * (img[i] - c.shift) + c.sigma * w[i])) / 255.0;
         const sw::NoiseEstimate e = sw::estimate_noise(z);
         if (c.none) {
             EXPECT_EQ(e.sigma, 0.0);

@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "denoise/clipped.h"
 #include "denoise/fail.h"
 #include "denoise/noise.h"
 #include "denoise/peaks.h"
@@ -329,6 +330,8 @@ ColourNoiseEstimate estimate_colour_noise(const ColourImage& image,
     out.usable_fraction = 1.0;
     out.white = true;
     Image sum{rows, cols, std::vector<double>(plane)};
+    // Where any of R, G, B is clipped, every rotated channel's noise is cut.
+    const std::vector<char> clipped = clipped_pixels(image.pixels.data(), plane, kColours);
     for (uint32_t k = 0; k < kImages; ++k) {
         if (k >= kColours) {
             const Image& x = channels[kPairs[k - 3][0]];
@@ -338,7 +341,7 @@ ColourNoiseEstimate estimate_colour_noise(const ColourImage& image,
         const Progress part = [&](double fraction, const char* phase) {
             return !progress || progress((k + fraction) / kImages, phase);
         };
-        NoiseEstimate e = estimate_noise(k < kColours ? channels[k] : sum, options, part);
+        NoiseEstimate e = estimate_noise_unclipped(k < kColours ? channels[k] : sum, options, part, clipped);
         if (k < kColours) {
             out.usable_fraction = std::min(out.usable_fraction, e.usable_fraction);
             out.white = out.white && e.white;

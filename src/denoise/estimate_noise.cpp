@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
+#include <limits>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "denoise/clipped.h"
 #include "denoise/fail.h"
 #include "denoise/fft.h"
 #include "denoise/quantised.h"
@@ -546,9 +548,10 @@ void flatten_pattern_peaks(const std::vector<double>& periodograms, const std::v
 }  // namespace swdenoise
 
 namespace sw {
+namespace {
 
-NoiseEstimate estimate_noise(const Image& image, const NoiseEstimateOptions& options,
-                             const Progress& progress) {
+NoiseEstimate estimate(const Image& image, const NoiseEstimateOptions& options, const Progress& progress,
+                       const std::vector<char>& clipped) {
     using swdenoise::fail;
     swdenoise::check_image(image, 16, "estimating the noise");
     const auto report = [&](double fraction) {
@@ -674,13 +677,39 @@ NoiseEstimate estimate_noise(const Image& image, const NoiseEstimateOptions& opt
             statistic[i] = logs.empty() ? 0.0 : swdenoise::order_statistic(logs, logs.size() / 2);
         }
     }
+    // Blocks over 1/32 clipped are left out of the choice while enough
+    // others remain: their noise is cut off, so they look flattest.
+    size_t unclipped = n_blocks;
+    std::vector<char> left_out(n_blocks, 0);
+    if (!clipped.empty()) {
+        for (size_t i = 0; i < n_blocks; ++i) {
+            const uint32_t top = r0[i % r0.size()];
+            const uint32_t left = c0[i / r0.size()];
+            size_t count = 0;
+            for (uint32_t x = 0; x < b; ++x) {
+                const char* column = clipped.data() + static_cast<size_t>(left + x) * rows + top;
+                for (uint32_t y = 0; y < b; ++y) count += column[y] != 0;
+            }
+            if (count * 32 > bins) {
+                left_out[i] = 1;
+                --unclipped;
+            }
+        }
+        if (unclipped >= swdenoise::kMinChosen) {
+            for (size_t i = 0; i < n_blocks; ++i) {
+                if (left_out[i]) statistic[i] = std::numeric_limits<double>::infinity();
+            }
+        } else {
+            unclipped = n_blocks;
+        }
+    }
     std::vector<size_t> order(n_blocks);
     for (size_t i = 0; i < n_blocks; ++i) order[i] = i;
     std::sort(order.begin(), order.end(), [&](size_t a, size_t c) {
         return statistic[a] < statistic[c] || (statistic[a] == statistic[c] && a < c);
     });
     const size_t chosen = std::min(
-        n_blocks, std::max(swdenoise::kMinChosen, static_cast<size_t>(std::lround(swdenoise::kChosenShare * static_cast<double>(n_blocks)))));
+        unclipped, std::max(swdenoise::kMinChosen, static_cast<size_t>(std::lround(swdenoise::kChosenShare * static_cast<double>(n_blocks)))));
     std::vector<size_t> picked(order.begin(), order.begin() + static_cast<std::ptrdiff_t>(chosen));
     std::sort(picked.begin(), picked.end());
 
@@ -762,4 +791,39 @@ NoiseEstimate estimate_noise(const Image& image, const NoiseEstimateOptions& opt
     return result;
 }
 
+}  // namespace
+
+NoiseEstimate estimate_noise(const Image& image, const NoiseEstimateOptions& options,
+                             const Progress& progress) {
+    return estimate(image, options, progress, swdenoise::clipped_pixels(image.pixels.data(), image.pixels.size(), 1));
+}
+
 }  // namespace sw
+
+namespace swdenoise {
+
+std::vector<char> clipped_pixels(const double* values, size_t count, size_t planes) {
+    std::vector<char> marks(count, 0);
+    bool any = false;
+    for (size_t k = 0; k < planes && count > 0; ++k) {
+        const double* v = values + k * count;
+        const auto [lo, hi] = std::minmax_element(v, v + count);
+        for (const double extreme : {*lo, *hi}) {
+            const size_t held = static_cast<size_t>(std::count(v, v + count, extreme));
+            if (static_cast<double>(held) < kClippedShare * static_cast<double>(count)) continue;
+            for (size_t p = 0; p < count; ++p) {
+                if (v[p] == extreme) marks[p] = 1;
+            }
+            any = true;
+        }
+    }
+    if (!any) marks.clear();
+    return marks;
+}
+
+sw::NoiseEstimate estimate_noise_unclipped(const sw::Image& image, const sw::NoiseEstimateOptions& options,
+                                           const sw::Progress& progress, const std::vector<char>& clipped) {
+    return sw::estimate(image, options, progress, clipped);
+}
+
+}  // namespace swdenoise
