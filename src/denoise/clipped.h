@@ -21,9 +21,8 @@ const double kClippedShare = 0.005;
 std::vector<char> clipped_pixels(const double* values, size_t count, size_t planes);
 
 // estimate_noise with the blocks where over 1/32 of the pixels are marked
-// in `clipped` (count as the image's) left out of the choice of the
-// flattest blocks, as long as enough blocks remain; an empty `clipped`
-// leaves every block in.
+// in `clipped` (count as the image's) left out, as long as enough blocks
+// remain; an empty `clipped` leaves every block in.
 sw::NoiseEstimate estimate_noise_unclipped(const sw::Image& image, const sw::NoiseEstimateOptions& options,
                                            const sw::Progress& progress, const std::vector<char>& clipped);
 

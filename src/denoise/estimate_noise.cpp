@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
-#include <limits>
 #include <string>
 #include <thread>
 #include <vector>
@@ -590,8 +589,8 @@ NoiseEstimate estimate(const Image& image, const NoiseEstimateOptions& options, 
 
     const std::vector<uint32_t> r0 = swdenoise::block_starts(rows, b);
     const std::vector<uint32_t> c0 = swdenoise::block_starts(cols, b);
-    const size_t n_blocks = r0.size() * c0.size();
-    std::vector<double> periodograms(n_blocks * bins);
+    const size_t all_blocks = r0.size() * c0.size();
+    std::vector<double> periodograms(all_blocks * bins);
 
     // One block: its periodogram into its own slot, so any split of the
     // blocks among threads gives the same bits.
@@ -630,11 +629,11 @@ NoiseEstimate estimate(const Image& image, const NoiseEstimateOptions& options, 
     RunOptions run;
     run.threads = options.threads;
     const unsigned threads =
-        static_cast<unsigned>(std::min<size_t>(requested_threads(run), std::max<size_t>(1, n_blocks / 16)));
+        static_cast<unsigned>(std::min<size_t>(requested_threads(run), std::max<size_t>(1, all_blocks / 16)));
     const size_t rounds = 8;
     for (size_t round = 0; round < rounds; ++round) {
-        const size_t begin = n_blocks * round / rounds;
-        const size_t end = n_blocks * (round + 1) / rounds;
+        const size_t begin = all_blocks * round / rounds;
+        const size_t end = all_blocks * (round + 1) / rounds;
         const auto worker = [&](unsigned t) {
             std::vector<double> block(bins);
             for (size_t i = begin + (end - begin) * t / threads; i < begin + (end - begin) * (t + 1) / threads; ++i) {
@@ -646,6 +645,32 @@ NoiseEstimate estimate(const Image& image, const NoiseEstimateOptions& options, 
         worker(0);
         for (std::thread& th : pool) th.join();
         report(0.8 * static_cast<double>(round + 1) / rounds);
+    }
+
+    // Blocks over 1/32 clipped are left out of everything below while at
+    // least kMinChosen others remain: their noise is cut off, so they look
+    // flattest, and their many equal values are no Gaussian noise either.
+    size_t n_blocks = all_blocks;
+    if (!clipped.empty()) {
+        std::vector<size_t> kept;
+        for (size_t i = 0; i < all_blocks; ++i) {
+            const uint32_t top = r0[i % r0.size()];
+            const uint32_t left = c0[i / r0.size()];
+            size_t count = 0;
+            for (uint32_t x = 0; x < b; ++x) {
+                const char* column = clipped.data() + static_cast<size_t>(left + x) * rows + top;
+                for (uint32_t y = 0; y < b; ++y) count += column[y] != 0;
+            }
+            if (count * 32 <= bins) kept.push_back(i);
+        }
+        if (kept.size() >= swdenoise::kMinChosen && kept.size() < all_blocks) {
+            for (size_t j = 0; j < kept.size(); ++j) {
+                std::copy_n(periodograms.begin() + static_cast<std::ptrdiff_t>(kept[j] * bins), bins,
+                            periodograms.begin() + static_cast<std::ptrdiff_t>(j * bins));
+            }
+            n_blocks = kept.size();
+            periodograms.resize(n_blocks * bins);
+        }
     }
 
     // Per frequency, a low quantile over the blocks: the yardstick against
@@ -677,39 +702,13 @@ NoiseEstimate estimate(const Image& image, const NoiseEstimateOptions& options, 
             statistic[i] = logs.empty() ? 0.0 : swdenoise::order_statistic(logs, logs.size() / 2);
         }
     }
-    // Blocks over 1/32 clipped are left out of the choice while enough
-    // others remain: their noise is cut off, so they look flattest.
-    size_t unclipped = n_blocks;
-    std::vector<char> left_out(n_blocks, 0);
-    if (!clipped.empty()) {
-        for (size_t i = 0; i < n_blocks; ++i) {
-            const uint32_t top = r0[i % r0.size()];
-            const uint32_t left = c0[i / r0.size()];
-            size_t count = 0;
-            for (uint32_t x = 0; x < b; ++x) {
-                const char* column = clipped.data() + static_cast<size_t>(left + x) * rows + top;
-                for (uint32_t y = 0; y < b; ++y) count += column[y] != 0;
-            }
-            if (count * 32 > bins) {
-                left_out[i] = 1;
-                --unclipped;
-            }
-        }
-        if (unclipped >= swdenoise::kMinChosen) {
-            for (size_t i = 0; i < n_blocks; ++i) {
-                if (left_out[i]) statistic[i] = std::numeric_limits<double>::infinity();
-            }
-        } else {
-            unclipped = n_blocks;
-        }
-    }
     std::vector<size_t> order(n_blocks);
     for (size_t i = 0; i < n_blocks; ++i) order[i] = i;
     std::sort(order.begin(), order.end(), [&](size_t a, size_t c) {
         return statistic[a] < statistic[c] || (statistic[a] == statistic[c] && a < c);
     });
     const size_t chosen = std::min(
-        unclipped, std::max(swdenoise::kMinChosen, static_cast<size_t>(std::lround(swdenoise::kChosenShare * static_cast<double>(n_blocks)))));
+        n_blocks, std::max(swdenoise::kMinChosen, static_cast<size_t>(std::lround(swdenoise::kChosenShare * static_cast<double>(n_blocks)))));
     std::vector<size_t> picked(order.begin(), order.begin() + static_cast<std::ptrdiff_t>(chosen));
     std::sort(picked.begin(), picked.end());
 
@@ -737,7 +736,7 @@ NoiseEstimate estimate(const Image& image, const NoiseEstimateOptions& options, 
     result.rows = rows;
     result.cols = cols;
     result.block = b;
-    result.usable_fraction = static_cast<double>(usable.size()) / static_cast<double>(n_blocks);
+    result.usable_fraction = static_cast<double>(usable.size()) / static_cast<double>(all_blocks);
 
     // White: the spectrum, smoothed over 5 x 5 neighbouring frequencies,
     // stays within a factor 2 everywhere away from DC.
