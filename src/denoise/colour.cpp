@@ -330,6 +330,7 @@ ColourNoiseEstimate estimate_colour_noise(const ColourImage& image,
     out.usable_fraction = 1.0;
     out.white = true;
     Image sum{rows, cols, std::vector<double>(plane)};
+    bool differences_white = true;
     // Where any of R, G, B is clipped, every rotated channel's noise is cut.
     const std::vector<char> clipped = clipped_pixels(image.pixels.data(), plane, kColours);
     for (uint32_t k = 0; k < kImages; ++k) {
@@ -345,6 +346,7 @@ ColourNoiseEstimate estimate_colour_noise(const ColourImage& image,
         if (k < kColours) {
             out.usable_fraction = std::min(out.usable_fraction, e.usable_fraction);
             out.white = out.white && e.white;
+            if (k > 0) differences_white = differences_white && e.white;
         }
         psd[k] = std::move(e.psd);
     }
@@ -370,9 +372,15 @@ ColourNoiseEstimate estimate_colour_noise(const ColourImage& image,
         std::nth_element(ratio.begin(), ratio.begin() + static_cast<std::ptrdiff_t>(at), ratio.end());
         return ratio[at];
     };
+    // Both colour differences white: the noise is white (they hold the
+    // least structure; the luminance's detail would only bend the shape).
+    if (differences_white && mean_of(shape) > 0.0) {
+        std::fill(shape.begin(), shape.end(), 1.0);
+        out.white = true;
+    }
     constexpr int kShapeRounds = 3;
     constexpr double kShapeSpread = 3.0;
-    for (int round = 0; round < kShapeRounds && mean_of(shape) > 0.0; ++round) {
+    for (int round = 0; round < kShapeRounds && !out.white && mean_of(shape) > 0.0; ++round) {
         std::array<double, kColours> level{};
         for (uint32_t k = 0; k < kColours; ++k) level[k] = median_ratio(psd[k]);
         if (!(std::max({level[0], level[1], level[2]}) > 0.0)) break;
