@@ -35,14 +35,7 @@
 namespace sw {
 namespace transform_scalar {
 #define SHAPEWIENER_DOUBLE_LANES 1
-#define SHAPEWIENER_ROUND_STEPS 1
-#include "transform/transform_lanes.h"
-#undef SHAPEWIENER_ROUND_STEPS
-namespace unrounded {
-#define SHAPEWIENER_ROUND_STEPS 0
-#include "transform/transform_lanes.h"
-#undef SHAPEWIENER_ROUND_STEPS
-}  // namespace unrounded
+#include "transform/transform_lanes_both.h"
 #undef SHAPEWIENER_DOUBLE_LANES
 }  // namespace transform_scalar
 }  // namespace sw
@@ -52,14 +45,7 @@ namespace unrounded {
 namespace sw {
 namespace transform_sse2 {
 #define SHAPEWIENER_DOUBLE_LANES 2
-#define SHAPEWIENER_ROUND_STEPS 1
-#include "transform/transform_lanes.h"
-#undef SHAPEWIENER_ROUND_STEPS
-namespace unrounded {
-#define SHAPEWIENER_ROUND_STEPS 0
-#include "transform/transform_lanes.h"
-#undef SHAPEWIENER_ROUND_STEPS
-}  // namespace unrounded
+#include "transform/transform_lanes_both.h"
 #undef SHAPEWIENER_DOUBLE_LANES
 }  // namespace transform_sse2
 }  // namespace sw
@@ -73,14 +59,7 @@ namespace unrounded {
 namespace sw {
 namespace transform_avx2 {
 #define SHAPEWIENER_DOUBLE_LANES 4
-#define SHAPEWIENER_ROUND_STEPS 1
-#include "transform/transform_lanes.h"
-#undef SHAPEWIENER_ROUND_STEPS
-namespace unrounded {
-#define SHAPEWIENER_ROUND_STEPS 0
-#include "transform/transform_lanes.h"
-#undef SHAPEWIENER_ROUND_STEPS
-}  // namespace unrounded
+#include "transform/transform_lanes_both.h"
 #undef SHAPEWIENER_DOUBLE_LANES
 }  // namespace transform_avx2
 }  // namespace sw
@@ -99,14 +78,7 @@ namespace unrounded {
 namespace sw {
 namespace transform_avx512 {
 #define SHAPEWIENER_DOUBLE_LANES 8
-#define SHAPEWIENER_ROUND_STEPS 1
-#include "transform/transform_lanes.h"
-#undef SHAPEWIENER_ROUND_STEPS
-namespace unrounded {
-#define SHAPEWIENER_ROUND_STEPS 0
-#include "transform/transform_lanes.h"
-#undef SHAPEWIENER_ROUND_STEPS
-}  // namespace unrounded
+#include "transform/transform_lanes_both.h"
 #undef SHAPEWIENER_DOUBLE_LANES
 }  // namespace transform_avx512
 }  // namespace sw

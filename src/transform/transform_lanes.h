@@ -15,11 +15,11 @@
 // on with fewer as the shorter ones end.
 //
 // This file has no include guard on purpose: transform_kernels.cpp includes
-// it once per instruction set, inside a namespace of its own, with the macro
-// SHAPEWIENER_DOUBLE_LANES set to the widest double vector (1 for plain
-// scalars), under that instruction set's target attribute, and once more
-// with SHAPEWIENER_ROUND_STEPS 0 in a namespace `unrounded` inside that. It
-// must not include anything itself.
+// it (through transform_lanes_both.h) once per instruction set, inside a
+// namespace of its own, with the macro SHAPEWIENER_DOUBLE_LANES set to the
+// widest double vector (1 for plain scalars), under that instruction set's
+// target attribute, and once more with SHAPEWIENER_ROUND_STEPS 0 in a
+// namespace `unrounded` inside that. It must not include anything itself.
 
 namespace {
 
