@@ -58,6 +58,11 @@ void check_image(const sw::Image& image, uint32_t min_side, const char* purpose)
 Settings preset_settings(const std::string& name) {
     Settings s;
     s.peaks.enabled = true;
+    // The second pass, only the third's pilot, runs on the checkerboard
+    // (white noise) or the first pass's sparse lattice (coloured noise):
+    // bench/RESULTS.md.
+    s.checkerboard_pilots = true;
+    s.sparse_pilots_coloured = true;
     if (name == "default") return s;
     if (name == "fast") {
         s.adaptive = false;
@@ -356,8 +361,14 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     // settings.sparse_passes passes); it shares the plan's levels with the
     // full passes (the list has one key per distinct shape).
     const bool sparse_pilot = settings.passes > 1 && settings.pilot_step > 1;
-    const int sparse_passes = sparse_pilot ? std::min(settings.sparse_passes, settings.passes - 1) : 0;
+    const int sparse_passes = !sparse_pilot ? 0
+                              : !white && settings.sparse_pilots_coloured
+                                  ? settings.passes - 1
+                                  : std::min(settings.sparse_passes, settings.passes - 1);
     const bool checkerboard = settings.checkerboard_last && settings.passes > 1;
+    const auto on_checkerboard = [&](int pass) {
+        return pass == settings.passes - 1 ? checkerboard : settings.checkerboard_pilots;
+    };
     const double share = 0.9 / settings.passes;
     // How far outside the data's range an estimate may come and still be
     // taken as an estimate (see settle): 4 noise deviations, at most 0.05 of
@@ -377,10 +388,8 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
                  [&](double fraction) {
                      return !progress || progress(begin + share * fraction, phase);
                  },
-                 pass < sparse_passes ? settings.pilot_step
-                 : checkerboard && pass == settings.passes - 1 ? 2
-                                                               : 1,
-                 checkerboard && pass == settings.passes - 1);
+                 pass < sparse_passes ? settings.pilot_step : on_checkerboard(pass) ? 2 : 1,
+                 pass >= sparse_passes && on_checkerboard(pass));
         at = begin + share;
         stage = phase;
         const uint32_t h = settings.adaptive ? settings.rule.lengths.back() : settings.square_scale;
@@ -396,10 +405,12 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
         done.accepted_entries -= (uint64_t{rows} * cols - first.entries) * sparse_passes;
         done.key_changes -= (shapes.list.key_changes - first.key_changes) * sparse_passes;
     }
-    if (checkerboard) {
-        const PassCount last = sparse_pass_count(shapes.list, rows, frame.row0, frame.col0, 2, true);
-        done.accepted_entries -= uint64_t{rows} * cols - last.entries;
-        done.key_changes -= shapes.list.key_changes - last.key_changes;
+    int checkerboard_passes = checkerboard ? 1 : 0;
+    if (settings.checkerboard_pilots) checkerboard_passes += std::max(0, settings.passes - 1 - sparse_passes);
+    if (checkerboard_passes > 0) {
+        const PassCount half = sparse_pass_count(shapes.list, rows, frame.row0, frame.col0, 2, true);
+        done.accepted_entries -= (uint64_t{rows} * cols - half.entries) * checkerboard_passes;
+        done.key_changes -= (shapes.list.key_changes - half.key_changes) * checkerboard_passes;
     }
 
     sw::Image out;

@@ -45,6 +45,13 @@ struct Settings {
     // plus column is even) instead of every pixel, when there are at least
     // two passes; the colour differences take it.
     bool checkerboard_last = false;
+    // The passes after the sparse ones and before the last, whose estimates
+    // are only pilots too: on the checkerboard of the frame instead of
+    // every pixel (`checkerboard_pilots`), or, with coloured noise, on the
+    // sparse lattice like the first (`sparse_pilots_coloured`). The default
+    // preset takes both.
+    bool checkerboard_pilots = false;
+    bool sparse_pilots_coloured = false;
     // Map the image affinely onto [0, 1] before filtering (see denoise.h);
     // off: filter the values as they are.
     bool normalise_range = true;
