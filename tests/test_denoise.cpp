@@ -313,8 +313,8 @@ TEST(Scales, DirectionalVariancesMatchMonteCarlo) {
 // ---------------------------------------------------------------------------
 // The shape list
 
-// The shared workloads were built by the same rules: scales and list must
-// come out byte for byte.
+// The shared workloads were built by the same rules: scales, sector masks
+// and list must come out byte for byte, the transforms up to rounding.
 TEST(ShapeList, ReproducesTheSharedAdaptiveWorkloads) {
     const std::string root = swtest::shared_workload_root(SHAPEWIENER_WORKLOADS);
     ASSERT_FALSE(root.empty()) << "no " << SHAPEWIENER_WORKLOADS;
@@ -333,6 +333,12 @@ TEST(ShapeList, ReproducesTheSharedAdaptiveWorkloads) {
         EXPECT_TRUE(call.direction_scale_map == s.direction_scales.indices) << name;
         EXPECT_TRUE(call.pixels == s.list.pixels) << name;
         EXPECT_TRUE(call.keys == s.list.keys) << name;
+        EXPECT_TRUE(call.sector_masks == s.sector_masks) << name;
+        for (size_t i = 0; i < call.transforms.size(); ++i) {
+            for (size_t j = 0; j < call.transforms[i].size(); ++j) {
+                ASSERT_NEAR(call.transforms[i][j], s.transforms[i][j], 1e-15) << name;
+            }
+        }
     }
 }
 
