@@ -141,12 +141,16 @@ TEST(BlockPsd, MeanIsTheVarianceWhiteIsFlatAndForwardsAgree) {
     for (double p : swdenoise::block_psd(swdenoise::noise_autocovariance(sw::NoiseModel::white(0.3), 8, 8))) {
         EXPECT_DOUBLE_EQ(p, 0.09);
     }
-    // Unweighted, a kernel shorter than the grid gives its sampled spectrum.
-    const std::vector<double> sampled = swcaller::noise_psd(swcaller::binomial_kernel(), 0.1, 32);
-    const std::vector<double> folded = swdenoise::block_psd(
-        swdenoise::noise_autocovariance(sw::NoiseModel::from_kernel({1, 2, 1, 2, 4, 2, 1, 2, 1}, 3, 3, 0.1), 64, 64),
-        false);
-    for (size_t t = 0; t < sampled.size(); ++t) EXPECT_NEAR(folded[t], sampled[t], 1e-15);
+    // Unweighted, a kernel shorter than the grid gives its sampled spectrum
+    // (the caller side's noise_psd, which keeps the kernel's energy).
+    swcaller::NoiseKernel k;
+    k.rows = 3;
+    k.cols = 5;
+    k.taps = odd;
+    const std::vector<double> sampled = swcaller::noise_psd(k, 0.7, 32);
+    const std::vector<double> folded =
+        swdenoise::block_psd(swdenoise::noise_autocovariance(sw::NoiseModel::from_kernel(odd, 3, 5, 0.7), 64, 64), false);
+    for (size_t t = 0; t < sampled.size(); ++t) EXPECT_NEAR(folded[t], sampled[t] / k.energy(), 1e-14) << t;
 }
 
 TEST(BlockPsd, LongRangeCorrelationIsWeightedNotSampled) {
