@@ -380,7 +380,8 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
                  pass < sparse_passes ? settings.pilot_step
                  : diagonal_last && pass == settings.passes - 1 ? settings.last_step
                                                                 : 1,
-                 diagonal_last && pass == settings.passes - 1);
+                 pass < sparse_passes ? settings.pilot_diagonal
+                                      : diagonal_last && pass == settings.passes - 1);
         at = begin + share;
         stage = phase;
         const uint32_t h = settings.adaptive ? settings.rule.lengths.back() : settings.square_scale;
@@ -392,7 +393,8 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     done.key_changes = static_cast<uint64_t>(done.passes) * shapes.list.key_changes;
     if (sparse_pilot) {
         const PassCount first =
-            sparse_pass_count(shapes.list, rows, frame.row0, frame.col0, settings.pilot_step);
+            sparse_pass_count(shapes.list, rows, frame.row0, frame.col0, settings.pilot_step,
+                              settings.pilot_diagonal);
         done.accepted_entries -= (uint64_t{rows} * cols - first.entries) * sparse_passes;
         done.key_changes -= (shapes.list.key_changes - first.key_changes) * sparse_passes;
     }

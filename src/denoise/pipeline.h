@@ -39,8 +39,11 @@ struct Settings {
     // `sparse_passes`: how many passes (from the first, fewer than
     // `passes`) run on that lattice; the colour differences of a colour
     // image, smooth where the luminance has the detail, take two.
+    // `pilot_diagonal`: those passes take the diagonal lines of the frame
+    // whose row plus column is a multiple of pilot_step instead.
     uint32_t pilot_step = 2;
     int sparse_passes = 1;
+    bool pilot_diagonal = false;
     // The last pass on diagonal lines of the frame, the pixels whose row
     // plus column is a multiple of `last_step` (2: the checkerboard, 3: a
     // third of the pixels), when there are at least two passes; 1: every
