@@ -365,9 +365,15 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
                               : !white && settings.sparse_pilots_coloured
                                   ? settings.passes - 1
                                   : std::min(settings.sparse_passes, settings.passes - 1);
-    const bool checkerboard = settings.checkerboard_last && settings.passes > 1;
-    const auto on_checkerboard = [&](int pass) {
-        return pass == settings.passes - 1 ? checkerboard : settings.checkerboard_pilots;
+    const bool diagonal_last = settings.last_step > 1 && settings.passes > 1;
+    // Every pass's lattice: the sparse passes', the last's, and between
+    // them the checkerboard or every pixel.
+    const int checkerboard_passes =
+        settings.checkerboard_pilots ? std::max(0, settings.passes - 1 - sparse_passes) : 0;
+    const auto lattice_step = [&](int pass) -> uint32_t {
+        if (pass < sparse_passes) return settings.pilot_step;
+        if (pass == settings.passes - 1) return diagonal_last ? settings.last_step : 1;
+        return checkerboard_passes > 0 ? 2 : 1;
     };
     const double share = 0.9 / settings.passes;
     // How far outside the data's range an estimate may come and still be
@@ -388,8 +394,8 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
                  [&](double fraction) {
                      return !progress || progress(begin + share * fraction, phase);
                  },
-                 pass < sparse_passes ? settings.pilot_step : on_checkerboard(pass) ? 2 : 1,
-                 pass >= sparse_passes && on_checkerboard(pass));
+                 lattice_step(pass),
+                 pass < sparse_passes ? settings.pilot_diagonal : lattice_step(pass) > 1);
         at = begin + share;
         stage = phase;
         const uint32_t h = settings.adaptive ? settings.rule.lengths.back() : settings.square_scale;
@@ -401,12 +407,17 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     done.key_changes = static_cast<uint64_t>(done.passes) * shapes.list.key_changes;
     if (sparse_pilot) {
         const PassCount first =
-            sparse_pass_count(shapes.list, rows, frame.row0, frame.col0, settings.pilot_step);
+            sparse_pass_count(shapes.list, rows, frame.row0, frame.col0, settings.pilot_step,
+                              settings.pilot_diagonal);
         done.accepted_entries -= (uint64_t{rows} * cols - first.entries) * sparse_passes;
         done.key_changes -= (shapes.list.key_changes - first.key_changes) * sparse_passes;
     }
-    int checkerboard_passes = checkerboard ? 1 : 0;
-    if (settings.checkerboard_pilots) checkerboard_passes += std::max(0, settings.passes - 1 - sparse_passes);
+    if (diagonal_last) {
+        const PassCount last =
+            sparse_pass_count(shapes.list, rows, frame.row0, frame.col0, settings.last_step, true);
+        done.accepted_entries -= uint64_t{rows} * cols - last.entries;
+        done.key_changes -= shapes.list.key_changes - last.key_changes;
+    }
     if (checkerboard_passes > 0) {
         const PassCount half = sparse_pass_count(shapes.list, rows, frame.row0, frame.col0, 2, true);
         done.accepted_entries -= (uint64_t{rows} * cols - half.entries) * checkerboard_passes;

@@ -39,16 +39,20 @@ struct Settings {
     // `sparse_passes`: how many passes (from the first, fewer than
     // `passes`) run on that lattice; the colour differences of a colour
     // image, smooth where the luminance has the detail, take two.
+    // `pilot_diagonal`: those passes take the diagonal lines of the frame
+    // whose row plus column is a multiple of pilot_step instead.
     uint32_t pilot_step = 2;
     int sparse_passes = 1;
-    // The last pass on the checkerboard of the frame (the pixels whose row
-    // plus column is even) instead of every pixel, when there are at least
-    // two passes; the colour differences take it.
-    bool checkerboard_last = false;
+    bool pilot_diagonal = false;
+    // The last pass on diagonal lines of the frame, the pixels whose row
+    // plus column is a multiple of `last_step` (2: the checkerboard, 3: a
+    // third of the pixels), when there are at least two passes; 1: every
+    // pixel. The colour differences take 3.
+    uint32_t last_step = 1;
     // The passes after the sparse ones and before the last, whose estimates
     // are only pilots too: on the checkerboard of the frame instead of
     // every pixel (`checkerboard_pilots`), or, with coloured noise, on the
-    // sparse lattice like the first (`sparse_pilots_coloured`). The default
+    // lattice of the sparse passes (`sparse_pilots_coloured`). The default
     // preset takes both.
     bool checkerboard_pilots = false;
     bool sparse_pilots_coloured = false;
