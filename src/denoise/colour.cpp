@@ -169,7 +169,9 @@ double mean_of(const std::vector<double>& v) {
     return sum / static_cast<double>(v.size());
 }
 
-// A spatial model scaled to per-pixel variance `variance`.
+// A spatial model scaled to per-pixel variance `variance`. A flat spectrum
+// (an estimate of white noise) becomes the white model: the same noise,
+// without the spectrum's transforms in every channel's set-up.
 sw::NoiseModel scaled_model(const sw::NoiseModel& m, double variance) {
     switch (m.kind) {
         case sw::NoiseModel::Kind::kWhite:
@@ -178,6 +180,9 @@ sw::NoiseModel scaled_model(const sw::NoiseModel& m, double variance) {
             return sw::NoiseModel::from_kernel(m.kernel, m.kernel_rows, m.kernel_cols,
                                                std::sqrt(variance));
         case sw::NoiseModel::Kind::kPsd: {
+            if (std::all_of(m.psd.begin(), m.psd.end(), [&](double p) { return p == m.psd[0]; })) {
+                return sw::NoiseModel::white(std::sqrt(variance));
+            }
             double sum = 0.0;
             for (double p : m.psd) sum += p;
             const double factor = variance / (sum / static_cast<double>(m.psd.size()));
