@@ -1,10 +1,10 @@
-// The caller-side argument builder: transforms, sector masks, processing
-// list grouping, coloured noise and its spectrum.
+// The caller-side argument builder: processing list grouping, coloured
+// noise. (The transforms and sector masks are pinned byte for byte by the
+// shared workloads: ShapeList in test_denoise.cpp.)
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <map>
 #include <random>
 #include <set>
@@ -15,145 +15,12 @@
 #include "caller/image.h"
 #include "caller/processing_list.h"
 #include "caller/sector_masks.h"
-#include "caller/transform_bank.h"
-#include "support/module_call.h"
+#include "caller/shape_arguments.h"
 
 namespace {
 
 using swcaller::Image;
 using swcaller::Mask;
-
-const double kPi = 3.14159265358979323846;
-
-// Mask of the square of Chebyshev radius `radius` around the box centre.
-Mask square(uint32_t h, uint32_t radius) {
-    const uint32_t w = 2 * h - 1;
-    Mask m(w * w, 0);
-    for (uint32_t j = 0; j < w; ++j) {
-        for (uint32_t i = 0; i < w; ++i) {
-            const int di = std::abs(static_cast<int>(i) - static_cast<int>(h - 1));
-            const int dj = std::abs(static_cast<int>(j) - static_cast<int>(h - 1));
-            if (static_cast<uint32_t>(std::max(di, dj)) <= radius) m[i + j * w] = 1;
-        }
-    }
-    return m;
-}
-
-// A test scene in [0.1, 0.9]: flat regions with straight and curved edges
-// and a smooth ramp.
-Image scene(uint32_t rows, uint32_t cols) {
-    Image img(rows, cols);
-    for (uint32_t c = 0; c < cols; ++c) {
-        for (uint32_t r = 0; r < rows; ++r) {
-            double v = 0.2 + 0.3 * c / cols;
-            if (r > rows / 2) v = 0.75;
-            const double dr = r - 0.3 * rows;
-            const double dc = c - 0.6 * cols;
-            if (dr * dr + dc * dc < 0.04 * rows * cols) v = 0.9;
-            if (c < cols / 5) v = 0.1;
-            img.at(r, c) = v;
-        }
-    }
-    return img;
-}
-
-// ---------------------------------------------------------------------------
-// Transforms
-
-TEST(TransformBank, DctMatricesAreOrthonormalWithConstantFirstRow) {
-    const swcaller::TransformBank bank = swcaller::dct_bank(23);
-    ASSERT_EQ(bank.size(), 23u);
-    for (uint32_t len = 1; len <= 23; ++len) {
-        const std::vector<double>& t = bank[len - 1];
-        ASSERT_EQ(t.size(), len * len);
-        for (uint32_t f = 0; f < len; ++f) {
-            for (uint32_t g = 0; g < len; ++g) {
-                double dot = 0.0;
-                for (uint32_t s = 0; s < len; ++s) dot += t[f + s * len] * t[g + s * len];
-                EXPECT_NEAR(dot, f == g ? 1.0 : 0.0, 1e-12) << "length " << len;
-            }
-        }
-        for (uint32_t s = 0; s < len; ++s) EXPECT_NEAR(t[s * len], 1.0 / std::sqrt(len), 1e-15);
-    }
-    // Row f is the f-th basis vector: for length 2 the second row is the
-    // difference, stored at entries (1, 0) and (1, 1).
-    EXPECT_NEAR(bank[1][1], std::sqrt(0.5), 1e-15);
-    EXPECT_NEAR(bank[1][3], -std::sqrt(0.5), 1e-15);
-}
-
-// ---------------------------------------------------------------------------
-// Sector masks
-
-TEST(SectorMasks, EqualScalesTileTheSquareAndScaleOneIsTheCentre) {
-    for (uint32_t h = 1; h <= 7; ++h) {
-        const swcaller::SectorMaskBank bank = swcaller::sector_mask_bank(h);
-        ASSERT_EQ(bank.size(), 8u * h * h);
-        for (uint32_t s = 1; s <= h; ++s) {
-            const uint32_t scales[8] = {s, s, s, s, s, s, s, s};
-            EXPECT_EQ(swcaller::sector_union(h, bank, scales), square(h, s - 1))
-                << "h " << h << " scale " << s;
-        }
-        for (uint32_t d = 0; d < 8; ++d) {
-            EXPECT_EQ(swcaller::sector_mask(h, d, 1, 1), square(h, 0)) << "sector " << d;
-        }
-    }
-}
-
-TEST(SectorMasks, EachSectorLiesInItsWedgeAndReachesItsEndpoints) {
-    const uint32_t h = 6;
-    const uint32_t w = 2 * h - 1;
-    const int reach = h - 1;
-    for (uint32_t d = 0; d < 8; ++d) {
-        const swcaller::Step s1 = swcaller::plane_step(swcaller::sector_first_plane(d));
-        const swcaller::Step s2 = swcaller::plane_step(swcaller::sector_second_plane(d));
-        // Screen angles (counter-clockwise, rows grow downwards) of the two
-        // bounding directions; the second is 45 degrees past the first.
-        const double first_angle = std::atan2(-s1.row, s1.col);
-        for (uint32_t a = 1; a <= h; ++a) {
-            for (uint32_t b = 1; b <= h; ++b) {
-                const Mask m = swcaller::sector_mask(h, d, a, b);
-                for (uint32_t j = 0; j < w; ++j) {
-                    for (uint32_t i = 0; i < w; ++i) {
-                        const int dr = static_cast<int>(i) - reach;
-                        const int dc = static_cast<int>(j) - reach;
-                        if (m[i + j * w] == 0 || (dr == 0 && dc == 0)) continue;
-                        double turn = std::atan2(-dr, dc) - first_angle;
-                        while (turn < -1e-9) turn += 2 * kPi;
-                        EXPECT_LE(turn, kPi / 4 + 1e-9)
-                            << "sector " << d << " (" << a << ", " << b << ") pixel " << dr << "," << dc;
-                    }
-                }
-                // Along each bounding direction the sector reaches exactly
-                // its length: steps 0 .. length - 1 are in, the next is out.
-                for (int k = 0; k <= reach; ++k) {
-                    const uint32_t i1 = reach + k * s1.row, j1 = reach + k * s1.col;
-                    const uint32_t i2 = reach + k * s2.row, j2 = reach + k * s2.col;
-                    EXPECT_EQ(m[i1 + j1 * w] != 0, k < static_cast<int>(a)) << d << " a " << a << " k " << k;
-                    EXPECT_EQ(m[i2 + j2 * w] != 0, k < static_cast<int>(b)) << d << " b " << b << " k " << k;
-                }
-                // Growing a scale never removes a pixel.
-                if (a < h) {
-                    const Mask bigger = swcaller::sector_mask(h, d, a + 1, b);
-                    for (size_t t = 0; t < m.size(); ++t) EXPECT_LE(m[t], bigger[t]);
-                }
-            }
-        }
-    }
-}
-
-TEST(SectorMasks, PlanesRunCounterClockwiseFromEast) {
-    EXPECT_EQ(swcaller::plane_step(swcaller::kEast).col, 1);
-    EXPECT_EQ(swcaller::plane_step(swcaller::kEast).row, 0);
-    EXPECT_EQ(swcaller::plane_step(swcaller::kNorth).row, -1);  // up on screen
-    EXPECT_EQ(swcaller::plane_step(swcaller::kNorth).col, 0);
-    EXPECT_EQ(swcaller::plane_step(swcaller::kSouthWest).row, 1);
-    EXPECT_EQ(swcaller::plane_step(swcaller::kSouthWest).col, -1);
-    // A wider east-west reach than north-south packs by rows, a taller one by columns.
-    const uint8_t wide[8] = {3, 1, 1, 1, 3, 1, 1, 1};
-    const uint8_t tall[8] = {1, 1, 3, 1, 1, 1, 3, 1};
-    EXPECT_FALSE(swcaller::packs_by_columns(wide));
-    EXPECT_TRUE(swcaller::packs_by_columns(tall));
-}
 
 // ---------------------------------------------------------------------------
 // Processing list
@@ -314,65 +181,8 @@ TEST(ProcessingList, EqualClippedShapesFromDifferentSectorsAreKeptApart) {
     for (const EntryShapes& x : shapes_per_entry(s)) EXPECT_EQ(x.formed, x.own);
 }
 
-TEST(ProcessingList, SharedKeysGiveTheSameOutputAsOneKeyPerEntry) {
-    const uint32_t rows = 14, cols = 12, h = 3;
-    const Image clean = scene(rows, cols);
-    const Image noisy = swcaller::add(
-        clean, swcaller::coloured_noise(rows, cols, swcaller::binomial_kernel(), 0.1, 7));
-    const std::vector<double> psd = swcaller::noise_psd(swcaller::binomial_kernel(), 0.1, 32);
-    swtest::PassSettings settings;
-    settings.wiener_variance_factor = 6.0;
-
-    swcaller::ShapeArguments grouped = random_adaptive_shapes(rows, cols, h, 11);
-    swcaller::ShapeArguments single = grouped;
-    for (size_t e = 0; e < single.list.keys.size(); ++e) single.list.keys[e] = static_cast<int32_t>(e + 1);
-    ASSERT_LT(grouped.list.key_changes, rows * cols);
-
-    const Image a = swtest::filter_pass(grouped, psd, noisy, noisy, settings);
-    const Image b = swtest::filter_pass(single, psd, noisy, noisy, settings);
-    ASSERT_EQ(a.size(), b.size());
-    for (size_t i = 0; i < a.size(); ++i) {
-        EXPECT_EQ(std::memcmp(&a.pixels[i], &b.pixels[i], sizeof(double)), 0) << "pixel " << i;
-    }
-}
-
 // ---------------------------------------------------------------------------
-// Coloured noise and its spectrum
-
-TEST(NoiseSpectrum, WhiteNoiseIsFlatAndTheMeanIsTheVariance) {
-    const double sigma = 0.3;
-    for (double p : swcaller::noise_psd(swcaller::white_kernel(), sigma, 32)) {
-        EXPECT_NEAR(p, sigma * sigma, 1e-15);
-    }
-    swcaller::NoiseKernel odd;  // no symmetry at all
-    odd.rows = 3;
-    odd.cols = 5;
-    odd.taps = {0.3, -1.2, 0.5, 2.0, 0.1, 0.0, -0.7, 0.9, 1.1, 0.4, -0.2, 0.6, 0.8, -1.5, 0.05};
-    for (const swcaller::NoiseKernel& k : {swcaller::binomial_kernel(), odd}) {
-        const std::vector<double> psd = swcaller::noise_psd(k, sigma, 32);
-        double mean = 0.0;
-        for (double p : psd) mean += p / psd.size();
-        EXPECT_NEAR(mean, sigma * sigma * k.energy(), 1e-12);
-    }
-    EXPECT_NEAR(swcaller::binomial_kernel().energy(), 1.0, 1e-15);
-}
-
-TEST(NoiseSpectrum, FirstIndexIsTheVerticalFrequency) {
-    // A vertical [1 2 1] smoothing: the spectrum falls along u (down the
-    // rows of the grid) and is constant along v.
-    swcaller::NoiseKernel vertical;
-    vertical.rows = 3;
-    vertical.cols = 1;
-    vertical.taps = {1.0, 2.0, 1.0};
-    const uint32_t n = 32;
-    const std::vector<double> psd = swcaller::noise_psd(vertical, 0.5, n);
-    for (uint32_t v = 0; v < n; ++v) {
-        for (uint32_t u = 0; u < n; ++u) {
-            const double g = 2.0 + 2.0 * std::cos(2.0 * kPi * u / n);
-            EXPECT_NEAR(psd[u + n * v], 0.25 * g * g, 1e-12) << u << ", " << v;
-        }
-    }
-}
+// Coloured noise (its spectrum, noise_psd: BlockPsd in test_denoise.cpp)
 
 // Sample correlation of the noise with itself shifted by (dr, dc).
 double correlation(const Image& x, int dr, int dc) {
@@ -403,21 +213,8 @@ TEST(ColouredNoise, HasTheKernelsVarianceAndCorrelation) {
     EXPECT_NEAR(correlation(noise, 1, 1), 4.0 / 9.0, 0.03);
     EXPECT_NEAR(correlation(noise, 2, 0), 1.0 / 6.0, 0.03);
     EXPECT_NEAR(correlation(noise, 0, 3), 0.0, 0.03);
-
-    // The same kernel laid vertically correlates along the rows only, as
-    // its spectrum (previous test) says.
-    swcaller::NoiseKernel vertical;
-    vertical.rows = 3;
-    vertical.cols = 1;
-    vertical.taps = {1.0 / std::sqrt(6.0), 2.0 / std::sqrt(6.0), 1.0 / std::sqrt(6.0)};
-    const Image v = swcaller::coloured_noise(256, 256, vertical, sigma, 5);
-    EXPECT_NEAR(correlation(v, 1, 0), 2.0 / 3.0, 0.03);
-    EXPECT_NEAR(correlation(v, 0, 1), 0.0, 0.03);
-
-    // Reproducible from the seed.
-    const Image small = swcaller::coloured_noise(8, 6, swcaller::binomial_kernel(), sigma, 5);
-    EXPECT_EQ(swcaller::coloured_noise(8, 6, swcaller::binomial_kernel(), sigma, 5).pixels, small.pixels);
-    EXPECT_NE(swcaller::coloured_noise(8, 6, swcaller::binomial_kernel(), sigma, 6).pixels, small.pixels);
+    // Its orientation: Denoise.AnisotropicNoiseIsTakenInItsOwnOrientation;
+    // the same bits from the same seed: the denoiser's pinned outputs.
 }
 
 }  // namespace

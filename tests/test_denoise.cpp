@@ -141,12 +141,16 @@ TEST(BlockPsd, MeanIsTheVarianceWhiteIsFlatAndForwardsAgree) {
     for (double p : swdenoise::block_psd(swdenoise::noise_autocovariance(sw::NoiseModel::white(0.3), 8, 8))) {
         EXPECT_DOUBLE_EQ(p, 0.09);
     }
-    // Unweighted, a kernel shorter than the grid gives its sampled spectrum.
-    const std::vector<double> sampled = swcaller::noise_psd(swcaller::binomial_kernel(), 0.1, 32);
-    const std::vector<double> folded = swdenoise::block_psd(
-        swdenoise::noise_autocovariance(sw::NoiseModel::from_kernel({1, 2, 1, 2, 4, 2, 1, 2, 1}, 3, 3, 0.1), 64, 64),
-        false);
-    for (size_t t = 0; t < sampled.size(); ++t) EXPECT_NEAR(folded[t], sampled[t], 1e-15);
+    // Unweighted, a kernel shorter than the grid gives its sampled spectrum
+    // (the caller side's noise_psd, which keeps the kernel's energy).
+    swcaller::NoiseKernel k;
+    k.rows = 3;
+    k.cols = 5;
+    k.taps = odd;
+    const std::vector<double> sampled = swcaller::noise_psd(k, 0.7, 32);
+    const std::vector<double> folded =
+        swdenoise::block_psd(swdenoise::noise_autocovariance(sw::NoiseModel::from_kernel(odd, 3, 5, 0.7), 64, 64), false);
+    for (size_t t = 0; t < sampled.size(); ++t) EXPECT_NEAR(folded[t], sampled[t] / k.energy(), 1e-14) << t;
 }
 
 TEST(BlockPsd, LongRangeCorrelationIsWeightedNotSampled) {
@@ -313,8 +317,8 @@ TEST(Scales, DirectionalVariancesMatchMonteCarlo) {
 // ---------------------------------------------------------------------------
 // The shape list
 
-// The shared workloads were built by the same rules: scales and list must
-// come out byte for byte.
+// The shared workloads were built by the same rules: scales, sector masks
+// and list must come out byte for byte, the transforms up to rounding.
 TEST(ShapeList, ReproducesTheSharedAdaptiveWorkloads) {
     const std::string root = swtest::shared_workload_root(SHAPEWIENER_WORKLOADS);
     ASSERT_FALSE(root.empty()) << "no " << SHAPEWIENER_WORKLOADS;
@@ -333,6 +337,12 @@ TEST(ShapeList, ReproducesTheSharedAdaptiveWorkloads) {
         EXPECT_TRUE(call.direction_scale_map == s.direction_scales.indices) << name;
         EXPECT_TRUE(call.pixels == s.list.pixels) << name;
         EXPECT_TRUE(call.keys == s.list.keys) << name;
+        EXPECT_TRUE(call.sector_masks == s.sector_masks) << name;
+        for (size_t i = 0; i < call.transforms.size(); ++i) {
+            for (size_t j = 0; j < call.transforms[i].size(); ++j) {
+                ASSERT_NEAR(call.transforms[i][j], s.transforms[i][j], 1e-15) << name;
+            }
+        }
     }
 }
 

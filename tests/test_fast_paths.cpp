@@ -1,6 +1,7 @@
 // The fast hot paths against the reference routines, bit for bit, at every
 // SIMD level this machine has: noise levels, forward and inverse shape
-// transforms on random shapes, and whole filter calls.
+// transforms on random shapes, and whole filter calls; and the reference
+// routines' own properties on the same shapes.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -65,7 +66,7 @@ struct Shape {
     std::vector<std::vector<double>> bank;
     std::vector<const double*> table;
     std::vector<uint8_t> mask;
-    std::vector<float> ng, pg, nc, pc;
+    std::vector<float> ng, pg, nc, pc, centred;
     std::vector<int32_t> cc, rc, cursor;
     sw::GatherResult g{};
     bool by_columns = false;
@@ -119,6 +120,7 @@ Shape random_shape(std::mt19937& rng, uint32_t trial) {
                            s.mask.data(), s.ng.data(), s.pg.data(), s.cc.data(), s.rc.data(),
                            s.cursor.data());
     sw::remove_mean(s.box, s.g.noisy_mean, s.ng.data(), s.pg.data(), s.nc.data(), s.pc.data());
+    s.centred = s.ng;
     sw::forward_transform(s.box, s.ng.data(), s.pg.data(), s.nc.data(), s.pc.data(), s.cc.data(),
                           s.rc.data(), s.g.max_column_count, s.table.data());
     if (trial % 19 == 7) {  // an infinity: the fast paths leave the shape to the reference
@@ -188,6 +190,56 @@ TEST(FastNoiseLevels, MatchReferenceOnRandomShapes) {
             ASSERT_TRUE(same(want_dc, dc)) << "trial " << trial << " level " << sw::simd::name(level)
                                            << ": " << want_dc << " vs " << dc;
         }
+    }
+}
+
+// The reference routines themselves on the same random shapes (orthonormal
+// matrices, finite values): the inverse transform restores the centred
+// values and the forward one keeps their energy, with zeros outside the
+// shape's support; a flat spectrum sigma^2 on an even grid gives every
+// coefficient and the mean the level sigma * factor.
+TEST(ReferencePaths, RoundTripAndWhiteLevelsOnRandomShapes) {
+    std::mt19937 rng(99);
+    for (uint32_t trial = 0; trial < 300; ++trial) {
+        Shape s = random_shape(rng, trial);
+        if (trial % 11 == 3 || s.non_finite || s.n % 2 == 1) continue;  // not orthonormal; an odd grid
+        const uint32_t w = s.w;
+        const double sigma = 0.05 + swtest::unit(rng), factor = 0.5 + swtest::unit(rng);
+        const std::vector<double> psd(s.n * s.n, sigma * sigma);
+        std::vector<float> spatial(s.n * s.n), rows(2 * s.n * (s.n / 2 + 1)), block(rows.size());
+        const sw::SpectrumContext ctx{s.n, s.n == 32 ? nullptr : s.twiddle.data(), spatial.data(),
+                                      rows.data(), block.data(), psd.data(), factor};
+        std::vector<float> levels(w * w, -1.0f), scratch = s.ng;
+        const float dc = sw::noise_levels(s.box, ctx, s.nc.data(), scratch.data(), s.cc.data(), s.rc.data(),
+                                          s.cursor.data(), s.g.max_column_count, s.table.data(),
+                                          s.mask.data(), s.by_columns, s.g.shape_size, levels.data());
+        const double want = sigma * factor;
+        EXPECT_NEAR(dc, want, 2e-5 * want) << trial;
+        double energy_in = 0.0, energy_out = 0.0;
+        float largest = 0.0f;
+        for (float v : s.centred) {
+            energy_in += static_cast<double>(v) * v;
+            largest = std::max(largest, std::fabs(v));
+        }
+        uint32_t support = 0;
+        for (uint32_t r = 0; r < w; ++r) {
+            for (uint32_t k = 0; k < w; ++k) {
+                const uint32_t t = r * w + k;
+                const bool inside = static_cast<int32_t>(r) < s.g.max_column_count && static_cast<int32_t>(k) < s.rc[r];
+                support += inside;
+                energy_out += static_cast<double>(s.nc[t]) * s.nc[t];
+                ASSERT_TRUE(inside || (s.nc[t] == 0.0f && s.pc[t] == 0.0f)) << trial;
+                EXPECT_NEAR(levels[t], s.nc[t] != 0.0f ? want : 0.0, 2e-5 * want) << trial << " " << t;
+            }
+        }
+        ASSERT_EQ(support, s.g.shape_size);
+        ASSERT_NEAR(energy_out, energy_in, 1e-5 * energy_in + 1e-30) << trial;
+        std::vector<float> back(w * w, 0.0f);
+        sw::inverse_transform(s.box, s.nc.data(), back.data(), s.cc.data(), s.rc.data(), s.cursor.data(),
+                              s.g.max_column_count, s.table.data());
+        const float tolerance = 8.0f * std::numeric_limits<float>::epsilon() * std::max(largest, 1e-30f);
+        for (uint32_t t = 0; t < w * w; ++t) ASSERT_NEAR(back[t], s.centred[t], tolerance) << trial << " " << t;
+        for (uint32_t r = 0; r < w; ++r) ASSERT_EQ(s.cursor[r], s.rc[r]);
     }
 }
 

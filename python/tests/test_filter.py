@@ -23,23 +23,20 @@ def _set(k, value):
     return change
 
 
+# What the conversion from Python values decides; the contract's own rules
+# (sizes, ranges) are the C++ fault table's (tests/support/faults.cpp).
 @pytest.mark.parametrize("change, identifier", [
     (lambda a: a[:15], "nrhs:tooFew"),
     (_set(8, lambda a: a[8].astype(np.float32)), "NoisyImage:notDouble"),
     (_set(8, lambda a: a[8] + 0j), "NoisyImage:complex"),
     (_set(8, lambda a: [a[8]]), "NoisyImage:notDouble"),
-    (_set(13, lambda a: a[13][:, :3].copy()), "PilotImage:size"),
     (_set(12, None), "MaxScale:empty"),
-    (_set(12, 0.2), "MaxScale:outOfRange"),
     (_set(12, np.float32(2)), "MaxScale:notDouble"),
     (_set(2, lambda a: a[2][0]), "TransformBank:notCell"),
-    (_set(2, lambda a: a[2][:2]), "TransformBank:tooFewCells"),
     (_set(2, lambda a: [None] + a[2][1:]), "TransformBank:emptyCell"),
     (_set(3, lambda a: [m.astype(bool) for m in a[3]]), "SectorMaskBank:notUint8"),
     (_set(9, lambda a: a[9].astype(np.int64)), "ProcessingList:notInt32"),
-    (_set(9, lambda a: np.where(a[9] == 1, 0, a[9]).astype(np.int32)), "ProcessingList:pixelOutOfRange"),
     (_set(1, lambda a: a[1].astype(np.float64)), "DirectionScaleMap:notUint8"),
-    (_set(1, lambda a: np.full(a[1].shape, 3, np.uint8)), "DirectionScaleMap:indexOutOfRange"),
 ])
 def test_rejected_calls_raise_the_gateways_error_and_touch_nothing(shapewiener, change, identifier):
     args = square_call()

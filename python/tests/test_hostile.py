@@ -1,7 +1,9 @@
 """Hostile input, one row per bad call: the identifier (or exit status and
 message) it must give, and for every row the caller's arrays, files and
 existing outputs unchanged. An error must also survive pickling with its
-identifier (a process-based Dask cluster pickles it)."""
+identifier (a process-based Dask cluster pickles it). The rows are what
+the front ends check themselves, and a few of the library's refusals on
+their way through (the library's own table: tests/test_denoise.cpp)."""
 
 import os
 import pickle
@@ -37,28 +39,20 @@ CALLS = [
     ("kernel without sigma", "denoise", dict(z=Z, kernel=K), "noise:missing"),
     ("sigma as text", "denoise", dict(z=Z, sigma="abc"), "sigma:notScalar"),
     ("sigma a list", "denoise", dict(z=Z, sigma=[1.0, 2.0]), "sigma:notScalar"),
-    ("sigma 0", "denoise", dict(z=Z, sigma=0.0), "noise:sigma"),
-    ("sigma NaN", "denoise", dict(z=Z, sigma=np.nan), "noise:sigma"),
     ("complex kernel", "denoise", dict(z=Z, kernel=K + 1j, sigma=1.0), "kernel:complex"),
-    ("all-zero kernel", "denoise", dict(z=Z, kernel=0 * K, sigma=1.0), "noise:allZero"),
-    ("negative psd", "denoise", dict(z=Z, psd=-np.ones((24, 20))), "noise:negative"),
     # Colour noise.
     ("covariance on grey", "denoise", dict(z=Z, channel_covariance=np.eye(3)), "noise:covariance"),
     ("covariance and sigma", "denoise", dict(z=RGB, sigma=1.0, channel_covariance=np.eye(3)),
      "noise:conflict"),
     ("covariance 2 x 2", "denoise", dict(z=RGB, channel_covariance=np.eye(2)), "noise:covariance"),
-    ("covariance indefinite", "denoise", dict(z=RGB, channel_covariance=np.eye(3) - 2),
-     "noise:covariance"),
     ("two sigmas for three channels", "denoise", dict(z=RGB, sigma=[1.0, 2.0]), "noise:channels"),
     ("psd of two channels", "denoise", dict(z=RGB, psd=np.ones((24, 20, 2))), "noise:psdSize"),
     # No noise given: the estimate's refusals.
     ("blind call on an image below 16 x 16", "denoise", dict(z=Z[:15, :]), "image:tooSmall"),
     ("estimate: complex image", "estimate", dict(z=Z + 1j), "image:complex"),
-    ("estimate: NaN pixel", "estimate", dict(z=NAN), "image:notFinite"),
     ("estimate: threads as text", "estimate", dict(z=Z, threads="2"), "threads:outOfRange"),
     ("dask, blind: NaN pixel", "dask", dict(array=NAN, chunks=8), "image:notFinite"),
     # Options.
-    ("unknown preset", "denoise", dict(z=Z, sigma=1.0, preset="slow"), "options:preset"),
     ("negative threads", "denoise", dict(z=Z, sigma=1.0, threads=-1), "threads:outOfRange"),
     ("fractional threads", "denoise", dict(z=Z, sigma=1.0, threads=2.5), "threads:outOfRange"),
     # Dask: the same refusals, before any task runs.

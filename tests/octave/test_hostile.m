@@ -1,7 +1,8 @@
 function test_hostile()
   % shapewiener_denoise against hostile input: one row per bad call and the
   % identifier it must give; every row also checks that the call changed
-  % neither its arguments nor an output variable that held a value.
+  % neither its arguments nor an output variable that held a value. (The
+  % library's own refusals of noise values: tests/test_denoise.cpp.)
   if exist('shapewiener_denoise') ~= 3
     if strcmp(getenv('CI'), 'true')
       error('shapewiener_denoise.mex was not built');
@@ -29,14 +30,10 @@ function test_hostile()
     {z, 'kernel', ones(3)}, 'shapewiener:noise:missing'
     {z, 'psd', ones(24, 20), 'sigma', 1}, 'shapewiener:noise:conflict'
     {z, 'psd', ones(20, 24)}, 'shapewiener:noise:psdSize'
-    {z, 'psd', -ones(24, 20)}, 'shapewiener:noise:negative'
     {z, 'sigma', 'abc'}, 'shapewiener:sigma:notScalar'
     {z, 'sigma', [1 2]}, 'shapewiener:sigma:notScalar'
     {z, 'sigma', true}, 'shapewiener:sigma:notScalar'
-    {z, 'sigma', 0}, 'shapewiener:noise:sigma'
-    {z, 'sigma', NaN}, 'shapewiener:noise:sigma'
     {z, 'kernel', ones(3) + 1i, 'sigma', 1}, 'shapewiener:kernel:notReal'
-    {z, 'kernel', zeros(3), 'sigma', 1}, 'shapewiener:noise:allZero'
     {z, 'channel_covariance', eye(3)}, 'shapewiener:noise:covariance'
     {cat(3, z, z, z), 'channel_covariance', eye(2)}, 'shapewiener:noise:covariance'
     {cat(3, z, z, z), 'channel_covariance', eye(3), 'sigma', 1}, 'shapewiener:noise:conflict'

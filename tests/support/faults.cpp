@@ -320,29 +320,6 @@ struct Snapshot {
     std::vector<Snapshot> cells;
 };
 
-size_t element_size(mxClassID id) {
-    switch (id) {
-        case mxDOUBLE_CLASS:
-        case mxINT64_CLASS:
-        case mxUINT64_CLASS:
-            return 8;
-        case mxSINGLE_CLASS:
-        case mxINT32_CLASS:
-        case mxUINT32_CLASS:
-            return 4;
-        case mxINT16_CLASS:
-        case mxUINT16_CLASS:
-        case mxCHAR_CLASS:
-            return 2;
-        case mxINT8_CLASS:
-        case mxUINT8_CLASS:
-        case mxLOGICAL_CLASS:
-            return 1;
-        default:
-            return 0;
-    }
-}
-
 Snapshot take(const mxArray* a) {
     Snapshot s;
     s.array = a;
@@ -355,7 +332,7 @@ Snapshot take(const mxArray* a) {
         for (size_t i = 0; i < mxGetNumberOfElements(a); ++i) s.cells.push_back(take(mxGetCell(a, i)));
     } else if (!s.sparse && mxGetNumberOfElements(a) > 0) {
         const auto* p = static_cast<const unsigned char*>(mxGetData(a));
-        s.bytes.assign(p, p + mxGetNumberOfElements(a) * element_size(s.id));
+        s.bytes.assign(p, p + mxGetNumberOfElements(a) * mx_host::element_size(s.id));
     }
     return s;
 }

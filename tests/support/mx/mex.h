@@ -61,8 +61,6 @@ double *mxGetPr(const mxArray *pa);
 mxArray *mxGetCell(const mxArray *pa, mwIndex i);
 mxClassID mxGetClassID(const mxArray *pa);
 bool mxIsDouble(const mxArray *pa);
-bool mxIsUint8(const mxArray *pa);
-bool mxIsInt32(const mxArray *pa);
 bool mxIsCell(const mxArray *pa);
 bool mxIsComplex(const mxArray *pa);
 bool mxIsSparse(const mxArray *pa);

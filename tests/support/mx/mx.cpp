@@ -30,29 +30,6 @@ std::atomic<long> g_live_arrays{0};
     std::abort();
 }
 
-size_t element_size(mxClassID id) {
-    switch (id) {
-        case mxDOUBLE_CLASS:
-        case mxINT64_CLASS:
-        case mxUINT64_CLASS:
-            return 8;
-        case mxSINGLE_CLASS:
-        case mxINT32_CLASS:
-        case mxUINT32_CLASS:
-            return 4;
-        case mxINT16_CLASS:
-        case mxUINT16_CLASS:
-        case mxCHAR_CLASS:
-            return 2;
-        case mxINT8_CLASS:
-        case mxUINT8_CLASS:
-        case mxLOGICAL_CLASS:
-            return 1;
-        default:
-            return 0;
-    }
-}
-
 void out_of_memory() {
     mexErrMsgIdAndTxt("MATLAB:nomem", "Out of memory.");
 }
@@ -85,7 +62,7 @@ mxArray* new_array(mxClassID id, mwSize ndim, const mwSize* dims, bool complex,
 }
 
 void allocate_data(mxArray* a, size_t count) {
-    size_t bytes = element_size(a->class_id);
+    size_t bytes = mx_host::element_size(a->class_id);
     if (count == 0 || bytes == 0) return;
     if (count > static_cast<size_t>(-1) / bytes) {
         mxDestroyArray(a);
@@ -103,6 +80,15 @@ void allocate_data(mxArray* a, size_t count) {
 
 namespace mx_host {
 long live_array_count() { return g_live_arrays.load(); }
+size_t element_size(mxClassID id) {
+    switch (id) {
+        case mxDOUBLE_CLASS: case mxINT64_CLASS: case mxUINT64_CLASS: return 8;
+        case mxSINGLE_CLASS: case mxINT32_CLASS: case mxUINT32_CLASS: return 4;
+        case mxINT16_CLASS: case mxUINT16_CLASS: case mxCHAR_CLASS: return 2;
+        case mxINT8_CLASS: case mxUINT8_CLASS: case mxLOGICAL_CLASS: return 1;
+        default: return 0;
+    }
+}
 }  // namespace mx_host
 
 extern "C" {
@@ -133,8 +119,6 @@ mxArray* mxGetCell(const mxArray* pa, mwIndex i) {
 
 mxClassID mxGetClassID(const mxArray* pa) { return pa->class_id; }
 bool mxIsDouble(const mxArray* pa) { return pa->class_id == mxDOUBLE_CLASS; }
-bool mxIsUint8(const mxArray* pa) { return pa->class_id == mxUINT8_CLASS; }
-bool mxIsInt32(const mxArray* pa) { return pa->class_id == mxINT32_CLASS; }
 bool mxIsCell(const mxArray* pa) { return pa->class_id == mxCELL_CLASS; }
 bool mxIsComplex(const mxArray* pa) { return pa->complex; }
 bool mxIsSparse(const mxArray* pa) { return pa->sparse; }
@@ -144,7 +128,7 @@ const mwSize* mxGetDimensions(const mxArray* pa) { return pa->dims.data(); }
 
 mxArray* mxCreateNumericArray(mwSize ndim, const mwSize* dims, mxClassID classid,
                               mxComplexity flag) {
-    if (element_size(classid) == 0 || classid == mxCHAR_CLASS || classid == mxLOGICAL_CLASS)
+    if (mx_host::element_size(classid) == 0 || classid == mxCHAR_CLASS || classid == mxLOGICAL_CLASS)
         host_abort("mxCreateNumericArray: not a numeric class");
     mxArray* a = new_array(classid, ndim, dims, flag == mxCOMPLEX, false);
     allocate_data(a, a->element_count);

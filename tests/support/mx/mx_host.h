@@ -39,11 +39,6 @@ public:
     }
     ~ArrayPtr() { reset(); }
     mxArray* get() const { return a_; }
-    mxArray* release() {
-        mxArray* a = a_;
-        a_ = nullptr;
-        return a;
-    }
     void reset(mxArray* a = nullptr) {
         if (a_ != nullptr) mxDestroyArray(a_);
         a_ = a;
@@ -56,6 +51,9 @@ private:
 // Number of mxArrays created and not yet destroyed (cells included), for
 // leak checks in tests.
 long live_array_count();
+
+// Bytes per element of a numeric, char or logical class; 0 for the others.
+size_t element_size(mxClassID id);
 
 }  // namespace mx_host
 
