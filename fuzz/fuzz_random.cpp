@@ -2,7 +2,7 @@
 // that every run with the same arguments makes the same calls. Meant to run
 // under AddressSanitizer and UndefinedBehaviorSanitizer.
 //
-//   fuzz_random [--seed S] [--iterations N] [--max-seconds T] [--verbose]
+//   fuzz_random [--seed S] [--iterations N] [--max-seconds T]
 //       runs N inputs (default 10000), stopping early after T seconds;
 //   fuzz_random --seed S --replay I
 //       describes and runs input I of seed S alone (a failure names it);
@@ -82,7 +82,7 @@ swfuzz::Result run(const std::vector<uint8_t>& bytes, bool describe) {
 
 [[noreturn]] void usage() {
     std::fprintf(stderr,
-                 "usage: fuzz_random [--seed S] [--iterations N] [--max-seconds T] [--verbose]\n"
+                 "usage: fuzz_random [--seed S] [--iterations N] [--max-seconds T]\n"
                  "       fuzz_random [--seed S] --replay I\n"
                  "       fuzz_random --input FILE\n");
     std::exit(2);
@@ -95,17 +95,12 @@ int main(int argc, char** argv) {
     double max_seconds = 0.0;  // no limit
     long long replay = -1;
     const char* input = nullptr;
-    bool verbose = false;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
         char* end = nullptr;
         const unsigned long long number = value != nullptr ? std::strtoull(value, &end, 10) : 0;
         const bool numeric = value != nullptr && end != value && *end == '\0';
-        if (a == "--verbose") {
-            verbose = true;
-            continue;
-        }
         if (a == "--input" && value != nullptr) {
             input = value;
         } else if (!numeric) {
@@ -162,9 +157,6 @@ int main(int argc, char** argv) {
         "identifiers%s\n",
         g_seed, done, seconds(), succeeded, done - succeeded, errors.size(),
         done < iterations ? " (stopped by the time limit)" : "");
-    if (verbose) {
-        for (const auto& e : errors) std::printf("  %8llu  %s\n", e.second, e.first.c_str());
-    }
     std::fflush(stdout);  // leaks are reported after main returns
     return 0;
 }

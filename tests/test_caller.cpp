@@ -131,6 +131,8 @@ swcaller::ShapeArguments random_adaptive_shapes(uint32_t rows, uint32_t cols, ui
     return swcaller::make_shape_arguments(h, set, map, how > 0);
 }
 
+// Among the random maps are border pixels whose clipped shapes are equal
+// while their sectors differ: they must not share a key.
 TEST(ProcessingList, AdaptiveShapesShareKeysOnlyWhenTheModuleFormsTheOwnShape) {
     for (uint32_t seed = 1; seed <= 3; ++seed) {
         for (int how : {0, 1, 2}) {
@@ -153,32 +155,6 @@ TEST(ProcessingList, AdaptiveShapesShareKeysOnlyWhenTheModuleFormsTheOwnShape) {
             for (const auto& k : signatures_of_key) EXPECT_EQ(k.second.size(), 1u) << how;
         }
     }
-}
-
-TEST(ProcessingList, EqualClippedShapesFromDifferentSectorsAreKeptApart) {
-    // ScaleSet index 4 is a second name for length 1, so pixels can share an
-    // orientation while their north scales differ.
-    const uint32_t rows = 10, cols = 10, h = 3;
-    swcaller::DirectionScaleMap map(rows, cols, 1);
-    // A, the top-left pixel and so the first of its group: north length 3,
-    // cut away by the top border; east written as index 4 to keep the
-    // orientation of the others.
-    map.at(0, 0, swcaller::kNorth) = 3;
-    map.at(0, 0, swcaller::kEast) = 4;
-    const swcaller::ShapeArguments s =
-        swcaller::make_shape_arguments(h, {1.0, 2.0, 3.0, 1.0}, map);
-    std::map<int32_t, int32_t> key_of_pixel;
-    for (size_t e = 0; e < s.list.pixels.size(); ++e) key_of_pixel[s.list.pixels[e]] = s.list.keys[e];
-    const int32_t a = key_of_pixel[1];
-    const int32_t c = key_of_pixel[0 + 3 * rows + 1];  // top border, all length 1
-    const int32_t b = key_of_pixel[5 + 5 * rows + 1];  // interior, all length 1
-    // All three shapes are the centre pixel alone, packed by rows; A's
-    // sectors give B's box a northern arm, so B cannot run under A's key,
-    // while C's box is cut like A's.
-    EXPECT_EQ(a, c);
-    EXPECT_NE(a, b);
-    check_list_structure(s.list, rows * cols);
-    for (const EntryShapes& x : shapes_per_entry(s)) EXPECT_EQ(x.formed, x.own);
 }
 
 // ---------------------------------------------------------------------------

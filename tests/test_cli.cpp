@@ -250,30 +250,20 @@ TEST_F(Cli, HostileInputsChangeNothing) {
     swio::write_image(path("float.npy"), path("float.npy"), levels(20, 20, 0, 1), sw::SampleType::kFloat64);
     swio::write_image(path("keep.tif"), path("keep.tif"), levels(20, 20, 0, 255), sw::SampleType::kUint8);
     swio::write_image(path("small.png"), path("small.png"), levels(12, 40, 0, 255), sw::SampleType::kUint8);
-    {  // An RGB PNG and an RGB TIFF.
-        std::vector<unsigned char> rgb(4 * 4 * 3, 100);
+    const sw::ColourImage rgb{4, 4, 3, std::vector<double>(48, 100)}, rgba{4, 4, 4, std::vector<double>(64, 100)};
+    for (const char* name : {"rgb.png", "rgb.tif"}) swio::write_channels(path(name), path(name), rgb, sw::SampleType::kUint8);
+    swio::write_channels(path("rgba.png"), path("rgba.png"), rgba, sw::SampleType::kUint8);
+    {  // Grey and alpha, which our writer does not make.
+        std::vector<unsigned char> ga(4 * 4 * 2, 100);
         png_image png;
         std::memset(&png, 0, sizeof png);
         png.version = PNG_IMAGE_VERSION;
         png.width = png.height = 4;
-        png.format = PNG_FORMAT_RGB;
-        ASSERT_TRUE(png_image_write_to_file(&png, path("rgb.png").c_str(), 0, rgb.data(), 0, nullptr));
-        TIFF* t = TIFFOpen(path("rgb.tif").c_str(), "w");
-        TIFFSetField(t, TIFFTAG_IMAGEWIDTH, 4);
-        TIFFSetField(t, TIFFTAG_IMAGELENGTH, 4);
-        TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, 3);
-        TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, 8);
-        TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB);
-        TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-        for (uint32_t r = 0; r < 4; ++r) TIFFWriteScanline(t, rgb.data(), r, 0);
-        TIFFClose(t);
         png.format = PNG_FORMAT_GA;
-        ASSERT_TRUE(png_image_write_to_file(&png, path("ga.png").c_str(), 0, rgb.data(), 0, nullptr));
-        png.format = PNG_FORMAT_RGBA;
-        ASSERT_TRUE(png_image_write_to_file(&png, path("rgba.png").c_str(), 0, rgb.data(), 0, nullptr));
-        std::ofstream(path("c.txt")) << "4 1 0\n1 4 1\n0 1 4\n";
-        std::ofstream(path("k.txt")) << "1 1\n1 1\n";
+        ASSERT_TRUE(png_image_write_to_file(&png, path("ga.png").c_str(), 0, ga.data(), 0, nullptr));
     }
+    std::ofstream(path("c.txt")) << "4 1 0\n1 4 1\n0 1 4\n";
+    std::ofstream(path("k.txt")) << "1 1\n1 1\n";
     std::ofstream(path("bad.png")) << "not a png";
     write_giant_png(path("giant.png"), 100000, 100000);
     write_giant_tiff(path("giant.tif"), 20000);

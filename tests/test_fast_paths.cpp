@@ -497,16 +497,12 @@ TEST(FastPaths, WholeCallsMatchTheReference) {
     LevelGuard guard;
     const std::vector<Level> levels = levels_here();
     for (uint32_t seed = 0; seed < 12; ++seed) {
-        swtest::RandomOptions o;
-        o.h = 1 + seed % 9;
-        const uint32_t w = 2 * o.h - 1;
-        o.n = seed % 3 == 0 ? w + 1 + (w + 1) % 2 : 32;
-        o.m = w + 2;
-        o.k = seed % 2 == 0 ? w : 3;
-        o.random_matrices = seed % 2 == 1;
-        o.repeat_pixels = seed % 4 == 2;
-        o.coverage_threshold = seed % 4 == 3 ? 2 : 1e9;
-        const swtest::CallPlan plan = swtest::random_plan(500 + seed, o);
+        const uint32_t h = 1 + seed % 9, w = 2 * h - 1;
+        const swtest::CallPlan plan = swtest::random_plan(
+            500 + seed, swtest::random_options(h, seed % 3 == 0 ? w + 1 + (w + 1) % 2 : 32, w + 2, seed % 2 == 0 ? w : 3,
+                                               (seed % 2 == 1 ? swtest::kRandomMatrices : 0) |
+                                                   (seed % 4 == 2 ? swtest::kRepeatPixels : 0),
+                                               seed % 4 == 3 ? 2 : 1e9));
         ASSERT_TRUE(sw::simd::set_level(Level::reference));
         swtest::MexCall want = swtest::make_call(plan);
         want.run();
@@ -516,7 +512,7 @@ TEST(FastPaths, WholeCallsMatchTheReference) {
             if (seed % 2 == 0) {
                 got.run();
             } else {
-                got.run_general(o.h);
+                got.run_general(h);
             }
             EXPECT_TRUE(swtest::same_bits(want.output(), got.output()))
                 << "seed " << seed << " level " << sw::simd::name(level);

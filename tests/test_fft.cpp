@@ -68,10 +68,7 @@ TEST(Fft, MatchesTheDirectSumAtEveryPairOfLengths) {
     }
 }
 
-TEST(Fft, RoundTripAndSizes) {
-    const std::vector<double> image = random_image(255, 256);
-    const auto back = swdenoise::ifft2_real(swdenoise::fft2(image.data(), 255, 256), 255, 256);
-    EXPECT_LE(relative_error(back, image), 1e-10);
+TEST(Fft, RefusesWrongSizes) {
     EXPECT_THROW(swdenoise::ifft2_real(std::vector<Complex>(5), 2, 3), sw::DenoiseError);
     EXPECT_THROW(swdenoise::fft2(nullptr, 65536, 32768), sw::DenoiseError);
 }

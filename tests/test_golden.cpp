@@ -28,21 +28,10 @@ namespace {
 
 using swtest::CallPlan;
 
-enum : unsigned { kRandomMatrices = 1, kSquareMasks = 2, kRepeatPixels = 4 };
-
-swtest::RandomOptions options(uint32_t h, uint32_t n, uint32_t m, uint32_t k, unsigned flags = 0,
-                              double coverage_threshold = 1e9) {
-    swtest::RandomOptions o;
-    o.h = h;
-    o.n = n;
-    o.m = m;
-    o.k = k;
-    o.random_matrices = flags & kRandomMatrices;
-    o.random_masks = !(flags & kSquareMasks);
-    o.repeat_pixels = flags & kRepeatPixels;
-    o.coverage_threshold = coverage_threshold;
-    return o;
-}
+using swtest::kRandomMatrices;
+using swtest::kRepeatPixels;
+using swtest::kSquareMasks;
+using swtest::random_options;
 
 // Uniform noise of the given amplitude on the noisy image (the pilot keeps its values).
 CallPlan noisy(CallPlan s, uint32_t seed, double amplitude) {
@@ -59,7 +48,7 @@ struct Golden {
 };
 
 const Golden kGolden[] = {
-    {"N = 32, H = 4, random masks", [] { return swtest::random_plan(101, options(4, 32, 12, 10)); }, false,
+    {"N = 32, H = 4, random masks", [] { return swtest::random_plan(101, random_options(4, 32, 12, 10)); }, false,
      "8b5b21a11ea1d5bc0ed64b7d1bfbea1123dedff6c4efd4747ec0a4204b1f9228"},
     {"N = 32, H = 4, squares, flat regions, zeros, values outside [0, 1]",
      [] {
@@ -81,29 +70,29 @@ const Golden kGolden[] = {
      },
      false, "d50ab1b2e5edcb5316a792196157f49bb6126a782eb1738096440e18b762ee84"},
     {"table path N = 12, H = 3, random matrices",
-     [] { return swtest::random_plan(102, options(3, 12, 9, 11, kRandomMatrices)); }, false,
+     [] { return swtest::random_plan(102, random_options(3, 12, 9, 11, kRandomMatrices)); }, false,
      "3a5139867c979f185b8528628ded8b824db6b5fa89d006dba5feefddb673102a"},
-    {"table path N = 10, H = 5 (variant)", [] { return swtest::random_plan(103, options(5, 10, 7, 6)); },
+    {"table path N = 10, H = 5 (variant)", [] { return swtest::random_plan(103, random_options(5, 10, 7, 6)); },
      false, "ce2b703944541897bbe5a730a143d5a3d5b6d00664342c7bb695829de00bb902"},
-    {"odd N = 9, H = 2, general path", [] { return swtest::random_plan(104, options(2, 9, 8, 7)); }, true,
+    {"odd N = 9, H = 2, general path", [] { return swtest::random_plan(104, random_options(2, 9, 8, 7)); }, true,
      "9c14c0d337e893ae391be04b22191b0fdc746aa98391b456e120c67fbef1d464"},
     {"odd N = 7, H = 4, general path", [] { return noisy(swtest::square_plan(9, 8, 4, 7), 5, 0.2); }, true,
      "0f2e36193922aaf2f080b9a61c73c86eba1d4d9cddb752382330e9c8c5b8b052"},
-    {"H = 1", [] { return swtest::random_plan(105, options(1, 32, 7, 6)); }, false,
+    {"H = 1", [] { return swtest::random_plan(105, random_options(1, 32, 7, 6)); }, false,
      "c8aff498dc9d84c760ada3ebd1ab6d2dac3a35fa5e891d357d1cc74aa56fa89e"},
     {"H = 2, random matrices, square masks",
-     [] { return swtest::random_plan(106, options(2, 32, 8, 9, kRandomMatrices | kSquareMasks)); }, false,
+     [] { return swtest::random_plan(106, random_options(2, 32, 8, 9, kRandomMatrices | kSquareMasks)); }, false,
      "0247d81560932f396773a902fd5986cdbe0eb56ebd970c9b3753efc12f938a60"},
-    {"H = 3, repeated pixels", [] { return swtest::random_plan(107, options(3, 32, 10, 7, kRepeatPixels)); },
+    {"H = 3, repeated pixels", [] { return swtest::random_plan(107, random_options(3, 32, 10, 7, kRepeatPixels)); },
      false, "77ad8269d9489b9d692c27d82af426b77b120a5c3c8f2ad0c6a22135339c114d"},
-    {"coverage threshold 0", [] { return swtest::random_plan(108, options(3, 32, 10, 9, kSquareMasks, 0)); },
+    {"coverage threshold 0", [] { return swtest::random_plan(108, random_options(3, 32, 10, 9, kSquareMasks, 0)); },
      false, "7152f0870bfcb5d7276b8af230a237a150ee11585ef1364555e7cc6524b4a126"},
     {"coverage threshold 1, repeated pixels",
-     [] { return swtest::random_plan(109, options(2, 16, 9, 9, kRepeatPixels, 1)); }, false,
+     [] { return swtest::random_plan(109, random_options(2, 16, 9, 9, kRepeatPixels, 1)); }, false,
      "f93f038dd248103619a9b8fabbac2b3ba656dcc0a91252528e0dfa6313ba1eb6"},
     {"NaN pixels in both images",
      [] {
-         CallPlan s = swtest::random_plan(110, options(3, 32, 8, 8));
+         CallPlan s = swtest::random_plan(110, random_options(3, 32, 8, 8));
          s.noisy[9] = std::nan("");
          s.pilot[40] = std::nan("");
          return s;
@@ -117,21 +106,21 @@ const Golden kGolden[] = {
      },
      false, "d3ac0595cdda44e781c837b5e7cc0a36e9c1543a8765d6967382d8a8fc681229"},
     {"H = 5, random masks, image smaller than the box",
-     [] { return swtest::random_plan(205, options(5, 32, 4, 7)); }, false,
+     [] { return swtest::random_plan(205, random_options(5, 32, 4, 7)); }, false,
      "df33fc148c9a4ff9eb057cd6f10049b1dd5e9d5daf9add655bd0b48139a203b7"},
     {"H = 6, squares with noise", [] { return noisy(swtest::square_plan(13, 11, 6, 32), 6, 0.1); }, false,
      "c731aba3e148f956879dae55139739c7ffcd2d0cc70b58074736559114ac42e2"},
     {"H = 7, random masks and matrices, N = 14",
-     [] { return swtest::random_plan(207, options(7, 14, 6, 8, kRandomMatrices)); }, false,
+     [] { return swtest::random_plan(207, random_options(7, 14, 6, 8, kRandomMatrices)); }, false,
      "5271aebcaa5503403656872474aa0d6078b90b29186acf98e79e03d21057ed3c"},
     {"H = 8, squares with noise", [] { return noisy(swtest::square_plan(10, 9, 8, 32), 8, 0.1); }, false,
      "903603bcb635a00af7831e178486667397fbca7840eb1f4a0daf2e7fcfa71bfc"},
     {"H = 9, random masks, repeated pixels",
-     [] { return swtest::random_plan(209, options(9, 32, 8, 5, kRepeatPixels)); }, false,
+     [] { return swtest::random_plan(209, random_options(9, 32, 8, 5, kRepeatPixels)); }, false,
      "03193065dfd29a91171087e224f0b211991fd9a5bf018eb7c4a0e36815bd57f4"},
     {"H = 10, squares with noise, N = 20", [] { return noisy(swtest::square_plan(6, 7, 10, 20), 10, 0.1); },
      false, "eb428ed9769c80eac9017d7df3e02960fef432b8e54de597fa60cc8afdcc523c"},
-    {"H = 11, random masks", [] { return swtest::random_plan(211, options(11, 32, 5, 6)); }, false,
+    {"H = 11, random masks", [] { return swtest::random_plan(211, random_options(11, 32, 5, 6)); }, false,
      "e9d4b3f94928c5daf815b147e47ac6b66fbcadd916fe39c11365436a851cf7b3"},
 };
 

@@ -57,7 +57,8 @@ void key_runs(CallPlan* plan, uint32_t seed) {
 struct Case {
     const char* what;
     uint32_t h, n, m, k;
-    bool random_masks, repeat, key_runs;
+    unsigned flags;
+    bool key_runs;
     double threshold;
 };
 
@@ -66,28 +67,20 @@ TEST(Threads, EveryThreadCountGivesTheReferenceBits) {
         // Chunks end at the entry, key-change and value limits (256 entries,
         // 99 key changes at H = 11, or values of about 240 boxes clipped to
         // a 20 x 20 image).
-        {"H 11, a key per entry", 11, 32, 12, 12, true, false, false, 1e9},
-        {"H 11, key runs", 11, 32, 20, 20, true, false, true, 1e9},
-        {"large list", 4, 32, 36, 30, true, false, false, 1e9},
-        {"threshold 0", 4, 32, 30, 30, true, false, false, 0},
-        {"threshold 1, repeated pixels", 5, 32, 24, 26, true, true, false, 1},
-        {"threshold 3, key runs", 4, 32, 30, 24, false, true, true, 3},
-        {"key runs, table path", 4, 16, 20, 18, true, false, true, 1e9},
-        {"general H, table path", 3, 10, 17, 15, true, true, false, 1},
-        {"general H, key runs", 2, 32, 25, 30, true, false, true, 0},
-        {"tiny image", 6, 32, 3, 2, true, true, false, 1e9},
+        {"H 11, a key per entry", 11, 32, 12, 12, 0, false, 1e9},
+        {"H 11, key runs", 11, 32, 20, 20, 0, true, 1e9},
+        {"large list", 4, 32, 36, 30, 0, false, 1e9},
+        {"threshold 0", 4, 32, 30, 30, 0, false, 0},
+        {"threshold 1, repeated pixels", 5, 32, 24, 26, swtest::kRepeatPixels, false, 1},
+        {"threshold 3, key runs", 4, 32, 30, 24, swtest::kSquareMasks | swtest::kRepeatPixels, true, 3},
+        {"key runs, table path", 4, 16, 20, 18, 0, true, 1e9},
+        {"general H, table path", 3, 10, 17, 15, swtest::kRepeatPixels, false, 1},
+        {"general H, key runs", 2, 32, 25, 30, 0, true, 0},
+        {"tiny image", 6, 32, 3, 2, swtest::kRepeatPixels, false, 1e9},
     };
     uint32_t seed = 40;
     for (const Case& c : cases) {
-        swtest::RandomOptions o;
-        o.h = c.h;
-        o.n = c.n;
-        o.m = c.m;
-        o.k = c.k;
-        o.random_masks = c.random_masks;
-        o.repeat_pixels = c.repeat;
-        o.coverage_threshold = c.threshold;
-        CallPlan plan = swtest::random_plan(++seed, o);
+        CallPlan plan = swtest::random_plan(++seed, swtest::random_options(c.h, c.n, c.m, c.k, c.flags, c.threshold));
         if (c.key_runs) key_runs(&plan, seed);
         const Result reference = run(plan, with_threads(1, true));
         for (unsigned threads : {1u, 2u, 3u, 8u}) {
@@ -147,12 +140,8 @@ TEST(Threads, FlatLevelsOnlyForAFlatSpectrumAndOrthonormalMatrices) {
     };
     uint32_t seed = 70;
     for (const auto& row : rows) {
-        swtest::RandomOptions o;
-        o.h = 5;
-        o.m = 16;
-        o.k = 14;
-        o.random_matrices = row.random_matrices;
-        CallPlan plan = swtest::random_plan(++seed, o);
+        CallPlan plan = swtest::random_plan(
+            ++seed, swtest::random_options(5, 32, 16, 14, row.random_matrices ? swtest::kRandomMatrices : 0));
         if (row.flat_psd) std::fill(plan.psd.begin(), plan.psd.end(), 0.37);
         for (double& v : plan.transforms.back()) v *= row.matrix_scale;
         const std::vector<double> expected = run(plan, with_threads(1, true)).output;
@@ -179,11 +168,8 @@ TEST(Threads, FlatLevelsOnlyForAFlatSpectrumAndOrthonormalMatrices) {
 }
 
 TEST(Threads, ProgressRunsOnTheCallingThreadAndStopsTheCall) {
-    swtest::RandomOptions o;
-    o.m = 90;
-    o.k = 100;  // 9000 entries: progress is offered a turn
-    o.random_masks = false;
-    CallPlan plan = swtest::random_plan(7, o);
+    // 9000 entries: progress is offered a turn.
+    CallPlan plan = swtest::random_plan(7, swtest::random_options(4, 32, 90, 100, swtest::kSquareMasks));
     for (int32_t& key : plan.keys) key = 1;  // one noise-level computation
     for (unsigned threads : {1u, 3u}) {
         std::vector<double> seen;

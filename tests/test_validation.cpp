@@ -21,14 +21,8 @@ using swtest::Fault;
 using swtest::MexCall;
 
 std::vector<CallPlan> base_plans() {
-    swtest::RandomOptions o;
-    o.h = 2;
-    o.n = 6;
-    o.m = 6;
-    o.k = 5;
-    std::vector<CallPlan> plans = {swtest::random_plan(7, o), swtest::square_plan(4, 7, 3, 32),
-                                   swtest::square_plan(3, 1, 1, 2), swtest::square_plan(0, 7, 2, 4)};
-    return plans;
+    return {swtest::random_plan(7, swtest::random_options(2, 6, 6, 5)), swtest::square_plan(4, 7, 3, 32),
+            swtest::square_plan(3, 1, 1, 2), swtest::square_plan(0, 7, 2, 4)};
 }
 
 TEST(Validation, EveryFaultRaisesItsIdentifierAndChangesNothing) {

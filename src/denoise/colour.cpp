@@ -592,13 +592,15 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
                 frame.value_max = colour.tile_ranges[2 * k + 1] / scale[k];
             }
             // The colour differences (rows 1 and 2 of the rotation) carry
-            // little detail: their second pass, too, runs on the sparse
-            // lattice, and their last on the checkerboard
+            // little detail: their first two passes run on every fifth
+            // diagonal line of the frame, their last on every third
             // (bench/RESULTS.md).
             Settings channel_settings = settings;
             if (colour.joint && k > 0) {
                 channel_settings.sparse_passes = 2;
-                channel_settings.checkerboard_last = true;
+                channel_settings.pilot_step = 5;
+                channel_settings.pilot_diagonal = true;
+                channel_settings.last_step = 3;
             }
             const Image estimate = run_pipeline(channel, models[k], channel_settings, options.threads,
                                                 part, &one, frame,

@@ -357,7 +357,7 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     // full passes (the list has one key per distinct shape).
     const bool sparse_pilot = settings.passes > 1 && settings.pilot_step > 1;
     const int sparse_passes = sparse_pilot ? std::min(settings.sparse_passes, settings.passes - 1) : 0;
-    const bool checkerboard = settings.checkerboard_last && settings.passes > 1;
+    const bool diagonal_last = settings.last_step > 1 && settings.passes > 1;
     const double share = 0.9 / settings.passes;
     // How far outside the data's range an estimate may come and still be
     // taken as an estimate (see settle): 4 noise deviations, at most 0.05 of
@@ -378,9 +378,10 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
                      return !progress || progress(begin + share * fraction, phase);
                  },
                  pass < sparse_passes ? settings.pilot_step
-                 : checkerboard && pass == settings.passes - 1 ? 2
-                                                               : 1,
-                 checkerboard && pass == settings.passes - 1);
+                 : diagonal_last && pass == settings.passes - 1 ? settings.last_step
+                                                                : 1,
+                 pass < sparse_passes ? settings.pilot_diagonal
+                                      : diagonal_last && pass == settings.passes - 1);
         at = begin + share;
         stage = phase;
         const uint32_t h = settings.adaptive ? settings.rule.lengths.back() : settings.square_scale;
@@ -392,12 +393,14 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     done.key_changes = static_cast<uint64_t>(done.passes) * shapes.list.key_changes;
     if (sparse_pilot) {
         const PassCount first =
-            sparse_pass_count(shapes.list, rows, frame.row0, frame.col0, settings.pilot_step);
+            sparse_pass_count(shapes.list, rows, frame.row0, frame.col0, settings.pilot_step,
+                              settings.pilot_diagonal);
         done.accepted_entries -= (uint64_t{rows} * cols - first.entries) * sparse_passes;
         done.key_changes -= (shapes.list.key_changes - first.key_changes) * sparse_passes;
     }
-    if (checkerboard) {
-        const PassCount last = sparse_pass_count(shapes.list, rows, frame.row0, frame.col0, 2, true);
+    if (diagonal_last) {
+        const PassCount last =
+            sparse_pass_count(shapes.list, rows, frame.row0, frame.col0, settings.last_step, true);
         done.accepted_entries -= uint64_t{rows} * cols - last.entries;
         done.key_changes -= shapes.list.key_changes - last.key_changes;
     }

@@ -39,12 +39,16 @@ struct Settings {
     // `sparse_passes`: how many passes (from the first, fewer than
     // `passes`) run on that lattice; the colour differences of a colour
     // image, smooth where the luminance has the detail, take two.
+    // `pilot_diagonal`: those passes take the diagonal lines of the frame
+    // whose row plus column is a multiple of pilot_step instead.
     uint32_t pilot_step = 2;
     int sparse_passes = 1;
-    // The last pass on the checkerboard of the frame (the pixels whose row
-    // plus column is even) instead of every pixel, when there are at least
-    // two passes; the colour differences take it.
-    bool checkerboard_last = false;
+    bool pilot_diagonal = false;
+    // The last pass on diagonal lines of the frame, the pixels whose row
+    // plus column is a multiple of `last_step` (2: the checkerboard, 3: a
+    // third of the pixels), when there are at least two passes; 1: every
+    // pixel. The colour differences take 3.
+    uint32_t last_step = 1;
     // Map the image affinely onto [0, 1] before filtering (see denoise.h);
     // off: filter the values as they are.
     bool normalise_range = true;

@@ -13,13 +13,18 @@
 namespace swtest {
 namespace {
 
-std::vector<char> read_file(const std::string& path) {
-    FILE* f = std::fopen(path.c_str(), "rb");
-    if (f == nullptr) throw std::runtime_error("cannot open " + path);
+std::vector<char> read_all(FILE* f) {
     std::vector<char> bytes;
     char buffer[1 << 16];
     size_t got;
     while ((got = std::fread(buffer, 1, sizeof buffer, f)) > 0) bytes.insert(bytes.end(), buffer, buffer + got);
+    return bytes;
+}
+
+std::vector<char> read_file(const std::string& path) {
+    FILE* f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) throw std::runtime_error("cannot open " + path);
+    std::vector<char> bytes = read_all(f);
     std::fclose(f);
     return bytes;
 }
@@ -28,10 +33,7 @@ std::vector<char> read_file(const std::string& path) {
 std::vector<char> read_gzip(const std::string& path) {
     FILE* pipe = popen(("gzip -dc '" + path + "'").c_str(), "r");
     if (pipe == nullptr) throw std::runtime_error("cannot run gzip on " + path);
-    std::vector<char> bytes;
-    char buffer[1 << 16];
-    size_t got;
-    while ((got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) bytes.insert(bytes.end(), buffer, buffer + got);
+    std::vector<char> bytes = read_all(pipe);
     if (pclose(pipe) != 0) throw std::runtime_error("gzip failed on " + path);
     return bytes;
 }

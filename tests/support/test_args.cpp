@@ -208,6 +208,12 @@ std::vector<double> smooth_image(uint32_t m, uint32_t k) {
     return img;
 }
 
+RandomOptions random_options(uint32_t h, uint32_t n, uint32_t m, uint32_t k, unsigned flags,
+                             double coverage_threshold) {
+    return RandomOptions{h, n, m, k, !(flags & kSquareMasks), (flags & kRandomMatrices) != 0,
+                         (flags & kRepeatPixels) != 0, coverage_threshold};
+}
+
 CallPlan random_plan(uint32_t seed, const RandomOptions& o) {
     std::mt19937 rng(seed);
     CallPlan s;

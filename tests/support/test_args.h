@@ -128,6 +128,11 @@ struct RandomOptions {
     double coverage_threshold = 1e9;  // never skip
 };
 
+// The options in one expression; flags from these.
+constexpr unsigned kRandomMatrices = 1, kSquareMasks = 2, kRepeatPixels = 4;
+RandomOptions random_options(uint32_t h, uint32_t n, uint32_t m, uint32_t k, unsigned flags = 0,
+                             double coverage_threshold = 1e9);
+
 // A random contract-valid call: random scales, masks, spectrum, images (a
 // few exact zeros) and factors; every entry its own key unless it repeats
 // the previous pixel.
