@@ -397,23 +397,4 @@ TEST(FastPaths, WholeCallsMatchTheReference) {
     }
 }
 
-// The level can be forced by name, and only to a level this machine has.
-TEST(SimdLevel, NamesAndSupport) {
-    LevelGuard guard;
-    for (int i = 0; i < sw::simd::kLevelCount; ++i) {
-        const Level level = static_cast<Level>(i);
-        Level parsed;
-        ASSERT_TRUE(sw::simd::parse(sw::simd::name(level), &parsed));
-        EXPECT_EQ(parsed, level);
-        EXPECT_EQ(sw::simd::set_level(level), sw::simd::supported(level));
-        if (sw::simd::supported(level)) {
-            EXPECT_EQ(sw::simd::active(), level);
-        }
-    }
-    Level parsed;
-    EXPECT_FALSE(sw::simd::parse("avx1024", &parsed));
-    EXPECT_TRUE(sw::simd::supported(Level::scalar));
-    EXPECT_TRUE(sw::simd::supported(sw::simd::best()));
-}
-
 }  // namespace
