@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <exception>
 #include <limits>
 #include <new>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "denoise/clipped.h"
@@ -12,6 +14,7 @@
 #include "denoise/noise.h"
 #include "denoise/peaks.h"
 #include "denoise/pipeline.h"
+#include "driver/parallel.h"
 #include "shapewiener/noise.h"
 #include "shapewiener/units.h"
 
@@ -169,7 +172,9 @@ double mean_of(const std::vector<double>& v) {
     return sum / static_cast<double>(v.size());
 }
 
-// A spatial model scaled to per-pixel variance `variance`.
+// A spatial model scaled to per-pixel variance `variance`. A flat spectrum
+// (an estimate of white noise) becomes the white model: the same noise,
+// without the spectrum's transforms in every channel's set-up.
 sw::NoiseModel scaled_model(const sw::NoiseModel& m, double variance) {
     switch (m.kind) {
         case sw::NoiseModel::Kind::kWhite:
@@ -178,6 +183,9 @@ sw::NoiseModel scaled_model(const sw::NoiseModel& m, double variance) {
             return sw::NoiseModel::from_kernel(m.kernel, m.kernel_rows, m.kernel_cols,
                                                std::sqrt(variance));
         case sw::NoiseModel::Kind::kPsd: {
+            if (std::all_of(m.psd.begin(), m.psd.end(), [&](double p) { return p == m.psd[0]; })) {
+                return sw::NoiseModel::white(std::sqrt(variance));
+            }
             double sum = 0.0;
             for (double p : m.psd) sum += p;
             const double factor = variance / (sum / static_cast<double>(m.psd.size()));
@@ -329,26 +337,62 @@ ColourNoiseEstimate estimate_colour_noise(const ColourImage& image,
     out.cols = cols;
     out.usable_fraction = 1.0;
     out.white = true;
-    Image sum{rows, cols, std::vector<double>(plane)};
     bool differences_white = true;
     // Where any of R, G, B is clipped, every rotated channel's noise is cut.
     const std::vector<char> clipped = clipped_pixels(image.pixels.data(), plane, kColours);
+    // The six estimates are independent. With more than one thread, a
+    // second thread takes every other image and each estimate runs on one
+    // (its bits do not depend on the count); only the calling thread
+    // reports progress.
+    sw::RunOptions run;
+    run.threads = options.threads;
+    const uint32_t lanes = requested_threads(run) > 1 ? 2 : 1;
+    NoiseEstimateOptions one = options;
+    if (lanes > 1) one.threads = 1;
+    std::array<NoiseEstimate, kImages> found;
+    const auto estimate_lane = [&](uint32_t lane, const Progress& lane_progress) {
+        Image sum{rows, cols, std::vector<double>(plane)};
+        for (uint32_t k = lane, j = 0; k < kImages; k += lanes, ++j) {
+            if (k >= kColours) {
+                const Image& x = channels[kPairs[k - 3][0]];
+                const Image& y = channels[kPairs[k - 3][1]];
+                for (size_t p = 0; p < plane; ++p) sum.pixels[p] = (x.pixels[p] + y.pixels[p]) / std::sqrt(2.0);
+            }
+            const Progress part = [&](double fraction, const char* phase) {
+                return !lane_progress || lane_progress((j + fraction) * lanes / kImages, phase);
+            };
+            found[k] = estimate_noise_unclipped(k < kColours ? channels[k] : sum, one, part, clipped);
+        }
+    };
+    {
+        std::exception_ptr failed;
+        std::thread second;
+        if (lanes > 1) {
+            second = std::thread([&] {
+                try {
+                    estimate_lane(1, Progress());
+                } catch (...) {
+                    failed = std::current_exception();
+                }
+            });
+        }
+        struct Join {
+            std::thread* t;
+            ~Join() {
+                if (t->joinable()) t->join();
+            }
+        } join{&second};
+        estimate_lane(0, progress);
+        if (second.joinable()) second.join();
+        if (failed) std::rethrow_exception(failed);
+    }
     for (uint32_t k = 0; k < kImages; ++k) {
-        if (k >= kColours) {
-            const Image& x = channels[kPairs[k - 3][0]];
-            const Image& y = channels[kPairs[k - 3][1]];
-            for (size_t p = 0; p < plane; ++p) sum.pixels[p] = (x.pixels[p] + y.pixels[p]) / std::sqrt(2.0);
-        }
-        const Progress part = [&](double fraction, const char* phase) {
-            return !progress || progress((k + fraction) / kImages, phase);
-        };
-        NoiseEstimate e = estimate_noise_unclipped(k < kColours ? channels[k] : sum, options, part, clipped);
         if (k < kColours) {
-            out.usable_fraction = std::min(out.usable_fraction, e.usable_fraction);
-            out.white = out.white && e.white;
-            if (k > 0) differences_white = differences_white && e.white;
+            out.usable_fraction = std::min(out.usable_fraction, found[k].usable_fraction);
+            out.white = out.white && found[k].white;
+            if (k > 0) differences_white = differences_white && found[k].white;
         }
-        psd[k] = std::move(e.psd);
+        psd[k] = std::move(found[k].psd);
     }
     // The shape. A first guess: the colour differences' spectra together
     // (the luminance's when they hold nothing). Then, kShapeRounds times,
