@@ -12,6 +12,7 @@ preset and the noise form.
 """
 
 import argparse
+import csv
 import datetime
 import glob
 import hashlib
@@ -360,6 +361,9 @@ def parse_args(argv):
                    help="psd: always --psd; native: --sigma for white, --kernel + --sigma "
                         "for single-kernel noises, --psd for the rest")
     p.add_argument("--rerun-ours", action="store_true", help="ignore cached ours results")
+    p.add_argument("--before", action="append", default=[], metavar="LABEL=CSV",
+                   help="an earlier ours beside this one: the 'ours' rows of a CSV this script "
+                        "wrote, shown as method LABEL (repeatable)")
     p.add_argument("--results", help="markdown output (default bench/quality/RESULTS.md; "
                    "with --quick, <cache>/RESULTS-quick.md)")
     p.add_argument("--figure", help="before/after PNG (default bench/quality/before_after.png; "
@@ -468,7 +472,23 @@ def main(argv=None):
                         figure_ours[label] = np.load(est_path)
                     records[c][label] = r
 
-    methods = ours_labels + peer_list
+    # Earlier ours results, read from CSVs of earlier runs.
+    before_labels = []
+    for spec in a.before:
+        label, _, path = spec.partition("=")
+        if not path or label in ours_labels + peer_list + ["noisy"]:
+            sys.exit(f"--before {spec!r}: give LABEL=CSV with a label of its own")
+        with open(path) as f:
+            rows = {(r["image"], r["noise"], float(r["sigma"])): r
+                    for r in csv.DictReader(f) if r["method"] == "ours"}
+        for c in all_cases:
+            if c not in rows:
+                sys.exit(f"--before {spec!r}: no ours row for {c}")
+            r = rows[c]
+            records[c][label] = {k: float(r[k]) for k in ("psnr", "ssim", "cpu_seconds", "seconds")}
+        before_labels.append(label)
+
+    methods = before_labels + ours_labels + peer_list
     nice = os.nice(0)
     argv_s = shlex.join(sys.argv[1:] if argv is None else argv)
     command = (f"nice -n {nice} " if nice else "") + f"/usr/bin/python3 bench/quality/quality.py {argv_s}"
@@ -477,7 +497,7 @@ def main(argv=None):
             "tune_cpu": tune_cpu, "tune_wall": tune_wall, "wall": time.perf_counter() - t_start,
             "ours_command": shlex.join(cmd) if cmd else "", "threads": a.threads,
             "noise_form": a.noise_form}
-    write_report(results, records, methods, ours_labels, info)
+    write_report(results, records, methods, before_labels + ours_labels, info)
     write_csv(os.path.splitext(results)[0] + ".csv", records, methods)
     print(f"wrote {results}", file=sys.stderr)
 

@@ -58,6 +58,11 @@ void check_image(const sw::Image& image, uint32_t min_side, const char* purpose)
 Settings preset_settings(const std::string& name) {
     Settings s;
     s.peaks.enabled = true;
+    // The second pass, only the third's pilot, runs on the checkerboard
+    // (white noise) or the first pass's sparse lattice (coloured noise):
+    // bench/RESULTS.md.
+    s.checkerboard_pilots = true;
+    s.sparse_pilots_coloured = true;
     if (name == "default") return s;
     if (name == "fast") {
         s.adaptive = false;
@@ -356,8 +361,20 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     // settings.sparse_passes passes); it shares the plan's levels with the
     // full passes (the list has one key per distinct shape).
     const bool sparse_pilot = settings.passes > 1 && settings.pilot_step > 1;
-    const int sparse_passes = sparse_pilot ? std::min(settings.sparse_passes, settings.passes - 1) : 0;
+    const int sparse_passes = !sparse_pilot ? 0
+                              : !white && settings.sparse_pilots_coloured
+                                  ? settings.passes - 1
+                                  : std::min(settings.sparse_passes, settings.passes - 1);
     const bool diagonal_last = settings.last_step > 1 && settings.passes > 1;
+    // Every pass's lattice: the sparse passes', the last's, and between
+    // them the checkerboard or every pixel.
+    const int checkerboard_passes =
+        settings.checkerboard_pilots ? std::max(0, settings.passes - 1 - sparse_passes) : 0;
+    const auto lattice_step = [&](int pass) -> uint32_t {
+        if (pass < sparse_passes) return settings.pilot_step;
+        if (pass == settings.passes - 1) return diagonal_last ? settings.last_step : 1;
+        return checkerboard_passes > 0 ? 2 : 1;
+    };
     const double share = 0.9 / settings.passes;
     // How far outside the data's range an estimate may come and still be
     // taken as an estimate (see settle): 4 noise deviations, at most 0.05 of
@@ -377,11 +394,8 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
                  [&](double fraction) {
                      return !progress || progress(begin + share * fraction, phase);
                  },
-                 pass < sparse_passes ? settings.pilot_step
-                 : diagonal_last && pass == settings.passes - 1 ? settings.last_step
-                                                                : 1,
-                 pass < sparse_passes ? settings.pilot_diagonal
-                                      : diagonal_last && pass == settings.passes - 1);
+                 lattice_step(pass),
+                 pass < sparse_passes ? settings.pilot_diagonal : lattice_step(pass) > 1);
         at = begin + share;
         stage = phase;
         const uint32_t h = settings.adaptive ? settings.rule.lengths.back() : settings.square_scale;
@@ -403,6 +417,11 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
             sparse_pass_count(shapes.list, rows, frame.row0, frame.col0, settings.last_step, true);
         done.accepted_entries -= uint64_t{rows} * cols - last.entries;
         done.key_changes -= shapes.list.key_changes - last.key_changes;
+    }
+    if (checkerboard_passes > 0) {
+        const PassCount half = sparse_pass_count(shapes.list, rows, frame.row0, frame.col0, 2, true);
+        done.accepted_entries -= (uint64_t{rows} * cols - half.entries) * checkerboard_passes;
+        done.key_changes -= (shapes.list.key_changes - half.key_changes) * checkerboard_passes;
     }
 
     sw::Image out;

@@ -49,6 +49,13 @@ struct Settings {
     // third of the pixels), when there are at least two passes; 1: every
     // pixel. The colour differences take 3.
     uint32_t last_step = 1;
+    // The passes after the sparse ones and before the last, whose estimates
+    // are only pilots too: on the checkerboard of the frame instead of
+    // every pixel (`checkerboard_pilots`), or, with coloured noise, on the
+    // lattice of the sparse passes (`sparse_pilots_coloured`). The default
+    // preset takes both.
+    bool checkerboard_pilots = false;
+    bool sparse_pilots_coloured = false;
     // Map the image affinely onto [0, 1] before filtering (see denoise.h);
     // off: filter the values as they are.
     bool normalise_range = true;
