@@ -314,7 +314,6 @@ TEST_F(Cli, HostileInputsChangeNothing) {
         {"denoise int64.npy OUT --sigma 25", 1, "9007199254740993, beyond 2^53"},
         // Noise and options.
         {"denoise grey.png OUT --sigma 0", 1, "standard deviation"},
-        {"denoise grey.png OUT --sigma nan", 1, "standard deviation"},
         {"denoise grey.png OUT --sigma 25 --noise-out p.npy", 2, "--sigma excludes --noise-out"},
         {"denoise grey.png OUT --noise-out p.txt", 1, "written as .npy"},
         {"noise grey.png --psd-out nodir/p.npy", 1, "the output folder"},

@@ -1,7 +1,8 @@
 // The fast hot paths against the reference routines, bit for bit, at every
 // SIMD level this machine has: noise levels, forward and inverse shape
 // transforms on random shapes, and whole filter calls; and the reference
-// routines' own properties on the same shapes.
+// routines' own properties on the same shapes. (The listed shapes of the
+// optimised loop against the reference path: whole calls, test_threads.cpp.)
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -14,11 +15,7 @@
 
 #include "driver/box.h"
 #include "driver/workspace.h"
-#include "estimate/aggregate.h"
-#include "estimate/wiener.h"
 #include "shape/gather.h"
-#include "estimate/listed.h"
-#include "shape/shape_layout.h"
 #include "simd/simd.h"
 #include "spectrum/levels_fast.h"
 #include "spectrum/noise_level.h"
@@ -371,126 +368,6 @@ TEST(FastTransforms, LongLines) {
     expect_transforms_match(s, ng, pg, "W 67");
 }
 
-// Gathering, centring, shrinking and aggregating (in one step or in the
-// threaded driver's two) through the shape's pixel list give what
-// gather_shape, remove_mean, wiener_shrink and aggregate_shape give: random
-// sector
-// masks, clippings, orientations, NaN pixels and estimates around [0, 1].
-TEST(ListedShapes, GatherAndAggregateLikeTheReference) {
-    std::mt19937 rng(77);
-    std::uniform_real_distribution<double> unit(0.0, 1.0);
-    for (uint32_t trial = 0; trial < 300; ++trial) {
-        const uint32_t h = 1 + rng() % 11, w = 2 * h - 1;
-        const sw::RuntimeBox box{h};
-        std::vector<std::vector<uint8_t>> cells(8, std::vector<uint8_t>(w * w));
-        const uint8_t* masks[8];
-        for (uint32_t d = 0; d < 8; ++d) {
-            for (auto& b : cells[d]) b = unit(rng) < 0.1 ? uint8_t(1 + rng() % 255) : 0;
-            masks[d] = cells[d].data();
-        }
-        const uint32_t m = 1 + rng() % (w + 3), k = 1 + rng() % (w + 3);
-        const uint32_t row = rng() % m, col = rng() % k;
-        std::vector<double> noisy(m * k), pilot(m * k);
-        for (auto& v : noisy) v = unit(rng) < 0.02 ? std::nan("") : unit(rng);
-        for (auto& v : pilot) v = unit(rng);
-        const bool by_columns = rng() % 2 == 0;
-        const sw::ClippedBox clip = sw::clipped_box(row, col, m, k, h);
-
-        std::vector<float> ng(w * w, 9.0f), pg = ng, ng2 = ng, pg2 = ng;
-        std::vector<uint8_t> mask(w * w, 9), mask2 = mask;
-        std::vector<int32_t> cc(w, 9), rc = cc, cur = cc, cc2 = cc, rc2 = cc, cur2 = cc;
-        const sw::GatherResult want =
-            sw::gather_shape(box, row, col, clip, masks, by_columns, noisy.data(), pilot.data(), m,
-                             mask.data(), ng.data(), pg.data(), cc.data(), rc.data(), cur.data());
-        std::vector<uint32_t> offsets(w * w), slots(w * w);
-        sw::ShapeLayout layout{offsets.data(), slots.data()};
-        sw::build_layout(box, row, col, clip, masks, by_columns, m, mask2.data(), cc2.data(),
-                         &layout);
-        const sw::GatherResult got =
-            sw::gather_listed(box, clip, layout, noisy.data(), pilot.data(), m, ng2.data(),
-                              pg2.data(), rc2.data(), cur2.data());
-        EXPECT_EQ(want.max_column_count, got.max_column_count) << trial;
-        EXPECT_EQ(want.shape_size, got.shape_size) << trial;
-        EXPECT_TRUE(same(want.noisy_mean, got.noisy_mean) && same(want.pilot_mean, got.pilot_mean));
-        EXPECT_EQ(first_difference(ng, ng2), UINT32_MAX) << trial;
-        EXPECT_EQ(first_difference(pg, pg2), UINT32_MAX) << trial;
-        EXPECT_TRUE(mask == mask2 && cc == cc2 && rc == rc2 && cur == cur2) << trial;
-        std::vector<float> nc(w * w, 9.0f), pc = nc, nc2 = nc, pc2 = nc;
-        sw::remove_mean(box, want.noisy_mean, ng.data(), pg.data(), nc.data(), pc.data());
-        sw::remove_mean_listed(box, layout, got.noisy_mean, ng2.data(), pg2.data(), nc2.data(),
-                               pc2.data());
-        EXPECT_EQ(first_difference(ng, ng2), UINT32_MAX) << trial;
-        EXPECT_EQ(first_difference(pg, pg2), UINT32_MAX) << trial;
-        EXPECT_TRUE(nc == nc2 && pc == pc2) << trial;
-
-        // Shrinkage of coefficients where the forward transform leaves them
-        // (some 0 or NaN), with levels and gather arrays filled everywhere.
-        const int32_t groups = int32_t(rng() % (w + 1));
-        std::vector<int32_t> lengths(w, 0);
-        std::vector<float> levels(w * w), y(w * w, 0.0f), e(w * w, 0.0f);
-        for (int32_t r = 0; r < groups; ++r) {
-            lengths[r] = int32_t(rng() % (w + 1));
-            for (int32_t k = 0; k < lengths[r]; ++k) {
-                const double u = unit(rng);
-                y[r * w + k] = u < 0.1 ? 0.0f : u < 0.13 ? std::nanf("") : float(unit(rng) - 0.5);
-                e[r * w + k] = unit(rng) < 0.1 ? 0.0f : float(unit(rng) - 0.5);
-            }
-        }
-        for (auto& v : levels) v = unit(rng) < 0.05 ? 0.0f : float(unit(rng));
-        std::vector<float> y2 = y, fill(w * w, 3.0f), fill2 = fill, fill3 = fill, fill4 = fill;
-        const float dc_level = float(unit(rng)), lambda = float(1 + 3 * unit(rng));
-        const sw::ShrinkResult sw1 =
-            sw::wiener_shrink(box, y.data(), e.data(), levels.data(), dc_level, 0.3f, 0.2f, 9.0,
-                              lambda, fill.data(), fill2.data());
-        const sw::ShrinkResult sw2 = sw::wiener_shrink_listed(
-            box, lengths.data(), groups, y2.data(), e.data(), levels.data(), dc_level, 0.3f, 0.2f,
-            9.0, lambda, fill3.data(), fill4.data());
-        EXPECT_TRUE(same(sw1.dc_estimate, sw2.dc_estimate) &&
-                    same(sw1.estimate_variance, sw2.estimate_variance))
-            << trial;
-        EXPECT_EQ(first_difference(y, y2), UINT32_MAX) << trial;
-        EXPECT_TRUE(fill == fill3 && fill2 == fill4) << trial;
-
-        // Estimates, some of them outside [0, 1] or NaN, onto an image
-        // that already holds sums.
-        std::vector<float> packed(w * w);
-        for (auto& v : packed) v = unit(rng) < 0.02 ? std::nanf("") : float(2.4 * unit(rng) - 1.2);
-        const float dc = float(unit(rng) - 0.5), variance = float(unit(rng) + 0.01);
-        const double size = std::max(1.0, double(want.shape_size));
-        std::vector<double> out(m * k);
-        std::vector<float> sums(m * k);
-        std::vector<uint16_t> counts(m * k);
-        for (uint32_t p = 0; p < m * k; ++p) {
-            out[p] = unit(rng);
-            sums[p] = float(unit(rng));
-            counts[p] = uint16_t(rng() % 4);
-        }
-        std::vector<double> out2 = out;
-        std::vector<float> sums2 = sums, scratch(w * w);
-        std::vector<uint16_t> counts2 = counts;
-        sw::aggregate_shape(box, row, col, clip, packed.data(), cc.data(), by_columns, mask.data(),
-                            dc, variance, size, m, scratch.data(), out.data(), sums.data(),
-                            counts.data());
-        sw::aggregate_listed(clip, layout, packed.data(), dc, variance, size, m, out2.data(),
-                             sums2.data(), counts2.data());
-        EXPECT_TRUE(swtest::same_bits(out, out2)) << trial;
-        EXPECT_EQ(first_difference(sums, sums2), UINT32_MAX) << trial;
-        EXPECT_TRUE(counts == counts2) << trial;
-
-        // A second entry on the same pixels, in one step and in the
-        // threaded driver's two halves.
-        std::vector<double> out3 = out2;
-        std::vector<float> sums3 = sums2, values(w * w);
-        sw::aggregate_listed(clip, layout, packed.data(), dc, variance, size, m, out2.data(),
-                             sums2.data(), counts2.data());
-        const double weight =
-            sw::estimate_listed(layout, packed.data(), dc, variance, size, values.data());
-        sw::commit_listed(clip, layout, values.data(), weight, m, out3.data(), sums3.data());
-        EXPECT_TRUE(swtest::same_bits(out2, out3)) << trial;
-        EXPECT_EQ(first_difference(sums2, sums3), UINT32_MAX) << trial;
-    }
-}
-
 // Whole calls (variants, general path, both spectrum paths, skipped and
 // repeated pixels) give the reference's bits at every level.
 TEST(FastPaths, WholeCallsMatchTheReference) {
@@ -518,25 +395,6 @@ TEST(FastPaths, WholeCallsMatchTheReference) {
                 << "seed " << seed << " level " << sw::simd::name(level);
         }
     }
-}
-
-// The level can be forced by name, and only to a level this machine has.
-TEST(SimdLevel, NamesAndSupport) {
-    LevelGuard guard;
-    for (int i = 0; i < sw::simd::kLevelCount; ++i) {
-        const Level level = static_cast<Level>(i);
-        Level parsed;
-        ASSERT_TRUE(sw::simd::parse(sw::simd::name(level), &parsed));
-        EXPECT_EQ(parsed, level);
-        EXPECT_EQ(sw::simd::set_level(level), sw::simd::supported(level));
-        if (sw::simd::supported(level)) {
-            EXPECT_EQ(sw::simd::active(), level);
-        }
-    }
-    Level parsed;
-    EXPECT_FALSE(sw::simd::parse("avx1024", &parsed));
-    EXPECT_TRUE(sw::simd::supported(Level::scalar));
-    EXPECT_TRUE(sw::simd::supported(sw::simd::best()));
 }
 
 }  // namespace

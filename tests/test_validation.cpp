@@ -74,18 +74,6 @@ TEST(Validation, ArgumentCountsAndEmptyImages) {
     }
 }
 
-TEST(Validation, FractionalMaxScaleSelectsTheRoundedSize) {
-    CallPlan plan = swtest::square_plan(6, 5, 4, 32);
-    for (const auto& c : {std::make_pair(3.5, ""),
-                          {4.49, ""},
-                          {3.49, "shapewiener:SectorMaskBank:cellCount"},
-                          {4.5, "shapewiener:TransformBank:tooFewCells"}}) {
-        plan.h_argument = c.first;
-        MexCall call = swtest::make_call(plan);
-        EXPECT_EQ(swtest::check_call(call, 1, 16, c.second), "") << c.first;
-    }
-}
-
 TEST(Validation, FailedAllocationIsAnErrorAndChangesNothing) {
 #if defined(SWTEST_ASAN)
     GTEST_SKIP() << "address space limits do not mix with the address sanitizer";

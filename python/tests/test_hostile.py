@@ -57,7 +57,6 @@ CALLS = [
     ("fractional threads", "denoise", dict(z=Z, sigma=1.0, threads=2.5), "threads:outOfRange"),
     # Dask: the same refusals, before any task runs.
     ("dask: complex image", "dask", dict(array=Z + 1j, sigma=1.0, chunks=8), "image:complex"),
-    ("dask: bool image", "dask", dict(array=Z > 100, sigma=1.0, chunks=8), "image:notNumeric"),
     ("dask: NaN pixel", "dask", dict(array=NAN, sigma=12.0, chunks=8), "image:notFinite"),
     ("dask: uint64 beyond 2^53", "dask",
      dict(array=Z.astype(np.uint64) + np.uint64(2**53 + 1), sigma=1.0, chunks=8), "image:inexact"),

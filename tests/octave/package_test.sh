@@ -15,10 +15,7 @@ skip=77
 [ "${CI:-}" = "true" ] && skip=1
 for tool in octave-cli mkoctfile make tar gzip; do
   if ! command -v "$tool" >/dev/null 2>&1; then
-    echo "*****************************************************************"
-    echo "*** SKIPPED: $tool not found; the Octave package was not tested"
-    echo "*** (install Debian's octave and liboctave-dev to run this test)"
-    echo "*****************************************************************"
+    echo "*** SKIPPED: $tool not found; the Octave package was not tested (install Debian's octave and liboctave-dev) ***"
     exit $skip
   fi
 done

@@ -8,18 +8,9 @@ test_dir=$2
 # Under CI (CI=true) a missing Octave is an error, not a skip.
 skip=77
 [ "${CI:-}" = "true" ] && skip=1
-if ! command -v octave-cli >/dev/null 2>&1; then
-  echo "*****************************************************************"
-  echo "*** SKIPPED: octave-cli not found; the Octave suite did not run ***"
-  echo "*** (install Debian's octave and liboctave-dev to run it)       ***"
-  echo "*****************************************************************"
-  exit $skip
-fi
-if [ ! -f "$mex_dir/shapewiener.mex" ]; then
-  echo "*****************************************************************"
-  echo "*** SKIPPED: $mex_dir/shapewiener.mex was not built             ***"
-  echo "*** (mkoctfile missing: install Debian's liboctave-dev)         ***"
-  echo "*****************************************************************"
+if ! command -v octave-cli >/dev/null 2>&1 || [ ! -f "$mex_dir/shapewiener.mex" ]; then
+  echo "*** SKIPPED: octave-cli or $mex_dir/shapewiener.mex missing; the Octave suite did not run"
+  echo "*** (install Debian's octave and liboctave-dev to run it) ***"
   exit $skip
 fi
 exec octave-cli --norc --no-history --no-window-system --eval \

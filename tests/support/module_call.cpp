@@ -15,8 +15,7 @@ void copy_into(const Image& image, const mxArray* a) {
     if (image.size() > 0) std::memcpy(mxGetPr(a), image.pixels.data(), sizeof(double) * image.size());
 }
 
-}  // namespace
-
+// The plain description of one module call.
 CallPlan module_plan(const swcaller::ShapeArguments& shapes, const std::vector<double>& psd,
                      const Image& noisy, const Image& pilot, const PassSettings& settings) {
     const uint32_t rows = noisy.rows;
@@ -48,6 +47,8 @@ CallPlan module_plan(const swcaller::ShapeArguments& shapes, const std::vector<d
     s.coverage_threshold = settings.coverage_threshold;
     return s;
 }
+
+}  // namespace
 
 ModuleCall::ModuleCall(const swcaller::ShapeArguments& shapes, const std::vector<double>& psd,
                        const Image& noisy, const Image& pilot, const PassSettings& settings)

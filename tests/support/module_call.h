@@ -22,11 +22,6 @@ struct PassSettings {
     double coverage_threshold = swcaller::kNeverSkip;
 };
 
-// The plain description of one module call. `psd` is kSpectrumGrid x
-// kSpectrumGrid (see caller/coloured_noise.h).
-CallPlan module_plan(const swcaller::ShapeArguments& shapes, const std::vector<double>& psd,
-                     const Image& noisy, const Image& pilot, const PassSettings& settings);
-
 // The sixteen arguments of one module call, owned. The module dithers the
 // noisy and the pilot image in place; every run first restores them from
 // the copies kept here, so repeated runs see the same input.
@@ -34,6 +29,7 @@ class ModuleCall {
 public:
     using Entry = void (*)(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]);
 
+    // `psd` is kSpectrumGrid x kSpectrumGrid (see caller/coloured_noise.h).
     ModuleCall(const swcaller::ShapeArguments& shapes, const std::vector<double>& psd,
                const Image& noisy, const Image& pilot, const PassSettings& settings);
 
