@@ -24,7 +24,7 @@ src/estimate/wiener.h @@ static_cast<float>(de / (static_cast<double>(noise) * l
 src/estimate/wiener.h @@ (static_cast<double>(dc_noise) * lambda) / shape_size @@ (static_cast<double>(dc_noise) * lambda) / (shape_size + 1.0)
 src/estimate/wiener.h @@ ((dc_factor * dc_factor) * dc_noise_level) * dc_noise_level @@ (dc_factor * dc_factor) * (dc_noise_level * dc_noise_level)
 src/shape/gather.h @@ ((td + 2.0) * 1e-17 + mean) @@ ((td + 1.0) * 1e-17 + mean)
-src/shape/gather.h @@ static_cast<double>(step + 13) * 3e-17 @@ static_cast<double>(step + 12) * 3e-17
+src/shape/gather.h @@ pilot[q] = pilot[q] + static_cast<double>(step + 13) * 3e-17 @@ pilot[q] = pilot[q] + static_cast<double>(step + 12) * 3e-17
 src/shape/gather.h @@ const double size = static_cast<double>(n); @@ const double size = static_cast<double>(n + 1);
 src/shape/shape.h @@ return diff < 0; @@ return diff <= 0;
 src/shape/shape.h @@ direction_scale[(d + 5) % 8] @@ direction_scale[(d + 3) % 8]

@@ -376,6 +376,19 @@ TEST(Denoise, NarrowNoisePeaksGoFirstOverTheWholeImage) {
     const sw::Image staged = sw::denoise(first, residual, local_only);
     EXPECT_EQ(0, std::memcmp(whole.pixels.data(), staged.pixels.data(), whole.pixels.size() * 8));
     EXPECT_GT(psnr(whole, clean), psnr(first, clean));
+
+    // Noise that is nothing but the peaks, on an image with no signal there:
+    // the stage leaves no noise, and its image is the output (the passes
+    // used to refuse the empty residual).
+    std::vector<double> only = psd;
+    const double top = *std::max_element(only.begin(), only.end());
+    for (double& v : only) v = v > 0.05 * top ? v : 0.0;
+    const sw::Image dark{rows, cols, std::vector<double>(size_t{rows} * cols, 0.0)};
+    sw::Image peak_free;
+    sw::NoiseModel none;
+    ASSERT_TRUE(sw::remove_noise_peaks(dark, sw::NoiseModel::from_psd(only), "default", &peak_free, &none));
+    EXPECT_TRUE(std::all_of(none.psd.begin(), none.psd.end(), [](double v) { return v == 0.0; }));
+    EXPECT_EQ(sw::denoise(dark, sw::NoiseModel::from_psd(only)).pixels, peak_free.pixels);
 }
 
 TEST(Denoise, AnyValueRangeAndSizeDeterministically) {

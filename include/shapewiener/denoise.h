@@ -116,7 +116,9 @@ private:
 // to the image with the peaks removed and `residual` to the psd model of the
 // noise left in it. denoise(image, noise) with a preset equals, bit for
 // bit, denoise(out, residual) with that preset and peaks = false, and so
-// the tiles of `out` (framed by `out`). Throws DenoiseError as denoise().
+// the tiles of `out` (framed by `out`); except when the peaks held all the
+// noise: then `residual` is all zero and `out` is the denoised image.
+// Throws DenoiseError as denoise().
 bool remove_noise_peaks(const Image& image, const NoiseModel& noise, const std::string& preset,
                         Image* out, NoiseModel* residual);
 // Whether remove_noise_peaks does anything for this noise on a rows x cols

@@ -322,7 +322,9 @@ def remove_noise_peaks(z, *, sigma=None, kernel=None, psd=None, preset="default"
     result : tuple of ndarray or None
         ``(image, residual_psd)``: the image with the peaks removed and the
         power spectrum of the noise left in it, both float64 of `z`'s
-        shape; None when the noise has no narrow peaks.
+        shape; None when the noise has no narrow peaks. When the peaks
+        held all the noise, ``residual_psd`` is all zero and ``image`` is
+        the denoised image.
 
     Raises
     ------

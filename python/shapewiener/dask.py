@@ -274,6 +274,8 @@ def denoise(array, *, sigma=None, kernel=None, psd=None, preset="default", chunk
     if peaks:
         staged = remove_noise_peaks(array.compute(), sigma=sigma, kernel=kernel, psd=psd,
                                     preset=preset)
+        if staged is not None and not staged[1].any():  # the peaks were all the noise
+            return da.from_array(stored_as(staged[0], dtype), chunks=array.chunks)
         if staged is not None:
             array = da.from_array(staged[0], chunks=array.chunks)
             sigma, kernel, psd = None, None, staged[1]

@@ -255,11 +255,15 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
                        noise.kind != sw::NoiseModel::Kind::kWhite &&
                        remove_peaks(image.pixels, rows, cols, full_psd(noise, rows, cols),
                                     settings.peaks, &source.pixels, &residual.psd);
+    // When the peaks held all the noise, nothing is left for the passes.
+    bool removed_all = false;
     if (peaks) {
         source.rows = rows;
         source.cols = cols;
         residual.kind = sw::NoiseModel::Kind::kPsd;
-        raw = noise_autocovariance(residual, rows, cols);
+        removed_all = std::none_of(residual.psd.begin(), residual.psd.end(),
+                                   [](double v) { return v > 0.0; });
+        if (!removed_all) raw = noise_autocovariance(residual, rows, cols);
     }
     const sw::Image& input = peaks ? source : image;
 
@@ -267,7 +271,7 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     const bool flat = tiled ? tile.value_min == tile.value_max
                             : std::all_of(input.pixels.begin(), input.pixels.end(),
                                           [&](double v) { return v == input.pixels[0]; });
-    if (flat) {
+    if (flat || removed_all) {
         sw::Image out = input;
         step(1.0, "done");
         sw::DenoiseReport done;
