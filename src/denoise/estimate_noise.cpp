@@ -167,6 +167,15 @@ const uint32_t kCumulantReach = 2;  // smoothing over 5 x 5 frequencies
 // 32 x 32 grid reach about 3.3 times the true spread).
 const double kCumulantSignificance = 4.5;
 const double kLowRadius = 0.08;  // cycles per pixel
+
+// The radial frequency of bin f of a b x b grid (DC at 0), in cycles per pixel.
+double bin_radius(size_t f, uint32_t b) {
+    const uint32_t u = static_cast<uint32_t>(f % b);
+    const uint32_t v = static_cast<uint32_t>(f / b);
+    const double fu = static_cast<double>(std::min(u, b - u)) / b;
+    const double fv = static_cast<double>(std::min(v, b - v)) / b;
+    return std::sqrt(fu * fu + fv * fv);
+}
 // The cap applies only where the largest ratio stays below this: an image
 // whose excess is larger somewhere (edges, objects on a flat ground) has
 // it vary over frequency too much for one value of a, and the cap would
@@ -243,12 +252,9 @@ void cap_by_cumulant(const std::vector<double>& periodograms, size_t n_blocks, u
     size_t high_significant = 0;
     std::vector<double> high_ratios;
     for (size_t f = 1; f < bins; ++f) {
-        const uint32_t u = static_cast<uint32_t>(f % b);
-        const uint32_t v = static_cast<uint32_t>(f / b);
-        const double fu = static_cast<double>(std::min(u, b - u)) / b;
-        const double fv = static_cast<double>(std::min(v, b - v)) / b;
-        low[f] = std::sqrt(fu * fu + fv * fv) <= kLowRadius;
-        trusted[f] = std::sqrt(fu * fu + fv * fv) <= kTrustedRadius;
+        const double radius = bin_radius(f, b);
+        low[f] = radius <= kLowRadius;
+        trusted[f] = radius <= kTrustedRadius;
         if (c4s[f] > kCumulantSignificance * std::sqrt(variances[f] / cells)) root[f] = std::sqrt(c4s[f]);
         if (!low[f]) {
             high_cells += 1;
@@ -494,11 +500,7 @@ void drop_image_floor(const std::vector<double>& periodograms, size_t n_blocks, 
     const size_t bins = static_cast<size_t>(b) * b;
     std::vector<double> excess;
     for (size_t f = 1; f < bins; ++f) {
-        const uint32_t u = static_cast<uint32_t>(f % b);
-        const uint32_t v = static_cast<uint32_t>(f / b);
-        const double fu = static_cast<double>(std::min(u, b - u)) / b;
-        const double fv = static_cast<double>(std::min(v, b - v)) / b;
-        if (reshaped[f] || std::sqrt(fu * fu + fv * fv) <= kLowRadius) continue;
+        if (reshaped[f] || bin_radius(f, b) <= kLowRadius) continue;
         double m2 = 0.0;
         double m4 = 0.0;
         for (size_t i = 0; i < n_blocks; ++i) {
