@@ -2,7 +2,8 @@
 # Mutation check of the test suite: applies one-line arithmetic mutants to
 # the core, one at a time, on a copy of the tree; rebuilds incrementally;
 # runs the fast part of the suite (the golden checksums, whole-call
-# semantics, core properties, validation; not the workloads, not Octave) and
+# semantics, core properties, validation, the reference path against the
+# fast paths and thread counts; not the workloads, not Octave) and
 # reports which mutants survive. Every listed mutant must be caught. Not
 # part of CI: it takes about a minute per mutant on two cores.
 #
@@ -44,7 +45,7 @@ src/driver/check.cpp @@ if (p < 1 || static_cast<uint64_t>(p) > pixels) { @@ if 
 LIST
 )
 
-tests=(test_golden test_filter test_core test_validation)
+tests=(test_golden test_filter test_core test_validation test_fast_paths test_threads)
 log="$work/build.log"
 echo "mutants.sh: building the tests in $work/build"
 cmake -S "$work/src" -B "$work/build" -DCMAKE_BUILD_TYPE=Release -DSHAPEWIENER_BUILD_TOOLS=OFF \
