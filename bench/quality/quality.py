@@ -474,16 +474,16 @@ def main(argv=None):
 
     # Earlier ours results, read from CSVs of earlier runs.
     before_labels = []
-    for spec in a.before:
-        label, _, path = spec.partition("=")
+    for given in a.before:
+        label, _, path = given.partition("=")
         if not path or label in ours_labels + peer_list + ["noisy"]:
-            sys.exit(f"--before {spec!r}: give LABEL=CSV with a label of its own")
+            sys.exit(f"--before {given!r}: give LABEL=CSV with a label of its own")
         with open(path) as f:
             rows = {(r["image"], r["noise"], float(r["sigma"])): r
                     for r in csv.DictReader(f) if r["method"] == "ours"}
         for c in all_cases:
             if c not in rows:
-                sys.exit(f"--before {spec!r}: no ours row for {c}")
+                sys.exit(f"--before {given!r}: no ours row for {c}")
             r = rows[c]
             records[c][label] = {k: float(r[k]) for k in ("psnr", "ssim", "cpu_seconds", "seconds")}
         before_labels.append(label)
