@@ -649,13 +649,13 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
                 frame.value_max = colour.tile_ranges[2 * k + 1] / scale[k];
             }
             // The colour differences (rows 1 and 2 of the rotation) carry
-            // little detail: their first two passes run on every fifth
+            // little detail: their first two passes run on every seventh
             // diagonal line of the frame, their last on every third
             // (bench/RESULTS.md).
             Settings channel_settings = settings;
             if (colour.joint && k > 0) {
                 channel_settings.sparse_passes = 2;
-                channel_settings.pilot_step = 5;
+                channel_settings.pilot_step = 7;
                 channel_settings.pilot_diagonal = true;
                 channel_settings.last_step = 3;
             }
