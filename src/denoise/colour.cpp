@@ -1,16 +1,16 @@
 #include "shapewiener/colour.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
-#include <exception>
 #include <limits>
 #include <new>
 #include <string>
-#include <thread>
 #include <utility>
 
 #include "denoise/clipped.h"
 #include "denoise/fail.h"
+#include "denoise/lanes.h"
 #include "denoise/noise.h"
 #include "denoise/peaks.h"
 #include "denoise/pipeline.h"
@@ -343,16 +343,17 @@ ColourNoiseEstimate estimate_colour_noise(const ColourImage& image,
     // The six estimates are independent. With more than one thread, a
     // second thread takes every other image and each estimate runs on one
     // (its bits do not depend on the count); only the calling thread
-    // reports progress.
+    // reports progress. Once one lane has failed (or been cancelled), the
+    // other stops after its current image.
     sw::RunOptions run;
     run.threads = options.threads;
     const uint32_t lanes = requested_threads(run) > 1 ? 2 : 1;
     NoiseEstimateOptions one = options;
     if (lanes > 1) one.threads = 1;
     std::array<NoiseEstimate, kImages> found;
-    const auto estimate_lane = [&](uint32_t lane, const Progress& lane_progress) {
+    const auto estimate_lane = [&](uint32_t lane, const Progress& lane_progress, const std::atomic<bool>& stop) {
         Image sum{rows, cols, std::vector<double>(plane)};
-        for (uint32_t k = lane, j = 0; k < kImages; k += lanes, ++j) {
+        for (uint32_t k = lane, j = 0; k < kImages && !stop; k += lanes, ++j) {
             if (k >= kColours) {
                 const Image& x = channels[kPairs[k - 3][0]];
                 const Image& y = channels[kPairs[k - 3][1]];
@@ -364,28 +365,8 @@ ColourNoiseEstimate estimate_colour_noise(const ColourImage& image,
             found[k] = estimate_noise_unclipped(k < kColours ? channels[k] : sum, one, part, clipped);
         }
     };
-    {
-        std::exception_ptr failed;
-        std::thread second;
-        if (lanes > 1) {
-            second = std::thread([&] {
-                try {
-                    estimate_lane(1, Progress());
-                } catch (...) {
-                    failed = std::current_exception();
-                }
-            });
-        }
-        struct Join {
-            std::thread* t;
-            ~Join() {
-                if (t->joinable()) t->join();
-            }
-        } join{&second};
-        estimate_lane(0, progress);
-        if (second.joinable()) second.join();
-        if (failed) std::rethrow_exception(failed);
-    }
+    std::atomic<bool> stop{false};
+    run_lanes(lanes, [&](unsigned lane) { estimate_lane(lane, lane == 0 ? progress : Progress(), stop); }, &stop);
     for (uint32_t k = 0; k < kImages; ++k) {
         if (k < kColours) {
             out.usable_fraction = std::min(out.usable_fraction, found[k].usable_fraction);
