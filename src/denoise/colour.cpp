@@ -543,18 +543,13 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
         DenoiseReport total;
         // The channels to filter: rotated, or as they are.
         std::vector<Image> channels = filtered_channels(image, a, colour.joint);
-        // The channels' noise, and whether any spectrum needs the row packing.
+        // The channels' noise.
         std::vector<NoiseModel> models(kColours);
         std::array<double, 3> variance{};
         for (uint32_t k = 0; k < kColours; ++k) {
             models[k] = colour.joint
                             ? rotated_noise(noise, a, k, noise_rows, noise_cols, &variance[k])
                             : channel_noise(noise, k, &variance[k]);
-            if (colour.joint && variance[k] > 0.0 &&
-                !transpose_symmetric(block_psd(noise_autocovariance(models[k], noise_rows, noise_cols),
-                                               settings.weighted_psd))) {
-                shared.rows_only = true;
-            }
         }
         const double largest = *std::max_element(variance.begin(), variance.end());
         // Channels whose noise has one spatial shape at different levels are
@@ -582,6 +577,24 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
                 scale[k] = std::sqrt(variance[k] / variance[reference]);
                 models[k] = models[reference];
                 for (double& v : channels[k].pixels) v /= scale[k];
+            }
+        }
+        // Whether any spectrum needs the row packing; each distinct model's
+        // autocovariance is computed once, and the first filtered channel's
+        // is handed on to its set-up.
+        if (colour.joint) {
+            for (uint32_t k = 0; k < kColours; ++k) {
+                if (!(variance[k] > 0.0)) continue;
+                uint32_t seen = 0;
+                while (seen < k && !(variance[seen] > 0.0 && same_model(models[seen], models[k]))) ++seen;
+                if (seen < k) continue;
+                const Autocovariance r = noise_autocovariance(models[k], noise_rows, noise_cols);
+                if (!transpose_symmetric(block_psd(r, settings.weighted_psd))) shared.rows_only = true;
+                if (!shared.noise_known && variance[k] > 1e-12 * largest) {
+                    shared.noise = models[k];
+                    shared.raw = r;
+                    shared.noise_known = true;
+                }
             }
         }
         // One working-range width for every filtered channel: channels with
@@ -617,13 +630,13 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
                 frame.value_max = colour.tile_ranges[2 * k + 1] / scale[k];
             }
             // The colour differences (rows 1 and 2 of the rotation) carry
-            // little detail: their first two passes run on every fifth
+            // little detail: their first two passes run on every seventh
             // diagonal line of the frame, their last on every third
             // (bench/RESULTS.md).
             Settings channel_settings = settings;
             if (colour.joint && k > 0) {
                 channel_settings.sparse_passes = 2;
-                channel_settings.pilot_step = 5;
+                channel_settings.pilot_step = 7;
                 channel_settings.pilot_diagonal = true;
                 channel_settings.last_step = 3;
             }
