@@ -135,7 +135,7 @@ void entry_forward(const EntryInputs<HC>& in, const EntryState& e, const EntrySc
         Kernels::forward(in.box, sc.noisy_gather, sc.pilot_gather, sc.noisy_coefficients,
                          sc.pilot_coefficients, sc.column_count, sc.row_count,
                          e.gather.max_column_count, in.state->transform_table, simd::active(),
-                         !in.call->unrounded_sums);
+                         !in.call->float_sums);
     } else {
         Kernels::forward(in.box, sc.noisy_gather, sc.pilot_gather, sc.noisy_coefficients,
                          sc.pilot_coefficients, sc.column_count, sc.row_count,
@@ -208,7 +208,7 @@ void entry_inverse(const EntryInputs<HC>& in, const EntryState& e, const EntrySc
     if constexpr (Kernels::kListedShapes) {
         Kernels::inverse(in.box, sc.noisy_coefficients, sc.noisy_gather, sc.column_count,
                          sc.row_count, sc.row_cursor, e.gather.max_column_count,
-                         in.state->transform_table, simd::active(), !in.call->unrounded_sums);
+                         in.state->transform_table, simd::active(), !in.call->float_sums);
     } else {
         Kernels::inverse(in.box, sc.noisy_coefficients, sc.noisy_gather, sc.column_count,
                          sc.row_count, sc.row_cursor, e.gather.max_column_count,
