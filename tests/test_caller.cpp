@@ -16,6 +16,7 @@
 #include "caller/processing_list.h"
 #include "caller/sector_masks.h"
 #include "caller/shape_arguments.h"
+#include "shape/shape.h"
 
 namespace {
 
@@ -98,7 +99,7 @@ std::vector<EntryShapes> shapes_per_entry(const swcaller::ShapeArguments& s) {
         }
         if (e == 0 || s.list.keys[e] != s.list.keys[e - 1]) {
             std::copy(scales, scales + 8, first_scales);
-            first_by_columns = swcaller::packs_by_columns(raw);
+            first_by_columns = sw::pack_by_columns(raw);
         }
         EntryShapes x;
         x.formed = swcaller::clip_to_image(swcaller::sector_union(s.h, s.sector_masks, first_scales),
@@ -106,7 +107,7 @@ std::vector<EntryShapes> shapes_per_entry(const swcaller::ShapeArguments& s) {
         x.own = swcaller::clip_to_image(swcaller::sector_union(s.h, s.sector_masks, scales), s.h, r,
                                         c, rows, cols);
         x.formed_by_columns = first_by_columns;
-        x.own_by_columns = swcaller::packs_by_columns(raw);
+        x.own_by_columns = sw::pack_by_columns(raw);
         out.push_back(x);
     }
     return out;

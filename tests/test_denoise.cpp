@@ -5,12 +5,15 @@
 #include <cmath>
 #include <cstring>
 #include <algorithm>
+#include <atomic>
+#include <stdexcept>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "caller/coloured_noise.h"
 #include "caller/processing_list.h"
+#include "denoise/lanes.h"
 #include "denoise/noise.h"
 #include "denoise/peaks.h"
 #include "denoise/pipeline.h"
@@ -286,6 +289,22 @@ TEST(Scales, DirectionalVariancesMatchMonteCarlo) {
 // The shared workloads were built by the same rules: scales (with any
 // thread count), sector masks and list must come out byte for byte, the
 // transforms up to rounding. This pins the scale rule on a real image.
+TEST(Scales, AFailingLaneStopsTheOthersAndReachesTheCaller) {
+    // Lane 0 is the calling thread's; an exception on a worker thread must
+    // come back to the caller, not end the process.
+    for (unsigned failing : {0u, 2u}) {
+        std::atomic<bool> stop{false};
+        std::atomic<int> ran{0};
+        const auto body = [&](unsigned k) {
+            ++ran;
+            if (k == failing) throw std::runtime_error("lane");
+        };
+        EXPECT_THROW(swdenoise::run_lanes(3, body, &stop), std::runtime_error);
+        EXPECT_EQ(ran, 3);
+        EXPECT_TRUE(stop);
+    }
+}
+
 TEST(ShapeList, ReproducesTheSharedAdaptiveWorkloads) {
     const std::string root = swtest::shared_workload_root(SHAPEWIENER_WORKLOADS);
     ASSERT_FALSE(root.empty()) << "no " << SHAPEWIENER_WORKLOADS;

@@ -43,13 +43,6 @@ struct DirectionScaleMap {
 // Every pixel and direction at ScaleSet index `index`.
 DirectionScaleMap fixed_direction_scales(uint32_t rows, uint32_t cols, uint8_t index);
 
-// The module's packing orientation from a pixel's eight raw indices: by
-// columns when q0 + q4 < q2 + q6, that is when the shape reaches less far
-// east-west than north-south.
-inline bool packs_by_columns(const uint8_t q[8]) {
-    return static_cast<int>(q[0]) + q[4] < static_cast<int>(q[2]) + q[6];
-}
-
 }  // namespace swcaller
 
 #endif  // SHAPEWIENER_CALLER_DIRECTION_SCALES_H

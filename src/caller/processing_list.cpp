@@ -1,6 +1,7 @@
 #include "caller/processing_list.h"
 
 #include "cancel/cancel.h"
+#include "shape/shape.h"
 
 #include <algorithm>
 #include <array>
@@ -180,7 +181,7 @@ ProcessingList build_processing_list(uint32_t h, const std::vector<double>& scal
                 const bool inside = i >= window.i0 && i <= window.i1 && j >= window.j0 && j <= window.j1;
                 signature[t] = (inside && own[t] != 0) ? '1' : '0';
             }
-            signature[static_cast<size_t>(w) * w] = packs_by_columns(q) ? 'c' : 'r';
+            signature[static_cast<size_t>(w) * w] = sw::pack_by_columns(q) ? 'c' : 'r';
 
             const auto group = group_of_signature.emplace(signature, static_cast<uint32_t>(groups.size()));
             if (group.second) groups.emplace_back();
@@ -300,7 +301,7 @@ ProcessingList build_shape_list(uint32_t h, const std::vector<double>& scale_set
                 found = union_of_indices.emplace(packed, added.first->second).first;
             }
             const uint32_t union_index = found->second;
-            const char orientation = packs_by_columns(q) ? 'c' : 'r';
+            const char orientation = sw::pack_by_columns(q) ? 'c' : 'r';
             bool cut = false;
             if (near_border) {
                 const Mask& own = unions[union_index];

@@ -1,16 +1,16 @@
 #include "shapewiener/colour.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
-#include <exception>
 #include <limits>
 #include <new>
 #include <string>
-#include <thread>
 #include <utility>
 
 #include "denoise/clipped.h"
 #include "denoise/fail.h"
+#include "denoise/lanes.h"
 #include "denoise/noise.h"
 #include "denoise/peaks.h"
 #include "denoise/pipeline.h"
@@ -343,16 +343,17 @@ ColourNoiseEstimate estimate_colour_noise(const ColourImage& image,
     // The six estimates are independent. With more than one thread, a
     // second thread takes every other image and each estimate runs on one
     // (its bits do not depend on the count); only the calling thread
-    // reports progress.
+    // reports progress. Once one lane has failed (or been cancelled), the
+    // other stops after its current image.
     sw::RunOptions run;
     run.threads = options.threads;
     const uint32_t lanes = requested_threads(run) > 1 ? 2 : 1;
     NoiseEstimateOptions one = options;
     if (lanes > 1) one.threads = 1;
     std::array<NoiseEstimate, kImages> found;
-    const auto estimate_lane = [&](uint32_t lane, const Progress& lane_progress) {
+    const auto estimate_lane = [&](uint32_t lane, const Progress& lane_progress, const std::atomic<bool>& stop) {
         Image sum{rows, cols, std::vector<double>(plane)};
-        for (uint32_t k = lane, j = 0; k < kImages; k += lanes, ++j) {
+        for (uint32_t k = lane, j = 0; k < kImages && !stop; k += lanes, ++j) {
             if (k >= kColours) {
                 const Image& x = channels[kPairs[k - 3][0]];
                 const Image& y = channels[kPairs[k - 3][1]];
@@ -364,28 +365,8 @@ ColourNoiseEstimate estimate_colour_noise(const ColourImage& image,
             found[k] = estimate_noise_unclipped(k < kColours ? channels[k] : sum, one, part, clipped);
         }
     };
-    {
-        std::exception_ptr failed;
-        std::thread second;
-        if (lanes > 1) {
-            second = std::thread([&] {
-                try {
-                    estimate_lane(1, Progress());
-                } catch (...) {
-                    failed = std::current_exception();
-                }
-            });
-        }
-        struct Join {
-            std::thread* t;
-            ~Join() {
-                if (t->joinable()) t->join();
-            }
-        } join{&second};
-        estimate_lane(0, progress);
-        if (second.joinable()) second.join();
-        if (failed) std::rethrow_exception(failed);
-    }
+    std::atomic<bool> stop{false};
+    run_lanes(lanes, [&](unsigned lane) { estimate_lane(lane, lane == 0 ? progress : Progress(), stop); }, &stop);
     for (uint32_t k = 0; k < kImages; ++k) {
         if (k < kColours) {
             out.usable_fraction = std::min(out.usable_fraction, found[k].usable_fraction);
@@ -562,18 +543,13 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
         DenoiseReport total;
         // The channels to filter: rotated, or as they are.
         std::vector<Image> channels = filtered_channels(image, a, colour.joint);
-        // The channels' noise, and whether any spectrum needs the row packing.
+        // The channels' noise.
         std::vector<NoiseModel> models(kColours);
         std::array<double, 3> variance{};
         for (uint32_t k = 0; k < kColours; ++k) {
             models[k] = colour.joint
                             ? rotated_noise(noise, a, k, noise_rows, noise_cols, &variance[k])
                             : channel_noise(noise, k, &variance[k]);
-            if (colour.joint && variance[k] > 0.0 &&
-                !transpose_symmetric(block_psd(noise_autocovariance(models[k], noise_rows, noise_cols),
-                                               settings.weighted_psd))) {
-                shared.rows_only = true;
-            }
         }
         const double largest = *std::max_element(variance.begin(), variance.end());
         // Channels whose noise has one spatial shape at different levels are
@@ -601,6 +577,24 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
                 scale[k] = std::sqrt(variance[k] / variance[reference]);
                 models[k] = models[reference];
                 for (double& v : channels[k].pixels) v /= scale[k];
+            }
+        }
+        // Whether any spectrum needs the row packing; each distinct model's
+        // autocovariance is computed once, and the first filtered channel's
+        // is handed on to its set-up.
+        if (colour.joint) {
+            for (uint32_t k = 0; k < kColours; ++k) {
+                if (!(variance[k] > 0.0)) continue;
+                uint32_t seen = 0;
+                while (seen < k && !(variance[seen] > 0.0 && same_model(models[seen], models[k]))) ++seen;
+                if (seen < k) continue;
+                const Autocovariance r = noise_autocovariance(models[k], noise_rows, noise_cols);
+                if (!transpose_symmetric(block_psd(r, settings.weighted_psd))) shared.rows_only = true;
+                if (!shared.noise_known && variance[k] > 1e-12 * largest) {
+                    shared.noise = models[k];
+                    shared.raw = r;
+                    shared.noise_known = true;
+                }
             }
         }
         // One working-range width for every filtered channel: channels with
@@ -636,13 +630,13 @@ ColourImage denoise_colour(const ColourImage& image, const ColourNoise& noise,
                 frame.value_max = colour.tile_ranges[2 * k + 1] / scale[k];
             }
             // The colour differences (rows 1 and 2 of the rotation) carry
-            // little detail: their first two passes run on every fifth
+            // little detail: their first two passes run on every seventh
             // diagonal line of the frame, their last on every third
             // (bench/RESULTS.md).
             Settings channel_settings = settings;
             if (colour.joint && k > 0) {
                 channel_settings.sparse_passes = 2;
-                channel_settings.pilot_step = 5;
+                channel_settings.pilot_step = 7;
                 channel_settings.pilot_diagonal = true;
                 channel_settings.last_step = 3;
             }

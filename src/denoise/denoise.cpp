@@ -226,6 +226,16 @@ private:
 
 }  // namespace
 
+bool same_model(const sw::NoiseModel& a, const sw::NoiseModel& b) {
+    const auto same = [](const std::vector<double>& x, const std::vector<double>& y) {
+        return x.size() == y.size() &&
+               (x.empty() || std::memcmp(x.data(), y.data(), x.size() * sizeof(double)) == 0);
+    };
+    return a.kind == b.kind && std::memcmp(&a.sigma, &b.sigma, sizeof a.sigma) == 0 &&
+           a.kernel_rows == b.kernel_rows && a.kernel_cols == b.kernel_cols &&
+           same(a.kernel, b.kernel) && same(a.psd, b.psd);
+}
+
 sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
                        const Settings& settings, unsigned threads, const sw::Progress& progress,
                        sw::DenoiseReport* report, const sw::TileFrame& tile,
@@ -244,8 +254,11 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     if (tiled) check_tile(image, tile);
     // A tile is denoised as its part of the frame: the frame's noise
     // (a psd model has the frame's size) and value range.
-    Autocovariance raw =
-        noise_autocovariance(noise, tiled ? tile.rows : rows, tiled ? tile.cols : cols);
+    // (Or the set-up of an earlier image with the same noise: see SharedShapes.)
+    const bool known = shared != nullptr && shared->noise_known && same_model(shared->noise, noise);
+    Autocovariance raw = known ? shared->raw
+                               : noise_autocovariance(noise, tiled ? tile.rows : rows,
+                                                      tiled ? tile.cols : cols);
     // Narrow noise peaks go first, over the whole image; the local passes
     // then see what is left (a tiled caller runs this stage on the frame).
     sw::Image source;
@@ -253,8 +266,19 @@ sw::Image run_pipeline(const sw::Image& image, const sw::NoiseModel& noise,
     // (White noise has none: its spectrum is flat.)
     const bool peaks = !tiled && settings.peaks.enabled &&
                        noise.kind != sw::NoiseModel::Kind::kWhite &&
+                       !(known && shared->peaks_checked && shared->no_peaks) &&
                        remove_peaks(image.pixels, rows, cols, full_psd(noise, rows, cols),
                                     settings.peaks, &source.pixels, &residual.psd);
+    if (shared != nullptr && !known) {
+        shared->noise = noise;
+        shared->raw = raw;
+        shared->noise_known = true;
+        shared->peaks_checked = false;
+    }
+    if (shared != nullptr && !shared->peaks_checked) {
+        shared->peaks_checked = true;
+        shared->no_peaks = !peaks;
+    }
     // When the peaks held all the noise, nothing is left for the passes.
     bool removed_all = false;
     if (peaks) {

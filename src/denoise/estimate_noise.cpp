@@ -4,12 +4,12 @@
 #include <cmath>
 #include <complex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "denoise/clipped.h"
 #include "denoise/fail.h"
 #include "denoise/fft.h"
+#include "denoise/lanes.h"
 #include "denoise/quantised.h"
 #include "denoise/white_floor.h"
 #include "driver/parallel.h"
@@ -691,16 +691,12 @@ NoiseEstimate estimate(const Image& image, const NoiseEstimateOptions& options, 
     for (size_t round = 0; round < rounds; ++round) {
         const size_t begin = all_blocks * round / rounds;
         const size_t end = all_blocks * (round + 1) / rounds;
-        const auto worker = [&](unsigned t) {
+        swdenoise::run_lanes(threads, [&](unsigned t) {
             std::vector<double> block(bins);
             for (size_t i = begin + (end - begin) * t / threads; i < begin + (end - begin) * (t + 1) / threads; ++i) {
                 one_block(i, block);
             }
-        };
-        std::vector<std::thread> pool;
-        for (unsigned t = 1; t < threads; ++t) pool.emplace_back(worker, t);
-        worker(0);
-        for (std::thread& th : pool) th.join();
+        });
         report(0.8 * static_cast<double>(round + 1) / rounds);
     }
 

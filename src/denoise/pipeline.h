@@ -116,7 +116,20 @@ struct SharedShapes {
     std::unique_ptr<CallArrays> arrays;
     sw::Plan plan;
     bool planned = false;
+    // The noise set-up: the first image stores its noise model, that
+    // model's autocovariance and whether the peak stage found nothing to
+    // remove; a later image whose model is the same, bit for bit, takes
+    // them instead of computing them again. The caller may store a model
+    // and its autocovariance beforehand (`peaks_checked` false).
+    sw::NoiseModel noise;
+    Autocovariance raw;
+    bool noise_known = false;
+    bool peaks_checked = false;
+    bool no_peaks = false;
 };
+
+// Whether two noise models are the same, bit for bit.
+bool same_model(const sw::NoiseModel& a, const sw::NoiseModel& b);
 
 // Runs the whole denoiser; see sw::denoise.
 // `tile`: see sw::TileFrame (rows 0: the image is whole).

@@ -6,10 +6,10 @@
 #include <atomic>
 #include <cmath>
 #include <limits>
-#include <thread>
 #include <vector>
 
 #include "caller/sector_masks.h"
+#include "denoise/lanes.h"
 
 namespace swdenoise {
 namespace {
@@ -82,16 +82,7 @@ std::vector<uint8_t> choose_scales(const double* image, uint32_t rows, uint32_t 
         }
     };
     const uint32_t step = std::max(1u, std::min(threads, 8u));
-    std::vector<std::thread> pool;
-    try {
-        for (uint32_t t = 1; t < step; ++t) pool.emplace_back(planes, t, step);
-        planes(0, step);
-    } catch (...) {
-        stop = true;
-        for (std::thread& t : pool) t.join();
-        throw;
-    }
-    for (std::thread& t : pool) t.join();
+    run_lanes(step, [&](unsigned lane) { planes(lane, step); }, &stop);
     return chosen;
 }
 
