@@ -150,11 +150,12 @@ struct FilterCall {
     // column in the frame is a multiple of s instead (diagonal lines; s = 2
     // is a checkerboard, half the entries).
     bool entry_diagonal = false;
-    // Not an argument of the module: the shape transforms keep each running
-    // sum in double and round it to float once, where the module rounds
-    // every step. Results equal the module's up to rounding, not bit for
-    // bit (the denoiser's choice; the reference kernels ignore it).
-    bool unrounded_sums = false;
+    // Not an argument of the module: the shape transforms form their
+    // products and sums in float, with the matrices rounded to float, where
+    // the module multiplies in double and rounds every step. Results equal
+    // the module's up to rounding, not bit for bit (the denoiser's choice;
+    // the reference kernels ignore it).
+    bool float_sums = false;
 };
 
 // What went wrong. Each code is one <reason> of the identifier

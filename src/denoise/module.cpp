@@ -69,10 +69,10 @@ void run_module(const sw::FilterCall& call, double* output, unsigned threads,
 
 sw::Plan plan_passes(const sw::FilterCall& call, int passes, sw::LevelScope scope) {
     sw::Plan plan;
-    // The transforms' sums kept in double: equal up to rounding and faster
-    // than the module's rounding of every step.
+    // The transforms in float: equal up to rounding and faster than the
+    // module's products in double, rounded every step.
     sw::FilterCall planned = call;
-    planned.unrounded_sums = true;
+    planned.float_sums = true;
     // A key's levels from its shape alone, whichever entry comes first (a
     // tile gets the whole image's); white noise: without spectra.
     raise_if(sw::make_plan(planned, &plan, passes > 1 || scope == sw::LevelScope::kAnyImage,

@@ -18,6 +18,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <vector>
 
 #include "driver/box.h"
 #include "driver/level_store.h"
@@ -135,7 +136,7 @@ void entry_forward(const EntryInputs<HC>& in, const EntryState& e, const EntrySc
         Kernels::forward(in.box, sc.noisy_gather, sc.pilot_gather, sc.noisy_coefficients,
                          sc.pilot_coefficients, sc.column_count, sc.row_count,
                          e.gather.max_column_count, in.state->transform_table, simd::active(),
-                         !in.call->unrounded_sums);
+                         !in.call->float_sums);
     } else {
         Kernels::forward(in.box, sc.noisy_gather, sc.pilot_gather, sc.noisy_coefficients,
                          sc.pilot_coefficients, sc.column_count, sc.row_count,
@@ -171,10 +172,34 @@ float entry_levels(const EntryInputs<HC>& in, const EntryState& e, uint64_t key,
     const SpectrumContext spectrum{round_to_unsigned(call.dft_size), in.state->twiddle,
                                    sc.spatial_block, sc.row_spectrum, sc.block_spectrum,
                                    call.noise_psd.data, call.noise_level_factor};
-    dc_level = Kernels::noise_levels(in.box, spectrum, wanted, sc.noisy_gather,
-                                     sc.column_count, sc.row_count, sc.row_cursor,
-                                     e.gather.max_column_count, in.state->transform_table,
-                                     sc.shape_mask, shape.by_columns, e.gather.shape_size, levels);
+    const uint8_t* mask = sc.shape_mask;
+    const int32_t* column_count = sc.column_count;
+    bool by_columns = shape.by_columns;
+    // Keys that share their levels compute them on the common geometry:
+    // lines as block columns, mirrored across the lines where the store says.
+    std::vector<uint8_t> common_mask;
+    std::vector<int32_t> common_count;
+    if (store != nullptr && !store->slot_of_key.empty()) {
+        const uint32_t w = in.box.W();
+        const bool mirror = store->mirror(key);
+        common_mask.assign(static_cast<size_t>(w) * w, 0);
+        common_count.assign(w, 0);
+        for (uint32_t line = 0; line < w; ++line) {
+            const uint32_t to = mirror ? w - 1 - line : line;
+            common_count[to] = sc.column_count[line];
+            for (uint32_t along = 0; along < w; ++along) {
+                common_mask[along + to * w] =
+                    sc.shape_mask[by_columns ? along + line * w : line + along * w];
+            }
+        }
+        mask = common_mask.data();
+        column_count = common_count.data();
+        by_columns = true;
+    }
+    dc_level = Kernels::noise_levels(in.box, spectrum, wanted, sc.noisy_gather, column_count,
+                                     sc.row_count, sc.row_cursor, e.gather.max_column_count,
+                                     in.state->transform_table, mask, by_columns,
+                                     e.gather.shape_size, levels);
     if (store != nullptr) store->save(key, wanted, levels, dc_level);
     return dc_level;
 }
@@ -208,7 +233,7 @@ void entry_inverse(const EntryInputs<HC>& in, const EntryState& e, const EntrySc
     if constexpr (Kernels::kListedShapes) {
         Kernels::inverse(in.box, sc.noisy_coefficients, sc.noisy_gather, sc.column_count,
                          sc.row_count, sc.row_cursor, e.gather.max_column_count,
-                         in.state->transform_table, simd::active(), !in.call->unrounded_sums);
+                         in.state->transform_table, simd::active(), !in.call->float_sums);
     } else {
         Kernels::inverse(in.box, sc.noisy_coefficients, sc.noisy_gather, sc.column_count,
                          sc.row_count, sc.row_cursor, e.gather.max_column_count,

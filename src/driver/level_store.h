@@ -24,6 +24,19 @@
 // list's keys (`slot_of_change`), so the levels a sparse pass computes serve
 // the full passes after it and the other way round.
 //
+// Keys of one geometry: a key's levels depend only on where its shape's
+// pixels lie along and across the lines it is packed in (the orientation
+// only names which image axis the lines follow). Keys whose shapes agree
+// there share one slot (`slot_of_key`), and each computes its levels on
+// that common geometry, so whichever key computes them gives the same bits.
+// With transforms whose rows are even or odd (T(f, L-1-s) = (-1)^f T(f, s))
+// and a spectrum even across the lines, a shape and its mirror image across
+// the lines have the same levels in exact arithmetic (the mirror flips the
+// signs of coefficients only): they share a slot too, the mirrored key
+// computing on the mirror of its geometry (`mirrored`). Keys that share a
+// slot may meet it in one pass on two threads: load and save then hold
+// `guard`.
+//
 // A plan may instead hold one flat level (see LevelRule in plan.h): with a
 // flat spectrum and orthonormal transforms every coefficient's variance is
 // the spectrum's value, so the levels need no spectra at all. They then
@@ -36,6 +49,8 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <memory>
+#include <mutex>
 #include <vector>
 
 namespace sw {
@@ -58,7 +73,26 @@ struct LevelStore {
     // the list's key slot_of_change[i] (empty: i itself).
     std::vector<uint32_t> slot_of_change;
 
+    // Keys of one geometry (see above), by the list's key (0-based): the
+    // slot of its levels, and whether it computes on the mirror of its own
+    // geometry. Empty: every key its own slot.
+    std::vector<uint32_t> slot_of_key;
+    std::vector<uint8_t> mirrored;
+    std::shared_ptr<std::mutex> guard;
+
     uint64_t keys() const { return known.size(); }
+
+    // The list's key of key change `key` of the running pass.
+    uint64_t list_key(uint64_t key) const {
+        if (slot_of_change.empty()) return key;
+        return key < slot_of_change.size() ? slot_of_change[key] : known.size();
+    }
+    // Whether key change `key` computes its levels on the mirror of its
+    // geometry; false when keys do not share slots.
+    bool mirror(uint64_t key) const {
+        const uint64_t k = list_key(key);
+        return k < mirrored.size() && mirrored[k] != 0;
+    }
 
     // Writes key change `key`'s levels into `levels_out` and returns true
     // when they are stored, or flat: then every coefficient that is exactly
@@ -76,6 +110,8 @@ struct LevelStore {
             *dc_out = flat_level;
             return true;
         }
+        std::unique_lock<std::mutex> lock;
+        if (guard) lock = std::unique_lock<std::mutex>(*guard);
         const uint64_t slot = slot_of(key);
         if (slot >= known.size() || known[slot] == 0) return false;
         const float* stored = levels.data() + slot * area;
@@ -97,6 +133,8 @@ struct LevelStore {
         return true;
     }
     void save(uint64_t key, const float* noisy_coefficients, const float* levels_in, float dc_in) {
+        std::unique_lock<std::mutex> lock;
+        if (guard) lock = std::unique_lock<std::mutex>(*guard);
         const uint64_t slot = slot_of(key);
         if (slot >= known.size()) return;
         float* stored = levels.data() + slot * area;
@@ -111,8 +149,9 @@ struct LevelStore {
 
 private:
     uint64_t slot_of(uint64_t key) const {
-        if (slot_of_change.empty()) return key;
-        return key < slot_of_change.size() ? slot_of_change[key] : known.size();
+        const uint64_t k = list_key(key);
+        if (slot_of_key.empty() || k >= slot_of_key.size()) return k;
+        return slot_of_key[k];
     }
 };
 

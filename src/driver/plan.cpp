@@ -3,12 +3,17 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <new>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "cancel/cancel.h"
 #include "driver/filter.h"
 #include "driver/level_store.h"
+#include "shape/shape.h"
 
 namespace sw {
 
@@ -132,6 +137,101 @@ bool flat_level(const FilterCall& call, float* level) {
     return true;
 }
 
+// Whether every matrix's rows are even or odd: T(f, L-1-s) = +-T(f, s),
+// one sign per row.
+bool mirror_symmetric_bank(const FilterCall& call) {
+    for (size_t i = 0; i < call.transform_count; ++i) {
+        const uint64_t len = call.transforms[i].dims.rows();
+        const double* t = call.transforms[i].data;
+        for (uint64_t f = 0; f < len; ++f) {
+            const double sign = t[f] * t[f + (len - 1) * len] < 0.0 ? -1.0 : 1.0;
+            for (uint64_t s = 0; s < len; ++s) {
+                const double d = t[f + (len - 1 - s) * len] - sign * t[f + s * len];
+                if (!(std::abs(d) <= kFlatTolerance)) return false;
+            }
+        }
+    }
+    return true;
+}
+
+// Whether the spectrum, as the levels read it (rows u = 0..N/2, the rest
+// by symmetry through the origin), is even across the lines: P(u, -v) =
+// P(u, v).
+bool mirror_symmetric_psd(const FilterCall& call) {
+    const uint64_t n = call.noise_psd.dims.rows();
+    const double* p = call.noise_psd.data;
+    if (n == 0 || call.noise_psd.dims.elements() != n * n) return false;
+    double largest = 0.0;
+    for (uint64_t i = 0; i < n * n; ++i) largest = std::max(largest, std::abs(p[i]));
+    for (uint64_t v = 0; v < n; ++v) {
+        for (uint64_t u = 0; u <= n / 2; ++u) {
+            const double d = p[u + n * v] - p[u + n * ((n - v) % n)];
+            if (!(std::abs(d) <= kFlatTolerance * largest)) return false;
+        }
+    }
+    return true;
+}
+
+// Keys of one geometry (see level_store.h): every list key's slot, and
+// whether it computes on its mirror image. A key's geometry is its shape's
+// pixels by line (block column) and place along the line.
+void share_levels(const FilterCall& call, uint32_t h, LevelStore* store) {
+    const uint32_t m = static_cast<uint32_t>(call.image_dims.rows());
+    const uint32_t k = static_cast<uint32_t>(call.image_dims.cols());
+    const uint64_t count = call.image_dims.elements();
+    const int32_t* pixels = call.processing_list.data;
+    const int32_t* keys = pixels + count;
+    const uint32_t w = 2 * h - 1;
+    const uint32_t reach = h - 1;
+    const bool mirrors = mirror_symmetric_bank(call) && mirror_symmetric_psd(call);
+    std::vector<uint32_t> scales(call.scale_set.dims.elements());
+    for (size_t i = 0; i < scales.size(); ++i) scales[i] = round_to_unsigned(call.scale_set.data[i]);
+    std::vector<uint32_t> slot_of_key(store->keys());
+    std::vector<uint8_t> mirrored(store->keys(), 0);
+    std::unordered_map<std::string, uint32_t> slot_of_geometry;
+    std::string geometry, mirror;
+    for (uint64_t i = 0; i < count; ++i) {
+        if (i > 0 && keys[i] == keys[i - 1]) continue;
+        if ((i & 0xfff) == 0) swcancel::cancel_point();
+        const uint32_t key = static_cast<uint32_t>(keys[i] - 1);
+        const uint32_t q = static_cast<uint32_t>(pixels[i]) - 1;
+        const uint32_t row = q % m;
+        const uint32_t col = q / m;
+        uint32_t direction_scale[8];
+        bool by_columns = false;
+        shape_parameters(call.direction_scale_map.data, q, m * k, scales.data(), direction_scale,
+                         &by_columns);
+        const uint8_t* masks[8];
+        fetch_sector_masks(call.sector_masks, direction_scale, h, masks);
+        const ClippedBox clip = clipped_box(row, col, m, k, h);
+        geometry.assign(static_cast<size_t>(w) * w, '0');
+        mirror.assign(static_cast<size_t>(w) * w, '0');
+        for (uint32_t x = clip.c0; x <= clip.c1; ++x) {
+            const uint32_t j = x - col + reach;
+            for (uint32_t y = clip.r0; y <= clip.r1; ++y) {
+                const uint32_t a = y - row + reach;
+                const uint32_t at = a + j * w;
+                const uint8_t byte = masks[0][at] | masks[1][at] | masks[2][at] | masks[3][at] |
+                                     masks[4][at] | masks[5][at] | masks[6][at] | masks[7][at];
+                if (byte == 0) continue;
+                const uint32_t line = by_columns ? j : a;
+                const uint32_t along = by_columns ? a : j;
+                geometry[along + line * w] = '1';
+                mirror[along + (w - 1 - line) * w] = '1';
+            }
+        }
+        const bool flip = mirrors && mirror < geometry;
+        const auto at = slot_of_geometry.try_emplace(flip ? mirror : geometry, key);
+        if (key < slot_of_key.size()) {
+            slot_of_key[key] = at.first->second;
+            mirrored[key] = flip ? 1 : 0;
+        }
+    }
+    store->slot_of_key = std::move(slot_of_key);
+    store->mirrored = std::move(mirrored);
+    store->guard = std::make_shared<std::mutex>();
+}
+
 // Plans without checking (run() is only given checked calls).
 Error plan_call(const FilterCall& call, Plan::State* s, bool keep_levels, LevelRule rule,
                 LevelScope scope) {
@@ -161,6 +261,7 @@ Error plan_call(const FilterCall& call, Plan::State* s, bool keep_levels, LevelR
         s->store.dc.assign(keys, 0.0f);
         s->store.known.assign(keys, 0);
         s->store.any_image = scope == LevelScope::kAnyImage;
+        if (shape && s->numbered_keys) share_levels(call, s->h, &s->store);
         s->keep_levels = true;
     } catch (const std::bad_alloc&) {
         s->store = LevelStore();  // computed per execution instead

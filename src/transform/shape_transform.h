@@ -43,21 +43,13 @@ inline float apply_transposed(const float* c, const double* t, uint32_t len, uin
     return acc;
 }
 
-// apply_row() and apply_transposed() with the running sum kept in double and
-// rounded to float once, at the end (the same terms in the same order). The
-// denoiser's rule (FilterCall::unrounded_sums); never the module's.
-inline float apply_row_unrounded(const float* v, const double* t, uint32_t len, uint32_t f) {
-    double acc = static_cast<double>(v[0]) * t[f];
-    for (uint32_t s = 1; s < len; ++s) acc = acc + static_cast<double>(v[s]) * t[f + s * len];
-    return static_cast<float>(acc);
-}
-
-inline float apply_transposed_unrounded(const float* c, const double* t, uint32_t len,
-                                        uint32_t s) {
-    const double* col = t + s * len;
-    double acc = static_cast<double>(c[0]) * col[0];
-    for (uint32_t f = 1; f < len; ++f) acc = acc + static_cast<double>(c[f]) * col[f];
-    return static_cast<float>(acc);
+// apply_row() and apply_transposed() with a float matrix, float products
+// and float sums (the same terms in the same order). The denoiser's rule
+// (FilterCall::float_sums); never the module's.
+inline float apply_row_float(const float* v, const float* t, uint32_t len, uint32_t f) {
+    float acc = v[0] * t[f];
+    for (uint32_t s = 1; s < len; ++s) acc = acc + v[s] * t[f + s * len];
+    return acc;
 }
 
 // Forward transform of both gather arrays into both coefficient blocks.

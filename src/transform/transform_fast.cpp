@@ -9,50 +9,53 @@
 namespace sw {
 namespace {
 
-LinesFunction lines_for(simd::Level level, bool round_steps) {
+LinesFunction lines_for(simd::Level level) {
     switch (simd::supported(level) ? level : simd::Level::scalar) {
 #if SHAPEWIENER_X86_SIMD
-        case simd::Level::sse2:
-            return round_steps ? transform_sse2::run_lines : transform_sse2::unrounded::run_lines;
-        case simd::Level::avx2:
-            return round_steps ? transform_avx2::run_lines : transform_avx2::unrounded::run_lines;
-        case simd::Level::avx512:
-            return round_steps ? transform_avx512::run_lines
-                               : transform_avx512::unrounded::run_lines;
+        case simd::Level::sse2: return transform_sse2::run_lines;
+        case simd::Level::avx2: return transform_avx2::run_lines;
+        case simd::Level::avx512: return transform_avx512::run_lines;
 #endif
-        default:
-            return round_steps ? transform_scalar::run_lines : transform_scalar::unrounded::run_lines;
+        default: return transform_scalar::run_lines;
+    }
+}
+
+FloatLinesFunction float_lines_for(simd::Level level) {
+    switch (simd::supported(level) ? level : simd::Level::scalar) {
+#if SHAPEWIENER_X86_SIMD
+        case simd::Level::sse2: return transform_sse2::floats::run_lines;
+        case simd::Level::avx2: return transform_avx2::floats::run_lines;
+        case simd::Level::avx512: return transform_avx512::floats::run_lines;
+#endif
+        default: return transform_scalar::floats::run_lines;
     }
 }
 
 // Lines of one stage, run together; lines longer than the kernels take go
-// through the reference's product at once. The inputs are widened to
-// double once, into `widened` (room for two W x W blocks). A second input
-// with the bits of the first (the pilot image is often the noisy image
-// itself) is not computed again: its outputs are copies.
+// through the reference's product at once. With the module's rounding the
+// inputs are widened to double once, into `widened` (room for two W x W
+// blocks); float lines read them as they are. A second input with the bits
+// of the first (the pilot image is often the noisy image itself) is not
+// computed again: its outputs are copies.
 class Stage {
 public:
-    Stage(ProductLine* lines, ProductLine* copies, double* widened, simd::Level level,
-          bool round_steps)
+    Stage(ProductLine* lines, ProductLineF* float_lines, ProductLine* copies, double* widened,
+          simd::Level level, bool round_steps)
         : lines_(lines),
+          float_lines_(float_lines),
           copies_(copies),
           widened_(widened),
-          run_(lines_for(level, round_steps)),
-          round_steps_(round_steps) {}
+          run_(round_steps ? lines_for(level) : nullptr),
+          run_float_(round_steps ? nullptr : float_lines_for(level)) {}
 
+    // A line with the module's rounding.
     void add(const double* m, uint32_t len, const float* x, float* out,
              const float* y = nullptr, float* yo = nullptr) {
-        // The first values settle most comparisons without a call.
-        if (y != nullptr && std::memcmp(x, y, sizeof(float)) == 0 &&
-            std::memcmp(x, y, sizeof(float) * len) == 0) {
-            copies_[copy_count_++] = {m, nullptr, yo, nullptr, out, len};
-            y = nullptr;
-        }
+        if (same_input(x, y, len, out, yo)) y = nullptr;
         if (len > kMaxProductLine) {
-            const auto row = round_steps_ ? apply_row : apply_row_unrounded;
-            for (uint32_t i = 0; i < len; ++i) out[i] = row(x, m, len, i);
+            for (uint32_t i = 0; i < len; ++i) out[i] = apply_row(x, m, len, i);
             if (y != nullptr) {
-                for (uint32_t i = 0; i < len; ++i) yo[i] = row(y, m, len, i);
+                for (uint32_t i = 0; i < len; ++i) yo[i] = apply_row(y, m, len, i);
             }
             return;
         }
@@ -60,8 +63,25 @@ public:
         const double* yd = y != nullptr ? widen(y, len) : nullptr;
         lines_[count_++] = {m, xd, out, yd, yo, len};
     }
+    // A line of float sums (the stage made with round_steps false).
+    void add(const float* m, uint32_t len, const float* x, float* out,
+             const float* y = nullptr, float* yo = nullptr) {
+        if (same_input(x, y, len, out, yo)) y = nullptr;
+        if (len > kMaxProductLine) {
+            for (uint32_t i = 0; i < len; ++i) out[i] = apply_row_float(x, m, len, i);
+            if (y != nullptr) {
+                for (uint32_t i = 0; i < len; ++i) yo[i] = apply_row_float(y, m, len, i);
+            }
+            return;
+        }
+        float_lines_[count_++] = {m, x, out, y, yo, len};
+    }
     void run() {
-        run_(lines_, count_);
+        if (run_ != nullptr) {
+            run_(lines_, count_);
+        } else {
+            run_float_(float_lines_, count_);
+        }
         for (uint32_t i = 0; i < copy_count_; ++i) {
             std::memcpy(copies_[i].out, copies_[i].yo, sizeof(float) * copies_[i].len);
         }
@@ -71,6 +91,16 @@ public:
     }
 
 private:
+    // True when y has the bits of x: yo is then a copy of out, made by run().
+    bool same_input(const float* x, const float* y, uint32_t len, float* out, float* yo) {
+        // The first values settle most comparisons without a call.
+        if (y != nullptr && std::memcmp(x, y, sizeof(float)) == 0 &&
+            std::memcmp(x, y, sizeof(float) * len) == 0) {
+            copies_[copy_count_++] = {nullptr, nullptr, yo, nullptr, out, len};
+            return true;
+        }
+        return false;
+    }
     const double* widen(const float* v, uint32_t len) {
         double* d = widened_ + used_;
         for (uint32_t i = 0; i < len; ++i) d[i] = v[i];
@@ -79,10 +109,11 @@ private:
     }
 
     ProductLine* lines_;
+    ProductLineF* float_lines_;
     ProductLine* copies_;  // yo: the computed outputs, out: where they are copied
     double* widened_;
     LinesFunction run_;
-    bool round_steps_;
+    FloatLinesFunction run_float_;
     uint32_t count_ = 0;
     uint32_t copy_count_ = 0;
     size_t used_ = 0;
@@ -138,10 +169,11 @@ size_t matrix_offset(uint32_t len) {
     return l * (l + 1) * (2 * l + 1) / 6;
 }
 
-// Transposed copies of the matrices, per thread, kept between calls: a copy
-// is used only while the matrix still holds the bits it was made from,
-// which is checked once per matrix and inverse transform.
-class TransposeCache {
+// Transposed copies of the matrices, and float copies of the matrices and
+// their transposes, per thread, kept between calls: a copy is used only
+// while the matrix still holds the bits it was made from, which is checked
+// once per matrix and transform.
+class MatrixCopies {
 public:
     // Starts an inverse transform: every matrix is checked again.
     void next_call() {
@@ -158,6 +190,8 @@ public:
         simd::Carver measure(nullptr);
         measure.take<double>(doubles);
         measure.take<double>(doubles);
+        measure.take<float>(doubles);
+        measure.take<float>(doubles);
         measure.take<uint8_t>(w + 1);
         measure.take<uint32_t>(w + 1);
         unsigned char* base = buffer_.get(measure.used());
@@ -168,6 +202,8 @@ public:
         simd::Carver carve(base);
         original_ = carve.take<double>(doubles);
         transposed_ = carve.take<double>(doubles);
+        float_ = carve.take<float>(doubles);
+        float_transposed_ = carve.take<float>(doubles);
         made_ = carve.take<uint8_t>(w + 1);
         checked_ = carve.take<uint32_t>(w + 1);
         std::memset(made_, 0, w + 1);
@@ -178,27 +214,48 @@ public:
 
     // The transpose of t (length len <= the reserved w): u[s + f*len] = t[f + s*len].
     const double* transposed(const double* t, uint32_t len) {
+        check(t, len);
+        return transposed_ + matrix_offset(len);
+    }
+    // t and its transpose rounded to float.
+    const float* as_float(const double* t, uint32_t len) {
+        check(t, len);
+        return float_ + matrix_offset(len);
+    }
+    const float* transposed_float(const double* t, uint32_t len) {
+        check(t, len);
+        return float_transposed_ + matrix_offset(len);
+    }
+
+private:
+    void check(const double* t, uint32_t len) {
+        if (checked_[len] == call_) return;
         const size_t at = matrix_offset(len);
         const size_t bytes = sizeof(double) * len * len;
         double* original = original_ + at;
-        double* u = transposed_ + at;
-        if (checked_[len] == call_) return u;
         if (made_[len] == 0 || std::memcmp(original, t, bytes) != 0) {
             std::memcpy(original, t, bytes);
+            double* u = transposed_ + at;
+            float* tf = float_ + at;
+            float* uf = float_transposed_ + at;
             for (uint32_t s = 0; s < len; ++s) {
-                for (uint32_t f = 0; f < len; ++f) u[s + f * len] = t[f + s * len];
+                for (uint32_t f = 0; f < len; ++f) {
+                    u[s + f * len] = t[f + s * len];
+                    tf[f + s * len] = static_cast<float>(t[f + s * len]);
+                    uf[s + f * len] = static_cast<float>(t[f + s * len]);
+                }
             }
             made_[len] = 1;
         }
         checked_[len] = call_;
-        return u;
     }
 
-private:
     simd::ThreadBuffer buffer_;
     uint32_t capacity_ = 0;
     double* original_ = nullptr;
     double* transposed_ = nullptr;
+    float* float_ = nullptr;
+    float* float_transposed_ = nullptr;
     uint8_t* made_ = nullptr;
     uint32_t* checked_ = nullptr;  // the call that last checked each length
     uint32_t call_ = 1;
@@ -270,6 +327,7 @@ bool all_zero(const int32_t* v, uint32_t w) {
 struct LineScratch {
     simd::ThreadBuffer buffer;
     ProductLine* lines = nullptr;
+    ProductLineF* float_lines = nullptr;
     ProductLine* copies = nullptr;
     float* values = nullptr;
     double* widened = nullptr;  // two W x W blocks
@@ -277,6 +335,7 @@ struct LineScratch {
     bool reserve(uint32_t w) {
         simd::Carver measure(nullptr);
         measure.take<ProductLine>(w);
+        measure.take<ProductLineF>(w);
         measure.take<ProductLine>(w);
         measure.take<float>(2 * static_cast<size_t>(w) * w);
         measure.take<double>(2 * static_cast<size_t>(w) * w);
@@ -284,6 +343,7 @@ struct LineScratch {
         if (base == nullptr) return false;
         simd::Carver carve(base);
         lines = carve.take<ProductLine>(w);
+        float_lines = carve.take<ProductLineF>(w);
         copies = carve.take<ProductLine>(w);
         values = carve.take<float>(2 * static_cast<size_t>(w) * w);
         widened = carve.take<double>(2 * static_cast<size_t>(w) * w);
@@ -292,7 +352,7 @@ struct LineScratch {
 };
 
 thread_local LineScratch t_scratch;
-thread_local TransposeCache t_transposes;
+thread_local MatrixCopies t_matrices;
 thread_local Realignment t_realignment;
 
 }  // namespace
@@ -302,15 +362,27 @@ void forward_transform_lanes(uint32_t w, simd::Level level, float* noisy_gather,
                              float* pilot_coefficients, const int32_t* column_count,
                              int32_t* row_count, int32_t max_column_count,
                              const double* const* transform_table, bool round_steps) {
-    // (Without scratch memory the unrounded rule falls back to the rounded
+    // (Without scratch memory the float sums fall back to the rounded
     // reference too: the results differ in their last bits only.)
-    if ((round_steps && pixels(column_count, w) < kSmallForward) || !t_scratch.reserve(w)) {
+    if ((round_steps && pixels(column_count, w) < kSmallForward) || !t_scratch.reserve(w) ||
+        (!round_steps && !t_matrices.reserve(w))) {
         forward_transform(SideBox{w}, noisy_gather, pilot_gather, noisy_coefficients,
                           pilot_coefficients, column_count, row_count, max_column_count,
                           transform_table);
         return;
     }
-    Stage stage(t_scratch.lines, t_scratch.copies, t_scratch.widened, level, round_steps);
+    if (!round_steps) t_matrices.next_call();
+    Stage stage(t_scratch.lines, t_scratch.float_lines, t_scratch.copies, t_scratch.widened, level,
+                round_steps);
+    // The product with the matrix of length len: float sums take its float copy.
+    auto add = [&](uint32_t len, const float* x, float* out, const float* y, float* yo) {
+        const double* t = transform_table[len - 1];
+        if (round_steps) {
+            stage.add(t, len, x, out, y, yo);
+        } else {
+            stage.add(t_matrices.as_float(t, len), len, x, out, y, yo);
+        }
+    };
     // First-stage coefficient f of column j, at j*W + f here (the reference
     // keeps it at j + f*W of the coefficient block until it moves on).
     float* noisy_first = t_scratch.values;
@@ -320,8 +392,8 @@ void forward_transform_lanes(uint32_t w, simd::Level level, float* noisy_gather,
     for (uint32_t j = 0; j < w; ++j) {
         const uint32_t len = static_cast<uint32_t>(column_count[j]);
         if (len == 0) continue;
-        stage.add(transform_table[len - 1], len, noisy_gather + j * w, noisy_first + j * w,
-                  pilot_gather + j * w, pilot_first + j * w);
+        add(len, noisy_gather + j * w, noisy_first + j * w, pilot_gather + j * w,
+            pilot_first + j * w);
     }
     stage.run();
 
@@ -361,8 +433,8 @@ void forward_transform_lanes(uint32_t w, simd::Level level, float* noisy_gather,
     for (uint32_t r = 0; r < static_cast<uint32_t>(max_column_count); ++r) {
         const uint32_t len = static_cast<uint32_t>(row_count[r]);
         if (len == 0) continue;
-        stage.add(transform_table[len - 1], len, noisy_gather + r * w, noisy_coefficients + r * w,
-                  pilot_gather + r * w, pilot_coefficients + r * w);
+        add(len, noisy_gather + r * w, noisy_coefficients + r * w, pilot_gather + r * w,
+            pilot_coefficients + r * w);
     }
     stage.run();
 }
@@ -372,24 +444,28 @@ void inverse_transform_lanes(uint32_t w, simd::Level level, float* coefficients,
                              int32_t* row_cursor, int32_t max_column_count,
                              const double* const* transform_table, bool round_steps) {
     // With one lane the reference's products are as fast; so they are for
-    // small shapes, with no set-up (rounded steps only).
+    // small shapes, with no set-up (rounded steps only). Float sums take
+    // float copies of every length.
+    const uint32_t copied = !round_steps || w < kMaxProductLine ? w : kMaxProductLine;
     if ((round_steps &&
          (level == simd::Level::scalar || pixels(column_count, w) < kSmallInverse)) ||
-        !t_scratch.reserve(w) || !t_transposes.reserve(w < kMaxProductLine ? w : kMaxProductLine)) {
+        !t_scratch.reserve(w) || !t_matrices.reserve(copied)) {
         inverse_transform(SideBox{w}, coefficients, out, column_count, row_count,
                           row_cursor, max_column_count, transform_table);
         return;
     }
-    t_transposes.next_call();
-    Stage stage(t_scratch.lines, t_scratch.copies, t_scratch.widened, level, round_steps);
+    t_matrices.next_call();
+    Stage stage(t_scratch.lines, t_scratch.float_lines, t_scratch.copies, t_scratch.widened, level,
+                round_steps);
     // The transposed product with T is the product with its transpose.
     auto add = [&](uint32_t len, const float* c, float* to) {
         const double* t = transform_table[len - 1];
-        if (len <= kMaxProductLine) {
-            stage.add(t_transposes.transposed(t, len), len, c, to);
+        if (!round_steps) {
+            stage.add(t_matrices.transposed_float(t, len), len, c, to);
+        } else if (len <= kMaxProductLine) {
+            stage.add(t_matrices.transposed(t, len), len, c, to);
         } else {
-            const auto product = round_steps ? apply_transposed : apply_transposed_unrounded;
-            for (uint32_t s = 0; s < len; ++s) to[s] = product(c, t, len, s);
+            for (uint32_t s = 0; s < len; ++s) to[s] = apply_transposed(c, t, len, s);
         }
     };
     std::memset(row_cursor, 0, sizeof(int32_t) * w);

@@ -3,15 +3,16 @@
 //
 // Every one-dimensional product computes all outputs of its line side by
 // side in double lanes (transform_kernels.h); each output keeps its own
-// running float sum, its term order and its rounding after every term. A
-// pilot line with the bits of the noisy line is computed once and copied.
-// The transposed products of the inverse read transposed copies of the
-// matrices, kept per thread and made again when a matrix's bits change
-// (checked once per matrix and call). The re-alignment steps are the
-// reference's, so every array ends as the reference leaves it; where they
-// put each value depends on the column counts alone and is kept per thread
-// for the last counts seen. Small shapes
-// go through the reference routines, which need no set-up.
+// running float sum, its term order and its rounding after every term.
+// The denoiser's float sums run in float lanes on float copies of the
+// matrices. A pilot line with the bits of the noisy line is computed once
+// and copied. The transposed products of the inverse read transposed copies
+// of the matrices; all copies are kept per thread and made again when a
+// matrix's bits change (checked once per matrix and call). The re-alignment
+// steps are the reference's, so every array ends as the reference leaves
+// it; where they put each value depends on the column counts alone and is
+// kept per thread for the last counts seen. Small shapes go through the
+// reference routines, which need no set-up.
 #ifndef SHAPEWIENER_TRANSFORM_TRANSFORM_FAST_H
 #define SHAPEWIENER_TRANSFORM_TRANSFORM_FAST_H
 
@@ -25,9 +26,9 @@ namespace sw {
 // forward_transform() for a box of side w with `level`'s kernels (not
 // Level::reference; an unsupported level runs the one-lane kernels). Small
 // shapes, and shapes whose scratch cannot be had, go through the reference.
-// With round_steps false every running sum stays in double and is rounded
-// once (apply_row_unrounded(): the same bits at every level; small shapes
-// too go through the lanes).
+// With round_steps false the matrices, products and sums are float
+// (apply_row_float(): the same bits at every level; small shapes too go
+// through the lanes).
 void forward_transform_lanes(uint32_t w, simd::Level level, float* noisy_gather,
                              float* pilot_gather, float* noisy_coefficients,
                              float* pilot_coefficients, const int32_t* column_count,
@@ -44,7 +45,7 @@ void inverse_transform_lanes(uint32_t w, simd::Level level, float* coefficients,
 // Drop-in replacements: same arguments and effects as the reference
 // routines, bit for bit, at the active SIMD level or the one given (the
 // reference routines themselves at Level::reference). With round_steps
-// false: the unrounded sums, the same bits at every level (Level::reference
+// false: the float sums, the same bits at every level (Level::reference
 // runs the one-lane kernels).
 template <class Box>
 void forward_transform_fast(const Box& box, float* noisy_gather, float* pilot_gather,

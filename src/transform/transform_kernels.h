@@ -23,37 +23,48 @@ struct ProductLine {
     uint32_t len;
 };
 
+// The same with a float matrix and float inputs (the float sums).
+struct ProductLineF {
+    const float* m;
+    const float* x;
+    float* out;
+    const float* y;
+    float* yo;
+    uint32_t len;
+};
+
 // The longest line the kernels take; longer ones are the caller's.
 constexpr uint32_t kMaxProductLine = 64;
 
 // Runs all lines (each len <= kMaxProductLine). No output may overlap
-// another line's output. Each level's `unrounded::run_lines` keeps the
-// running sums in double (apply_row_unrounded()).
+// another line's output. Each level's `floats::run_lines` forms the products
+// and sums in float (apply_row_float()).
 using LinesFunction = void (*)(const ProductLine* lines, uint32_t count);
+using FloatLinesFunction = void (*)(const ProductLineF* lines, uint32_t count);
 
 namespace transform_scalar {
 void run_lines(const ProductLine* lines, uint32_t count);
-namespace unrounded {
-void run_lines(const ProductLine* lines, uint32_t count);
+namespace floats {
+void run_lines(const ProductLineF* lines, uint32_t count);
 }
 }
 #if SHAPEWIENER_X86_SIMD
 namespace transform_sse2 {
 void run_lines(const ProductLine* lines, uint32_t count);
-namespace unrounded {
-void run_lines(const ProductLine* lines, uint32_t count);
+namespace floats {
+void run_lines(const ProductLineF* lines, uint32_t count);
 }
 }
 namespace transform_avx2 {
 void run_lines(const ProductLine* lines, uint32_t count);
-namespace unrounded {
-void run_lines(const ProductLine* lines, uint32_t count);
+namespace floats {
+void run_lines(const ProductLineF* lines, uint32_t count);
 }
 }
 namespace transform_avx512 {
 void run_lines(const ProductLine* lines, uint32_t count);
-namespace unrounded {
-void run_lines(const ProductLine* lines, uint32_t count);
+namespace floats {
+void run_lines(const ProductLineF* lines, uint32_t count);
 }
 }
 #endif

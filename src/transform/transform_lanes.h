@@ -1,27 +1,55 @@
 // One-dimensional products of the shape transforms with the outputs of a
-// line side by side in double lanes. Output i of a line with matrix m of
-// length len and input x is the running float sum
+// line side by side in lanes. Output i of a line with matrix m of length len
+// and input x is the running float sum
 //   acc = float(double(x[0]) * m[i]);  acc = float(double(acc) + double(x[s]) * m[i + s*len])
 // for s = 1 .. len-1, exactly apply_row() of shape_transform.h; lane i
-// performs these operations for output i. (The transposed products are the
-// same products with the transposed matrix.) With SHAPEWIENER_ROUND_STEPS
-// set to 0 the sums stay in double and only the output is rounded to float
-// (apply_row_unrounded()).
+// performs these operations for output i, in double lanes. (The transposed
+// products are the same products with the transposed matrix.) With
+// SHAPEWIENER_FLOAT_SUMS set to 1 the matrix, the products and the sums are
+// all float, in float lanes (apply_row_float(); twice the lanes per vector).
 //
-// Each step of a sum waits for the rounding of the step before, so several
-// sums run interleaved in registers: a line's outputs are cut into chunks
-// of lanes, two inputs under the same matrix share its loads, and pieces of
-// lines of similar length run together (about eight sums in flight), going
-// on with fewer as the shorter ones end.
+// Each step of a sum waits for the step before, so several sums run
+// interleaved in registers: a line's outputs are cut into chunks of lanes,
+// two inputs under the same matrix share its loads, and pieces of lines of
+// similar length run together (about eight sums in flight), going on with
+// fewer as the shorter ones end.
 //
 // This file has no include guard on purpose: transform_kernels.cpp includes
 // it (through transform_lanes_both.h) once per instruction set, inside a
 // namespace of its own, with the macro SHAPEWIENER_DOUBLE_LANES set to the
 // widest double vector (1 for plain scalars), under that instruction set's
-// target attribute, and once more with SHAPEWIENER_ROUND_STEPS 0 in a
-// namespace `unrounded` inside that. It must not include anything itself.
+// target attribute, and once more with SHAPEWIENER_FLOAT_SUMS 1 in a
+// namespace `floats` inside that. It must not include anything itself.
 
 namespace {
+
+#if SHAPEWIENER_FLOAT_SUMS
+typedef float E;
+typedef ProductLineF Line;
+#define SHAPEWIENER_MAX_LANES (SHAPEWIENER_DOUBLE_LANES == 1 ? 1 : 2 * SHAPEWIENER_DOUBLE_LANES)
+
+// Float lanes need no conversions: the generic vectors of the compiler.
+template <int L>
+struct Lanes {
+    typedef float D __attribute__((vector_size(4 * L)));
+    static inline D load(const float* p) {
+        D v;
+        __builtin_memcpy(&v, p, sizeof v);
+        return v;
+    }
+    static inline void store(float* p, D x) { __builtin_memcpy(p, &x, sizeof x); }
+};
+
+template <>
+struct Lanes<1> {
+    typedef float D;
+    static inline D load(const float* p) { return *p; }
+    static inline void store(float* p, D x) { *p = x; }
+};
+#else
+typedef double E;
+typedef ProductLine Line;
+#define SHAPEWIENER_MAX_LANES SHAPEWIENER_DOUBLE_LANES
 
 template <int L>
 struct Lanes;
@@ -86,12 +114,13 @@ struct Lanes<8> {
     static inline void store(float* p, D x) { _mm256_storeu_ps(p, _mm512_cvtpd_ps(x)); }
 };
 #endif
+#endif  // SHAPEWIENER_FLOAT_SUMS
 
-// A step of a running sum: rounded to float, or kept in double.
-#if SHAPEWIENER_ROUND_STEPS
-#define SHAPEWIENER_STEP(x) V::round(x)
-#else
+// A step of a running sum: rounded to float (float sums are so already).
+#if SHAPEWIENER_FLOAT_SUMS
 #define SHAPEWIENER_STEP(x) (x)
+#else
+#define SHAPEWIENER_STEP(x) V::round(x)
 #endif
 
 // The last chunk of a line ends at len and may overlap the one before it
@@ -103,7 +132,7 @@ inline uint32_t chunk_offset(uint32_t c, uint32_t l, uint32_t len) {
 // Up to three chunks of L lanes of one line (longer lines are split):
 // chunk c covers outputs off[c] .. off[c]+L-1.
 struct Piece {
-    const ProductLine* line;
+    const Line* line;
     uint32_t first;  // first chunk of the line in the piece
 };
 
@@ -113,22 +142,22 @@ template <int L, int A, int C, int R>
 struct Group {
     using V = Lanes<L>;
     typename V::D acc[R][A][C];
-    const double* m[R];
-    const double* x[R];
-    const double* y[R];
+    const E* m[R];
+    const E* x[R];
+    const E* y[R];
     uint32_t len[R];
     uint32_t off[R][C];
 
     inline void start(const Piece* p) {
         for (int k = 0; k < R; ++k) {
-            const ProductLine& l = *p[k].line;
+            const Line& l = *p[k].line;
             m[k] = l.m;
             x[k] = l.x;
             y[k] = l.y;
             len[k] = l.len;
             for (int c = 0; c < C; ++c) off[k][c] = chunk_offset(p[k].first + c, L, l.len);
-            const double x0 = l.x[0];
-            const double y0 = A == 2 ? l.y[0] : 0.0;
+            const E x0 = l.x[0];
+            const E y0 = A == 2 ? l.y[0] : E(0);
             for (int c = 0; c < C; ++c) {
                 const typename V::D v = V::load(l.m + off[k][c]);
                 acc[k][0][c] = SHAPEWIENER_STEP(x0 * v);
@@ -145,9 +174,9 @@ struct Group {
         const uint32_t end = len[Q - 1];
         for (; s < end; ++s) {
             for (int k = 0; k < Q; ++k) {
-                const double* col = m[k] + static_cast<size_t>(s) * len[k];
-                const double xs = x[k][s];
-                const double ys = A == 2 ? y[k][s] : 0.0;
+                const E* col = m[k] + static_cast<size_t>(s) * len[k];
+                const E xs = x[k][s];
+                const E ys = A == 2 ? y[k][s] : E(0);
                 for (int c = 0; c < C; ++c) {
                     const typename V::D v = V::load(col + off[k][c]);
                     acc[k][0][c] = SHAPEWIENER_STEP(acc[k][0][c] + xs * v);
@@ -155,7 +184,7 @@ struct Group {
                 }
             }
         }
-        const ProductLine& l = *p[Q - 1].line;
+        const Line& l = *p[Q - 1].line;
         for (int c = 0; c < C; ++c) {
             V::store(l.out + off[Q - 1][c], acc[Q - 1][0][c]);
             if constexpr (A == 2) V::store(l.yo + off[Q - 1][c], acc[Q - 1][A - 1][c]);
@@ -211,7 +240,7 @@ struct Pieces {
     PieceList<L, A, 2> two;
     PieceList<L, A, 3> three;
 
-    void add(const ProductLine* line) {
+    void add(const Line* line) {
         const uint32_t chunks = (line->len + L - 1) / L;
         for (uint32_t c0 = 0; c0 < chunks; c0 += 3) {
             const uint32_t n = chunks - c0;
@@ -233,57 +262,67 @@ struct Pieces {
 
 // The widest lane count that fits a line of length len.
 inline uint32_t width_for(uint32_t len) {
-    uint32_t l = SHAPEWIENER_DOUBLE_LANES;
+    uint32_t l = SHAPEWIENER_MAX_LANES;
     while (l > len) l /= 2;
     return l;
 }
 
 // A line of length len runs in chunks of the widest lanes that fit.
 template <int A>
-void run_all(const ProductLine* lines, uint32_t count) {
+void run_all(const Line* lines, uint32_t count) {
     Pieces<1, A> p1;
-#if SHAPEWIENER_DOUBLE_LANES > 1
+#if SHAPEWIENER_MAX_LANES > 1
     Pieces<2, A> p2;
 #endif
-#if SHAPEWIENER_DOUBLE_LANES > 2
+#if SHAPEWIENER_MAX_LANES > 2
     Pieces<4, A> p4;
 #endif
-#if SHAPEWIENER_DOUBLE_LANES > 4
+#if SHAPEWIENER_MAX_LANES > 4
     Pieces<8, A> p8;
 #endif
+#if SHAPEWIENER_MAX_LANES > 8
+    Pieces<16, A> p16;
+#endif
     for (uint32_t i = 0; i < count; ++i) {
-        const ProductLine* line = lines + i;
+        const Line* line = lines + i;
         if ((line->y != nullptr) != (A == 2)) continue;
         switch (width_for(line->len)) {
-#if SHAPEWIENER_DOUBLE_LANES > 4
+#if SHAPEWIENER_MAX_LANES > 8
+            case 16: p16.add(line); break;
+#endif
+#if SHAPEWIENER_MAX_LANES > 4
             case 8: p8.add(line); break;
 #endif
-#if SHAPEWIENER_DOUBLE_LANES > 2
+#if SHAPEWIENER_MAX_LANES > 2
             case 4: p4.add(line); break;
 #endif
-#if SHAPEWIENER_DOUBLE_LANES > 1
+#if SHAPEWIENER_MAX_LANES > 1
             case 2: p2.add(line); break;
 #endif
             default: p1.add(line); break;
         }
     }
-#if SHAPEWIENER_DOUBLE_LANES > 4
+#if SHAPEWIENER_MAX_LANES > 8
+    p16.run();
+#endif
+#if SHAPEWIENER_MAX_LANES > 4
     p8.run();
 #endif
-#if SHAPEWIENER_DOUBLE_LANES > 2
+#if SHAPEWIENER_MAX_LANES > 2
     p4.run();
 #endif
-#if SHAPEWIENER_DOUBLE_LANES > 1
+#if SHAPEWIENER_MAX_LANES > 1
     p2.run();
 #endif
     p1.run();
 }
 
 #undef SHAPEWIENER_STEP
+#undef SHAPEWIENER_MAX_LANES
 
 }  // namespace
 
-void run_lines(const ProductLine* lines, uint32_t count) {
+void run_lines(const Line* lines, uint32_t count) {
     uint32_t pairs = 0;
     for (uint32_t i = 0; i < count; ++i) pairs += lines[i].y != nullptr ? 1 : 0;
     if (pairs > 0) run_all<2>(lines, count);
