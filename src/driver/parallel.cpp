@@ -101,8 +101,7 @@ void count_coverage(const Box& box, uint32_t row, uint32_t col, const ClippedBox
         const uint32_t j = x - col + reach;
         for (uint32_t y = clip.r0; y <= clip.r1; ++y) {
             const uint32_t at = y - row + reach + j * w;
-            const uint8_t byte = masks[0][at] | masks[1][at] | masks[2][at] | masks[3][at] |
-                                 masks[4][at] | masks[5][at] | masks[6][at] | masks[7][at];
+            const uint8_t byte = sector_union_at(masks, at);
             if (byte == 0) continue;
             uint16_t& c = coverage_count[y + static_cast<size_t>(x) * m];
             c = static_cast<uint16_t>(c + 1);

@@ -211,8 +211,7 @@ void share_levels(const FilterCall& call, uint32_t h, LevelStore* store) {
             for (uint32_t y = clip.r0; y <= clip.r1; ++y) {
                 const uint32_t a = y - row + reach;
                 const uint32_t at = a + j * w;
-                const uint8_t byte = masks[0][at] | masks[1][at] | masks[2][at] | masks[3][at] |
-                                     masks[4][at] | masks[5][at] | masks[6][at] | masks[7][at];
+                const uint8_t byte = sector_union_at(masks, at);
                 if (byte == 0) continue;
                 const uint32_t line = by_columns ? j : a;
                 const uint32_t along = by_columns ? a : j;

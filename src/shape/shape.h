@@ -67,6 +67,13 @@ inline void fetch_sector_masks(const ArrayView<uint8_t>* sector_mask_bank,
     }
 }
 
+// The shape's value at offset `at` of the W x W box: the union of the eight
+// sectors' values (non-zero where any sector holds the pixel).
+inline uint8_t sector_union_at(const uint8_t* const masks[8], uint32_t at) {
+    return static_cast<uint8_t>(masks[0][at] | masks[1][at] | masks[2][at] | masks[3][at] |
+                                masks[4][at] | masks[5][at] | masks[6][at] | masks[7][at]);
+}
+
 }  // namespace sw
 
 #endif  // SHAPEWIENER_SHAPE_SHAPE_H

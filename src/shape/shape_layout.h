@@ -60,8 +60,7 @@ void build_layout(const Box& box, uint32_t row, uint32_t col, const ClippedBox& 
         for (uint32_t y = clip.r0; y <= clip.r1; ++y) {
             const uint32_t i = y - row + reach;
             const uint32_t at = i + j * w;
-            const uint8_t byte = masks[0][at] | masks[1][at] | masks[2][at] | masks[3][at] |
-                                 masks[4][at] | masks[5][at] | masks[6][at] | masks[7][at];
+            const uint8_t byte = sector_union_at(masks, at);
             shape_mask[at] = byte;
             if (byte == 0) continue;
             const uint32_t b = by_columns ? j : i;
