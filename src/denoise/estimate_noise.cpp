@@ -212,7 +212,13 @@ const double kTrustedRadius = 0.16;  // cycles per pixel
 // true sigma). There the cut is limited to kLowCapMaxCut: a smooth image
 // under strong low-pass noise also shows a small ratio there, and the
 // noise would be cut with the image (moon under the 9 x 1 line kernel at
-// 0.1 lost 2.6 dB uncapped, 0.5 so).
+// 0.1 lost 2.6 dB uncapped, 0.5 so). One value of a stands for them only
+// where their ratios are about even: the lower quartile at least
+// kLowCapEvenness of the largest (brick, noise-free or under any noise:
+// 0.88-0.94). Where the noise takes over part of them, the ratios fall
+// off from the largest (moon under low-pass noise of 0.1: 0.69-0.81) and
+// the cap would take that noise for image.
+const double kLowCapEvenness = 0.85;
 const double kLowCapMaxRatio = 1.6;
 const double kLowCapMinShare = 0.15;
 const double kLowCapMaxCut = 2.0;
@@ -289,8 +295,13 @@ void cap_by_cumulant(const std::vector<double>& periodograms, size_t n_blocks, u
     }
     if (!(a_high < kCumulantMaxRatio) ||
         static_cast<double>(high_significant) < kCumulantMinShare * static_cast<double>(high_cells)) {
+        std::vector<double> low_ratios;
+        for (size_t f = 1; f < bins; ++f) {
+            if (low[f] && m2s[f] > 0.0) low_ratios.push_back(root[f] / m2s[f]);
+        }
         if (a_low > 0.0 && a_low < kLowCapMaxRatio &&
-            static_cast<double>(high_significant) >= kLowCapMinShare * static_cast<double>(high_cells)) {
+            static_cast<double>(high_significant) >= kLowCapMinShare * static_cast<double>(high_cells) &&
+            order_statistic(low_ratios, low_ratios.size() / 4) >= kLowCapEvenness * a_low) {
             for (size_t f = 1; f < bins; ++f) {
                 if (!low[f] || root[f] == 0.0) continue;
                 const double cap = std::max(m2s[f] - root[f] / a_low, (*spectrum)[f] / kLowCapMaxCut);
