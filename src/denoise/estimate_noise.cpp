@@ -459,6 +459,7 @@ double offset(uint32_t i, uint32_t a, uint32_t n) {
 }
 
 void fit_peaks(const std::vector<char>& peak, const std::vector<char>& centre, uint32_t b, uint32_t rows, uint32_t cols,
+               double blur,
                const std::vector<double>& smooth, const std::vector<double>& image_level,
                const std::vector<double>& noise_level, std::vector<double>* psd, std::vector<double>* beneath) {
     const size_t cells = peak.size();
@@ -553,7 +554,6 @@ void fit_peaks(const std::vector<char>& peak, const std::vector<char>& centre, u
         const double f12 = s12 * scale * scale;
         s22 *= scale * scale;
         const double fitted_det = s11 * s22 - f12 * f12;
-        const double blur = kPeakSmoothing * kPeakSmoothing;
         const double c11 = std::max(s11 - blur, kPeakMinVariance);
         const double c22 = std::max(s22 - blur, kPeakMinVariance);
         const double c12 = std::max(std::min(f12, 0.95 * std::sqrt(c11 * c22)), -0.95 * std::sqrt(c11 * c22));
@@ -674,7 +674,11 @@ double refine_peaks(const sw::Image& image, const std::vector<double>& coarse, c
         taps[d + radius] = std::exp(-0.5 * d * d / (kPeakSmoothing * kPeakSmoothing));
         tap_sum += taps[d + radius];
     }
-    for (double& t : taps) t /= tap_sum;
+    double blur = 0.0;  // the smoothing's variance (its taps end at two widths)
+    for (int d = -radius; d <= radius; ++d) {
+        taps[d + radius] /= tap_sum;
+        blur += d * d * taps[d + radius];
+    }
     std::vector<double> tmp(count);
     for (uint32_t x = 0; x < cols; ++x) {
         for (uint32_t u = 0; u < rows; ++u) {
@@ -736,7 +740,7 @@ double refine_peaks(const sw::Image& image, const std::vector<double>& coarse, c
             (*beneath)[i] = noise_level[i];
         }
     }
-    fit_peaks(peak, centre, b, rows, cols, smooth, image_level, noise_level, psd, beneath);
+    fit_peaks(peak, centre, b, rows, cols, blur, smooth, image_level, noise_level, psd, beneath);
     double total = 0.0;
     for (double v : *psd) total += v;
     return total > 0.0 ? std::max(kept - floor, 0.0) / total : 0.0;
