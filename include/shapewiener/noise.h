@@ -47,8 +47,11 @@ struct NoiseEstimate {
 // per-frequency low quantile (the flattest blocks, judged over all
 // frequencies at once) are averaged, with a fixed factor that undoes the
 // bias of choosing the lowest, and the block-sized spectrum is
-// interpolated to the image's size. Narrow peaks, which the blocks blur,
-// take their shape from the whole image's periodogram. Without such peaks,
+// interpolated to the image's size. Texture, which the flattest blocks can
+// still hold, is told from noise by its fourth cumulant over the blocks (a
+// noise coefficient's is zero) and taken off where it is significant.
+// Narrow peaks, which the blocks blur, each get a Gaussian fitted to the
+// whole image's periodogram above the image's own level. Without such peaks,
 // a spectrum flat above 0.14 cycles per pixel is taken as white noise (its
 // rise towards DC as the image's own structure) and made flat. On a
 // quantised image (all values on a lattice of step q, e.g. 8-bit data) an
