@@ -467,27 +467,15 @@ bool solve(std::vector<double>* a, std::vector<double>* r, size_t n) {
     return true;
 }
 
-// Signed distance from a to i on a periodic axis of n bins.
-double offset(uint32_t i, uint32_t a, uint32_t n) {
-    const uint32_t d = (i + n - a) % n;
-    return 2 * d > n ? static_cast<double>(d) - n : static_cast<double>(d);
-}
-
-void fit_peaks(const std::vector<char>& peak, const std::vector<char>& centre, uint32_t b, uint32_t rows, uint32_t cols,
-               double blur,
-               const std::vector<double>& smooth, const std::vector<double>& image_level,
-               const std::vector<double>& noise_level, std::vector<double>* psd, std::vector<double>* beneath) {
-    const size_t cells = peak.size();
-    std::vector<char> seen(cells, 0);
-    std::vector<char> member(cells, 0);
+// Groups of neighbouring marked cells of a b x b grid (8-neighbours,
+// periodic), in the order of their lowest cell; each group's cells sorted.
+std::vector<std::vector<size_t>> neighbour_groups(const std::vector<char>& marked, uint32_t b) {
+    std::vector<std::vector<size_t>> groups;
+    std::vector<char> seen(marked.size(), 0);
     std::vector<size_t> stack;
-    std::vector<size_t> group;
-    const double scale = 8.0;  // bins per unit of the fit's coordinates
-    const double window_u = static_cast<double>(kPeakReach) * rows / b;
-    const double window_x = static_cast<double>(kPeakReach) * cols / b;
-    for (size_t seed = 0; seed < cells; ++seed) {
-        if (!centre[seed] || seen[seed]) continue;
-        group.clear();
+    for (size_t seed = 0; seed < marked.size(); ++seed) {
+        if (!marked[seed] || seen[seed]) continue;
+        std::vector<size_t> group;
         stack.assign(1, seed);
         seen[seed] = 1;
         while (!stack.empty()) {
@@ -499,13 +487,34 @@ void fit_peaks(const std::vector<char>& peak, const std::vector<char>& centre, u
             for (uint32_t a = 0; a < 3; ++a) {
                 for (uint32_t d = 0; d < 3; ++d) {
                     const size_t j = (u + b + a - 1) % b + static_cast<size_t>(b) * ((v + b + d - 1) % b);
-                    if (centre[j] && !seen[j]) {
+                    if (marked[j] && !seen[j]) {
                         seen[j] = 1;
                         stack.push_back(j);
                     }
                 }
             }
         }
+        std::sort(group.begin(), group.end());
+        groups.push_back(std::move(group));
+    }
+    return groups;
+}
+
+// Signed distance from a to i on a periodic axis of n bins.
+double offset(uint32_t i, uint32_t a, uint32_t n) {
+    const uint32_t d = (i + n - a) % n;
+    return 2 * d > n ? static_cast<double>(d) - n : static_cast<double>(d);
+}
+
+void fit_peaks(const std::vector<char>& peak, const std::vector<char>& centre, uint32_t b, uint32_t rows, uint32_t cols,
+               double blur,
+               const std::vector<double>& smooth, const std::vector<double>& image_level,
+               const std::vector<double>& noise_level, std::vector<double>* psd, std::vector<double>* beneath) {
+    std::vector<char> member(peak.size(), 0);
+    const double scale = 8.0;  // bins per unit of the fit's coordinates
+    const double window_u = static_cast<double>(kPeakReach) * rows / b;
+    const double window_x = static_cast<double>(kPeakReach) * cols / b;
+    for (const std::vector<size_t>& group : neighbour_groups(centre, b)) {
         std::fill(member.begin(), member.end(), 0);
         for (size_t c : group) member[c] = 1;
         // The group's highest excess.
@@ -860,31 +869,7 @@ bool flatten_pattern_peaks(const std::vector<double>& periodograms, const std::v
     // Groups: neighbouring centres (8-neighbours, periodic). Joined through
     // their skirts instead, a pattern's peaks and a noise peak beside them
     // would be judged as one.
-    std::vector<char> seen(bins, 0);
-    std::vector<size_t> stack;
-    std::vector<size_t> centres;
-    for (size_t seed = 0; seed < bins; ++seed) {
-        if (!centre[seed] || seen[seed]) continue;
-        centres.clear();
-        stack.assign(1, seed);
-        seen[seed] = 1;
-        while (!stack.empty()) {
-            const size_t i = stack.back();
-            stack.pop_back();
-            centres.push_back(i);
-            const uint32_t u = static_cast<uint32_t>(i % b);
-            const uint32_t v = static_cast<uint32_t>(i / b);
-            for (uint32_t a = 0; a < 3; ++a) {
-                for (uint32_t c = 0; c < 3; ++c) {
-                    const size_t j = (u + b + a - 1) % b + static_cast<size_t>(b) * ((v + b + c - 1) % b);
-                    if (centre[j] && !seen[j]) {
-                        seen[j] = 1;
-                        stack.push_back(j);
-                    }
-                }
-            }
-        }
-        std::sort(centres.begin(), centres.end());
+    for (const std::vector<size_t>& centres : neighbour_groups(centre, b)) {
         bool kept = false;
         for (size_t i : centres) kept = kept || (*noise)[i];
         if (kept || !(mean_excess(periodograms, blocks, bins, centres) > kPatternExcess)) {
